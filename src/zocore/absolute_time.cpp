@@ -1,0 +1,1 @@
+#include <zocore/absolute_time.h>

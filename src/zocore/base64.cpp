@@ -1,0 +1,1 @@
+#include <zocore/base64.h>

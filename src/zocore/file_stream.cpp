@@ -1,0 +1,1 @@
+#include <zocore/file_stream.h>

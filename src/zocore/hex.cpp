@@ -1,0 +1,1 @@
+#include <zocore/hex.h>

@@ -1,0 +1,1 @@
+#include <zocore/memory_stream.h>

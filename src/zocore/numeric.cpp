@@ -1,0 +1,1 @@
+#include <zocore/numeric.h>

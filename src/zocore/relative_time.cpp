@@ -1,0 +1,1 @@
+#include <zocore/relative_time.h>

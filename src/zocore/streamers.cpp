@@ -1,0 +1,1 @@
+#include <zocore/streamers.h>

@@ -1,0 +1,1 @@
+#include <zocore/string_key.h>

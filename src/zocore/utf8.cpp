@@ -1,0 +1,1 @@
+#include <zocore/utf8.h>

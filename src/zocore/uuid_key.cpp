@@ -1,0 +1,1 @@
+#include <zocore/uuid_key.h>

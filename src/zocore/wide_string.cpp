@@ -1,0 +1,1 @@
+#include <zocore/wide_string.h>

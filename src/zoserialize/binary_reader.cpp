@@ -1,0 +1,1 @@
+#include <zoserialize/binary_reader.h>

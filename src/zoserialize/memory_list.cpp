@@ -1,0 +1,1 @@
+#include <zoserialize/memory_list.h>

@@ -1,0 +1,74 @@
+#include <zocore/error_composer.h>
+#include <zocore/wide_string.h>
+#include <zoserialize/error_codes.h>
+#include <zoserialize/writer.h>
+
+#include <cwchar>
+#include <limits>
+#include <source_location>
+#include <string>
+
+namespace zoserialize {
+namespace {
+
+constexpr char kModuleId[] = "$Id: src/zoserialize/writer.cpp $";
+zocore::SourceLocation here(char const* function,
+                            std::source_location at = std::source_location::current()) {
+  return {function, kModuleId, at.line()};
+}
+
+}  // namespace
+
+Writer::~Writer() = default;
+
+void Writer::close() {}
+
+void Writer::flush() {}
+
+unsigned Writer::size_of(std::size_t n) {
+  if (n > std::numeric_limits<unsigned>::max()) [[unlikely]] {
+    zocore::ErrorComposer(
+        "Value is too large to be written whole; write it through a stream.  Size={@size}")
+        .add("size", static_cast<unsigned long long>(n))
+        .throw_error(error::zoserialize_writer_data_range, here("zoserialize::Writer::size_of()"));
+  }
+  return static_cast<unsigned>(n);
+}
+
+Writer& Writer::operator<<(SourceLocation const& location) {
+  write_marker_start();
+  write_string(location.function().data(), location.function().size());
+  write_string(location.file().data(), location.file().size());
+  write_uint32(location.line());
+  write_marker_end();
+  return *this;
+}
+
+void Writer::write_string(wchar_t const* text) {
+  write_string(text, size_of(std::wcslen(text)));
+}
+
+void Writer::write_string(wchar_t const* text, unsigned count) {
+  std::string const utf8 = zocore::to_string(text, count);
+  write_string(utf8.data(), size_of(utf8.size()));
+}
+
+void Writer::write_string_key(StringKey const& key) {
+  std::string_view const text = key.value();
+  write_string(text.data(), size_of(text.size()));
+}
+
+WriteMarker::WriteMarker(Writer& writer) : writer_(&writer) { writer.write_marker_start(); }
+
+WriteMarker::~WriteMarker() {
+  try {
+    close();
+  } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor must not throw
+  }
+}
+
+void WriteMarker::close() {
+  if (Writer* const w = std::exchange(writer_, nullptr)) w->write_marker_end();
+}
+
+}  // namespace zoserialize

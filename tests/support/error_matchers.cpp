@@ -1,0 +1,38 @@
+#include <support/error_matchers.h>
+
+#include <gtest/gtest.h>
+
+namespace zotest {
+
+ErrorPtr expect_error(std::function<void()> const& fn, zocore::ErrorCode const& code,
+                      std::string_view message, std::source_location where) {
+  ::testing::ScopedTrace trace(where.file_name(), static_cast<int>(where.line()),
+                               "expected error here");
+  try {
+    fn();
+  } catch (zocore::ErrorException const& e) {
+    ErrorPtr const& info = e.info();
+    if (!info) {
+      ADD_FAILURE() << "ErrorException without a record";
+      return nullptr;
+    }
+    EXPECT_EQ(info->code().view(), code.view()) << "message: " << info->rendered();
+    EXPECT_EQ(info->message().view(), message);
+    if (info->code() == code && info->message().view() == message) return info;
+    return nullptr;
+  } catch (std::exception const& e) {
+    ADD_FAILURE() << "expected ErrorException " << code << ", got std::exception: " << e.what();
+    return nullptr;
+  }
+  ADD_FAILURE() << "expected ErrorException " << code << " (\"" << message
+                << "\"), nothing was thrown";
+  return nullptr;
+}
+
+std::string param(ErrorPtr const& info, std::string_view name) {
+  if (!info) return "<no error>";
+  std::string const* value = info->params().find(name);
+  return value ? *value : "<missing>";
+}
+
+}  // namespace zotest

@@ -1,0 +1,32 @@
+// Assertions on thrown framework errors.
+#pragma once
+
+#include <zocore/error_code.h>
+#include <zocore/error_exception.h>
+#include <zocore/error_info.h>
+
+#include <functional>
+#include <source_location>
+#include <string_view>
+
+namespace zotest {
+
+using ErrorPtr = zocore::RefCountPtr<zocore::ErrorInfo const>;
+
+// Runs `fn` and records a test failure unless it throws a zocore::ErrorException whose code is
+// exactly `code` and whose message template (placeholders not substituted) is exactly
+// `message`. Returns the thrown record, or null when the expectation failed, so that a test can
+// go on to check parameters, errno and location.
+ErrorPtr expect_error(std::function<void()> const& fn, zocore::ErrorCode const& code,
+                      std::string_view message,
+                      std::source_location where = std::source_location::current());
+
+// The value of parameter `name` of `info`, or "<missing>".
+std::string param(ErrorPtr const& info, std::string_view name);
+
+}  // namespace zotest
+
+// ZO_EXPECT_ERROR(reader.read_bool(), error::zoserialize_reader_eof, "...") evaluates to the
+// thrown record (null on failure).
+#define ZO_EXPECT_ERROR(statement, code, message) \
+  ::zotest::expect_error([&] { statement; }, code, message)
