@@ -1,11 +1,11 @@
 // A point in time with nanosecond resolution.
 #pragma once
 
-#include <zocore/export.h>
-
 #include <compare>
 #include <cstdint>
 #include <string>
+
+#include <zocore/export.h>
 
 namespace zocore {
 
@@ -27,6 +27,10 @@ class ZOCORE_API AbsoluteTime {
     unsigned nanosecond = 0;
 
     Components() = default;
+    constexpr Components(int y, unsigned mo, unsigned d, unsigned h = 0, unsigned mi = 0,
+                         unsigned s = 0, unsigned ns = 0) noexcept
+        : year(y), month(mo), day(d), hour(h), minute(mi), second(s), nanosecond(ns) {}
+    // Exact for every count, including the two limits.
     explicit Components(AbsoluteTime const& t) noexcept;
     friend bool operator==(Components const&, Components const&) = default;
   };
@@ -36,6 +40,7 @@ class ZOCORE_API AbsoluteTime {
 
   static constexpr AbsoluteTime zero() noexcept { return AbsoluteTime(0); }
   static constexpr AbsoluteTime infinite() noexcept { return AbsoluteTime(kInfiniteCount); }
+  // The current time of the system clock.
   static AbsoluteTime now() noexcept;
 
   constexpr std::int64_t count() const noexcept { return count_; }
@@ -49,7 +54,9 @@ class ZOCORE_API AbsoluteTime {
   // "YYYY-MM-DD hh:mm:ss", then "." and up to nine digits (trailing zeros removed) when the
   // nanoseconds are not zero.
   std::string as_string() const;
-  // Accepts exactly the as_string form, also with 'T' between date and time.
+  // Accepts exactly the as_string form, also with 'T' between date and time; the fraction may
+  // keep trailing zeros but has one to nine digits. False (leaving *out unchanged) for any other
+  // text, a date that does not exist, or an instant outside the representable range.
   static bool from_string_nothrow(std::string const& text, AbsoluteTime* out) noexcept;
 
   friend constexpr auto operator<=>(AbsoluteTime, AbsoluteTime) = default;

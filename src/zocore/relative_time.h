@@ -1,11 +1,11 @@
 // A signed time span with nanosecond resolution.
 #pragma once
 
-#include <zocore/export.h>
-
 #include <compare>
 #include <cstdint>
 #include <string>
+
+#include <zocore/export.h>
 
 namespace zocore {
 
@@ -25,10 +25,12 @@ class ZOCORE_API RelativeTime {
   constexpr bool is_zero() const noexcept { return count_ == 0; }
   constexpr bool is_infinite() const noexcept { return count_ == kInfiniteCount; }
 
-  // Signed seconds with up to nine decimals and an "s": "1.5s", "-0.25s", "0s"; "inf" for the
-  // infinite span.
+  // Signed seconds with up to nine decimals (trailing zeros removed) and an "s": "1.5s",
+  // "-0.25s", "0s"; "inf" for the infinite span.
   std::string as_string() const;
-  // Accepts the as_string forms.
+  // Accepts the as_string forms: "inf", or an optional "-", one or more digits of seconds, an
+  // optional "." with one to nine digits, and "s". False (leaving *out unchanged) for any other
+  // text or a value outside the count's range.
   static bool from_string_nothrow(std::string const& text, RelativeTime* out) noexcept;
 
   friend constexpr auto operator<=>(RelativeTime, RelativeTime) = default;

@@ -1,12 +1,12 @@
 // 128-bit universally unique identifier.
 #pragma once
 
-#include <zocore/export.h>
-
 #include <array>
 #include <compare>
 #include <cstddef>
 #include <string>
+
+#include <zocore/export.h>
 
 namespace zocore {
 
@@ -25,11 +25,14 @@ class ZOCORE_API Uuid {
 
   // The 16 bytes at `data`.
   static Uuid from_binary(unsigned char const* data) noexcept;
-  // Parses either text form, in either case; throws error::zocore_format on anything else.
+  // Parses either text form, in either case: exactly 36 characters with hyphens at offsets 8, 13,
+  // 18 and 23, or exactly 32 hex digits. Throws error::zocore_format ("Invalid UUID text", with
+  // the text as parameter "text") on anything else. `text` may be null when `size` is 0.
   static Uuid from_string(char const* text, unsigned size);
   // As from_string, but returns false (leaving *out unchanged) instead of throwing.
   static bool from_string_nothrow(char const* text, unsigned size, Uuid* out) noexcept;
-  // A random (version 4, variant 1) UUID.
+  // A random (version 4, variant 1) UUID from a per-thread generator seeded by
+  // std::random_device; not for cryptographic use. Throws only when the entropy source fails.
   static Uuid create_random();
 
   bool is_null() const noexcept;
@@ -45,7 +48,8 @@ class ZOCORE_API Uuid {
   std::array<unsigned char, 16> bytes_{};
 };
 
-struct UuidHash {
+// Mixes all sixteen bytes, so UUIDs that differ in any byte spread over the buckets.
+struct ZOCORE_API UuidHash {
   std::size_t operator()(Uuid const& u) const noexcept;
 };
 
