@@ -1,11 +1,11 @@
 // Base64 (RFC 4648, standard alphabet A-Z a-z 0-9 + /).
 #pragma once
 
-#include <zocore/export.h>
-
 #include <cstddef>
 #include <string>
 #include <string_view>
+
+#include <zocore/export.h>
 
 namespace zocore {
 
@@ -22,7 +22,9 @@ ZOCORE_API std::string base64_encode(void const* data, std::size_t size, bool pa
 
 // Decodes base64 text; padding is optional but, when present, must be correct. Whitespace is not
 // accepted. Throws error::zocore_format ("Invalid base64 text at offset {@offset}") on anything
-// else, including non-zero bits in the unused part of the last character.
+// else, including non-zero bits in the unused part of the last character. The offset is that of
+// the first character that cannot stand where it is; when the text ends too early (a lone last
+// character, incomplete padding) it is the text's length.
 ZOCORE_API std::string base64_decode(std::string_view text);
 
 }  // namespace zocore

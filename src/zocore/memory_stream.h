@@ -1,14 +1,15 @@
 // Streams over memory.
 #pragma once
 
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <utility>
+
 #include <zocore/atomic_ref_count.h>
 #include <zocore/export.h>
 #include <zocore/ref_counted.h>
 #include <zocore/stream.h>
-
-#include <cstddef>
-#include <string>
-#include <string_view>
 
 namespace zocore {
 
@@ -41,7 +42,12 @@ class ZOCORE_API StringWriteStream : public IWriteStream, public RefCounted<Atom
   void write(void const* data, unsigned size) override;
 
   std::string const& str() const noexcept { return data_; }
-  std::string take() noexcept { return std::move(data_); }
+  // Hands over what was written and leaves the stream empty for further writes.
+  std::string take() noexcept {
+    std::string out = std::move(data_);
+    data_.clear();
+    return out;
+  }
   void clear() noexcept { data_.clear(); }
   void reserve(std::size_t n) { data_.reserve(n); }
 

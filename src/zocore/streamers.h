@@ -1,10 +1,11 @@
 // Formatters for diagnostic traces.
 #pragma once
 
-#include <zocore/export.h>
-
+#include <cstddef>
 #include <cstdint>
 #include <iosfwd>
+
+#include <zocore/export.h>
 
 namespace zocore::streamers {
 
@@ -12,7 +13,8 @@ namespace zocore::streamers {
 //   <prefix><offset, 8 hex digits>  xx xx xx xx xx xx xx xx  xx xx xx xx xx xx xx xx  |ascii...|
 // The offset column starts at `start_offset`; bytes outside 0x20..0x7E show as '.' in the ASCII
 // column; a short last line is padded so the ASCII column stays aligned. Lines are separated by
-// '\n'; there is no newline after the last line. Nothing is written for size 0.
+// '\n'; there is no newline after the last line. Nothing is written for size 0. The offset takes
+// more than 8 digits only when it needs them. `data` is borrowed for the call.
 ZOCORE_API void render_hex_dump(std::ostream& os, void const* data, std::size_t size,
                                 std::uint64_t start_offset = 0, char const* line_prefix = "");
 

@@ -1,9 +1,9 @@
 // UTF-8 helpers.
 #pragma once
 
-#include <zocore/export.h>
-
 #include <cstddef>
+
+#include <zocore/export.h>
 
 namespace zocore {
 
