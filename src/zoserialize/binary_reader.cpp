@@ -1,1 +1,447 @@
+#include <zocore/error_composer.h>
+#include <zocore/throw_error.h>
 #include <zoserialize/binary_reader.h>
+#include <zoserialize/error_codes.h>
+#include <zoserialize/impl/integer_form.h>
+#include <zoserialize/impl/utf8_validating_stream.h>
+
+#include <source_location>
+
+namespace zoserialize {
+namespace {
+
+constexpr char kModuleId[] = "$Id: src/zoserialize/binary_reader.cpp $";
+zocore::SourceLocation here(char const* function,
+                            std::source_location at = std::source_location::current()) {
+  return {function, kModuleId, at.line()};
+}
+
+[[noreturn]] void throw_detached(char const* function) {
+  zocore::throw_error(error::zoserialize_reader_state,
+                      "Reader has already been detached from stream", here(function));
+}
+
+}  // namespace
+
+// ---- Payload streams -----------------------------------------------------------------------
+
+// A payload stream reads through its reader. The reader holds a reference to the stream it
+// handed out last and detaches it (consuming its unread rest) before it reads anything else.
+class BinaryReader::BinaryStreamImplBase : public IReadStream,
+                                           public zocore::RefCounted<zocore::AtomicRefCount> {
+ public:
+  explicit BinaryStreamImplBase(BinaryReader* reader) noexcept : reader_(reader) {}
+
+  // Forgets the reader without consuming anything.
+  void abandon() noexcept { reader_ = nullptr; }
+
+ protected:
+  BinaryReader& reader(char const* function) const {
+    if (!reader_) throw_detached(function);
+    return *reader_;
+  }
+  // Reads exactly `size` bytes of payload or raises the end-of-data failure.
+  void read_exactly(void* data, unsigned size, char const* function) {
+    unsigned const got = reader(function).read_aux(data, size);
+    if (got < size) throw_eof_error(size, got);
+  }
+  void skip_exactly(unsigned size, char const* function) {
+    unsigned const got = reader(function).skip_aux(size);
+    if (got < size) throw_eof_error(size, got);
+  }
+
+  BinaryReader* reader_;  // null once detached
+};
+
+class BinaryReader::BinaryStreamImpl : public BinaryStreamImplBase {
+ public:
+  BinaryStreamImpl(BinaryReader* reader, unsigned length) noexcept
+      : BinaryStreamImplBase(reader), remaining_(length) {}
+
+  unsigned read(void* data, unsigned size) override {
+    static constexpr char kFunction[] = "zoserialize::BinaryReader::BinaryStreamImpl::read()";
+    reader(kFunction);
+    unsigned const m = size < remaining_ ? size : remaining_;
+    read_exactly(data, m, kFunction);
+    remaining_ -= m;
+    return m;
+  }
+
+  unsigned skip(unsigned size) override {
+    static constexpr char kFunction[] = "zoserialize::BinaryReader::BinaryStreamImpl::skip()";
+    reader(kFunction);
+    unsigned const m = size < remaining_ ? size : remaining_;
+    skip_exactly(m, kFunction);
+    remaining_ -= m;
+    return m;
+  }
+
+  unsigned bytes_remaining() const override {
+    reader("zoserialize::BinaryReader::BinaryStreamImpl::bytes_remaining()");
+    return remaining_;
+  }
+
+  void close() override {
+    reader("zoserialize::BinaryReader::BinaryStreamImpl::close()");
+    skip(remaining_);
+    reader_ = nullptr;
+  }
+
+ private:
+  unsigned remaining_;
+};
+
+class BinaryReader::BinaryStreamChunkedImpl : public BinaryStreamImplBase {
+ public:
+  BinaryStreamChunkedImpl(BinaryReader* reader, unsigned first_chunk, int prefix) noexcept
+      : BinaryStreamImplBase(reader), remaining_(first_chunk), prefix_(prefix) {}
+
+  unsigned read(void* data, unsigned size) override {
+    static constexpr char kFunction[] = "zoserialize::BinaryReader::BinaryStreamChunkedImpl::read()";
+    return transfer(static_cast<unsigned char*>(data), size, kFunction);
+  }
+
+  unsigned skip(unsigned size) override {
+    static constexpr char kFunction[] = "zoserialize::BinaryReader::BinaryStreamChunkedImpl::skip()";
+    return transfer(nullptr, size, kFunction);
+  }
+
+  unsigned bytes_remaining() const override {
+    reader("zoserialize::BinaryReader::BinaryStreamChunkedImpl::bytes_remaining()");
+    return kUnknownSize;
+  }
+
+  void close() override {
+    reader("zoserialize::BinaryReader::BinaryStreamChunkedImpl::close()");
+    constexpr unsigned kStep = 0x1000000;
+    while (skip(kStep) == kStep) {
+    }
+    reader_ = nullptr;
+  }
+
+ private:
+  // Reads into `dest`, or skips when it is null.
+  unsigned transfer(unsigned char* dest, unsigned size, char const* function) {
+    reader(function);
+    unsigned total = 0;
+    while (size != 0 && !ended_) {
+      unsigned const m = size < remaining_ ? size : remaining_;
+      if (dest) {
+        read_exactly(dest + total, m, function);
+      } else {
+        skip_exactly(m, function);
+      }
+      remaining_ -= m;
+      size -= m;
+      total += m;
+      if (remaining_ == 0) next_chunk(function);
+    }
+    return total;
+  }
+
+  // Opens the next chunk with bytes, or notes the end of the value.
+  void next_chunk(char const* function) {
+    while (remaining_ == 0 && !ended_) {
+      unsigned char tag;
+      read_exactly(&tag, 1, function);
+      if ((tag & 0xF0) != prefix_) {
+        zocore::ErrorComposer(
+            "Invalid tag in chunked element.  Expected={@expectedType}, Actual={@actualType} "
+            "(ActualTag={@actualTag})")
+            .add("expectedType", impl::type_prefix_name(prefix_))
+            .add("actualType", impl::type_prefix_name(tag))
+            .add("actualTag", unsigned{tag})
+            .throw_error(error::zoserialize_reader_data_type_mismatch,
+                         here("zoserialize::BinaryReader::BinaryStreamChunkedImpl::next_chunk()"));
+      }
+      unsigned char field[2];
+      switch (tag & 0x0F) {
+        case impl::kNibbleNextChunk1:
+          read_exactly(field, 1, function);
+          remaining_ = field[0];
+          break;
+        case impl::kNibbleNextChunk2:
+          read_exactly(field, 2, function);
+          remaining_ = impl::load_unsigned(field, 2);
+          break;
+        case impl::kNibbleChunkEnd:
+          ended_ = true;
+          break;
+        default:
+          // The parameters are named type and value, unlike the placeholders.
+          zocore::ErrorComposer(
+              "Unexpected tag.  Expecting chunk continuation or end tag.  Type={@tagType}, "
+              "Value={@tagValue}")
+              .add("type", impl::type_prefix_name(tag))
+              .add("value", unsigned{tag})
+              .throw_error(error::zoserialize_reader_data_type,
+                           here("zoserialize::BinaryReader::BinaryStreamChunkedImpl::next_chunk()"));
+      }
+    }
+  }
+
+  unsigned remaining_;  // bytes left in the current chunk
+  int prefix_;          // type prefix of the value's tags
+  bool ended_ = false;  // the end tag was read
+};
+
+// ---- Reader --------------------------------------------------------------------------------
+
+// The input window is [in_cur_, buffer + valid) while no payload stream is out; the cursor is
+// in_cur_ itself. consumed_ + (in_cur_ - mark_) is the position.
+
+BinaryReader::BinaryReader(InterfacePtr<IReadStream> source, unsigned buffer_size)
+    : source_(std::move(source)), capacity_(buffer_size < 1 ? 1 : buffer_size) {
+  if (!source_) {
+    zocore::throw_with_nested_errno(error::zoserialize_reader, "NULL source stream specified",
+                                    here("zoserialize::BinaryReader::BinaryReader()"), 22);
+  }
+  buffer_ = std::make_unique<unsigned char[]>(capacity_);
+  // valid == cursor == capacity: the first access refills.
+  valid_ = capacity_;
+  in_cur_ = in_end_ = mark_ = buffer_.get() + capacity_;
+}
+
+BinaryReader::~BinaryReader() {
+  // A stream still held by a caller must fail cleanly rather than reach a destroyed reader.
+  if (current_stream_) current_stream_->abandon();
+}
+
+void BinaryReader::throw_closed_error() {
+  zocore::throw_error(error::zoserialize_reader_closed,
+                      "Cannot read from reader after it has been closed (source stream detached)",
+                      here("zoserialize::BinaryReader::throw_closed_error()"));
+}
+
+void BinaryReader::open_window() const noexcept {
+  in_end_ = current_stream_ ? in_cur_ : buffer_.get() + valid_;
+}
+
+void BinaryReader::refill() const {
+  throw_if_closed();
+  consumed_ += static_cast<std::uint64_t>(in_cur_ - mark_);
+  unsigned const got = source_->read(buffer_.get(), capacity_);
+  valid_ = got < capacity_ ? got : capacity_;
+  in_cur_ = mark_ = buffer_.get();
+  open_window();
+}
+
+bool BinaryReader::ensure_byte() const {
+  if (buffered() != 0) return true;
+  if (valid_ == 0) return false;
+  refill();
+  return valid_ != 0;
+}
+
+bool BinaryReader::is_eof() const { return !ensure_byte(); }
+
+unsigned BinaryReader::read_aux(void* data, unsigned size) {
+  auto* dest = static_cast<unsigned char*>(data);
+  unsigned const first = size < buffered() ? size : buffered();
+  std::memcpy(dest, in_cur_, first);
+  in_cur_ += first;
+  unsigned done = first;
+  unsigned const wanted = size - first;
+  if (wanted == 0) return done;
+  if (valid_ == 0) return done;  // the source has ended
+  if (wanted < capacity_) {
+    refill();
+    unsigned const n = wanted < valid_ ? wanted : valid_;
+    std::memcpy(dest + done, in_cur_, n);
+    in_cur_ += n;
+    done += n;
+  } else {
+    throw_if_closed();
+    unsigned const got = source_->read(dest + done, wanted);
+    consumed_ += got;
+    done += got < wanted ? got : wanted;
+  }
+  open_window();
+  return done;
+}
+
+unsigned BinaryReader::skip_aux(unsigned size) {
+  unsigned const first = size < buffered() ? size : buffered();
+  in_cur_ += first;
+  unsigned const rest = size - first;
+  if (rest == 0) return first;
+  throw_if_closed();
+  unsigned got = source_->skip(rest);
+  if (got > rest) got = rest;
+  consumed_ += got;
+  return first + got;
+}
+
+unsigned BinaryReader::impl_read(void* data, unsigned size) { return read_aux(data, size); }
+
+unsigned BinaryReader::impl_skip(unsigned size) { return skip_aux(size); }
+
+unsigned BinaryReader::impl_bytes_remaining() const {
+  throw_if_closed();
+  unsigned const source_remaining = source_->bytes_remaining();
+  if (source_remaining == IReadStream::kUnknownSize) return source_remaining;
+  std::uint64_t const total = std::uint64_t{source_remaining} + buffered();
+  return total >= IReadStream::kUnknownSize ? IReadStream::kUnknownSize
+                                            : static_cast<unsigned>(total);
+}
+
+int BinaryReader::impl_peek_next_tag() {
+  prepare_next();
+  if (!ensure_byte()) return -1;
+  return *in_cur_;
+}
+
+int BinaryReader::impl_read_tag_check_type(int prefix) {
+  prepare_next();
+  if (!ensure_byte()) {
+    zocore::throw_error(error::zoserialize_reader_eof, "Unable to read tag byte, reader is EOF",
+                        here("zoserialize::BinaryReader::impl_read_tag_check_type()"));
+  }
+  unsigned char const tag = *in_cur_;
+  if ((tag & 0xF0) != prefix) {
+    zocore::ErrorComposer(
+        "Current tag has unexpected type prefix.  Expected={@expectedType}, "
+        "Actual={@actualType} (ActualTag={@actualTag})")
+        .add("expectedType", impl::type_prefix_name(prefix))
+        .add("actualType", impl::type_prefix_name(tag))
+        .add("actualTag", unsigned{tag})
+        .throw_error(error::zoserialize_reader_data_type_mismatch,
+                     here("zoserialize::BinaryReader::impl_read_tag_check_type()"));
+  }
+  ++in_cur_;
+  current_tag_ = tag;
+  return tag & 0x0F;
+}
+
+void BinaryReader::impl_throw_unexpected_tag(SourceLocation const& location) {
+  zocore::ErrorComposer("Tag has unexpected value.  Type={@tagType}, Value={@tagValue}")
+      .add("tagType", impl::type_prefix_name(current_tag_))
+      .add("tagValue", unsigned{current_tag_})
+      .throw_error(error::zoserialize_reader_data_type, location);
+}
+
+void BinaryReader::detach_from_binary_stream() {
+  zocore::RefCountPtr<BinaryStreamImplBase> const stream = std::move(current_stream_);
+  // Whether or not finishing it succeeds, the stream is detached afterwards.
+  struct Detach {
+    BinaryReader* reader;
+    BinaryStreamImplBase* stream;
+    ~Detach() {
+      stream->abandon();
+      reader->open_window();
+    }
+  } const detach{this, stream.get()};
+  // Consumes the unread rest of the payload (validating a string's rest).
+  stream->close();
+}
+
+InterfacePtr<IReadStream> BinaryReader::create_payload_stream(int prefix) {
+  static constexpr char kFunction[] = "zoserialize::BinaryReader::create_payload_stream()";
+  unsigned const nibble = static_cast<unsigned>(read_tag_check_type(prefix));
+  zocore::RefCountPtr<BinaryStreamImplBase> stream;
+  bool const is_string = prefix == impl::prefix_value(impl::ETypePrefix::String);
+  if (nibble <= impl::kNibbleLength4) {
+    unsigned const length = nibble < 8 ? nibble : read_size(nibble - impl::kNibbleLength1);
+    if (is_string) {
+      stream.reset(new impl::Utf8ValidatingStreamImpl<BinaryStreamImpl>(this, length));
+    } else {
+      stream.reset(new BinaryStreamImpl(this, length));
+    }
+  } else if (nibble <= impl::kNibbleFirstChunk2) {
+    unsigned const first = read_size(nibble - impl::kNibbleFirstChunk1);
+    if (is_string) {
+      stream.reset(new impl::Utf8ValidatingStreamImpl<BinaryStreamChunkedImpl>(this, first, prefix));
+    } else {
+      stream.reset(new BinaryStreamChunkedImpl(this, first, prefix));
+    }
+  } else {
+    throw_unexpected_tag(here(kFunction));
+  }
+  current_stream_ = stream;
+  // Every access now goes through the hooks, which finish this stream first.
+  open_window();
+  return InterfacePtr<IReadStream>(static_cast<IReadStream*>(stream.get()), std::move(stream));
+}
+
+InterfacePtr<IReadStream> BinaryReader::read_string_stream() {
+  return create_payload_stream(impl::prefix_value(impl::ETypePrefix::String));
+}
+
+InterfacePtr<IReadStream> BinaryReader::read_binary() {
+  return create_payload_stream(impl::prefix_value(impl::ETypePrefix::Binary));
+}
+
+// ---- Markers -------------------------------------------------------------------------------
+
+void BinaryReader::read_marker_start() {
+  prepare_next();
+  std::uint64_t const start = position();
+  unsigned const size = read_marker_start_tag();
+  markers_.push_back({start, start + size});
+}
+
+bool BinaryReader::read_marker_is_end() {
+  if (markers_.empty()) {
+    zocore::throw_error(error::zoserialize_reader_marker_mismatch, "No markers are currently open",
+                        here("zoserialize::BinaryReader::read_marker_is_end()"));
+  }
+  return peek_next_tag() == impl::kTagMarkerEnd;
+}
+
+void BinaryReader::read_marker_end() {
+  static constexpr char kFunction[] = "zoserialize::BinaryReader::read_marker_end()";
+  if (markers_.empty()) {
+    zocore::throw_error(error::zoserialize_reader_marker_mismatch, "No markers are currently open",
+                        here(kFunction));
+  }
+  int const tag = peek_next_tag();
+  if (tag < 0) {
+    zocore::throw_error(error::zoserialize_reader_eof,
+                        "Unexpected end of data in marker, expecting marker end tag",
+                        here(kFunction));
+  }
+  if (tag != impl::kTagMarkerEnd) {
+    MarkerRecord const record = markers_.back();
+    if (record.start < record.end) {
+      if (position() > record.end) {
+        zocore::ErrorComposer(
+            "Marker size mismatch; reader has already passed calculated marker end.  "
+            "MarkerEnd={@markerEndPos}, ReaderPos={@readerPos}")
+            .add("markerEndPos", static_cast<unsigned long long>(record.end))
+            .add("readerPos", static_cast<unsigned long long>(position()))
+            .throw_error(error::zoserialize_reader_marker_overrun, here(kFunction));
+      }
+      // The whole declared size is skipped from the current position (not end - position):
+      // exact when nothing of the marker was read, which is how markers are skipped.
+      auto const size = static_cast<unsigned>(record.end - record.start);
+      if (impl_skip(size) < size) {
+        zocore::ErrorComposer("End of data reached skipping to end of marker")
+            .add("markerEndPos", static_cast<unsigned long long>(record.end))
+            .add("streamSize", static_cast<unsigned long long>(position()))
+            .throw_error(error::zoserialize_reader_eof, here(kFunction));
+      }
+      if (peek_next_tag() != impl::kTagMarkerEnd) {
+        zocore::throw_error(error::zoserialize_reader_marker_size,
+                            "Inconsistent marker size: no end tag at end position",
+                            here(kFunction));
+      }
+    } else {
+      skip_to_marker_end_tag();
+    }
+  }
+  markers_.pop_back();
+  read_tag_check_type(impl::prefix_value(impl::ETypePrefix::Marker));
+}
+
+void BinaryReader::close() {
+  if (!markers_.empty()) {
+    zocore::throw_error(error::zoserialize_reader_marker_nesting,
+                        "Attempt to close reader with open markers",
+                        here("zoserialize::BinaryReader::close()"));
+  }
+  Reader::close();
+  prepare_next();
+  source_.reset();
+}
+
+}  // namespace zoserialize

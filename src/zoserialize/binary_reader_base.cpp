@@ -1,1 +1,718 @@
+#include <zocore/error_composer.h>
+#include <zocore/throw_error.h>
 #include <zoserialize/binary_reader_base.h>
+#include <zoserialize/error_codes.h>
+#include <zoserialize/impl/integer_form.h>
+
+#include <array>
+#include <bit>
+#include <source_location>
+
+namespace zoserialize {
+namespace {
+
+constexpr char kModuleId[] = "$Id: src/zoserialize/binary_reader_base.cpp $";
+zocore::SourceLocation here(char const* function,
+                            std::source_location at = std::source_location::current()) {
+  return {function, kModuleId, at.line()};
+}
+
+using EToken = Reader::EToken;
+
+// next_token() by tag byte.
+constexpr auto kTokenTable = [] {
+  std::array<EToken, 256> t{};
+  constexpr EToken kByPrefix[10] = {EToken::Null,         EToken::Boolean,
+                                    EToken::SignedInteger, EToken::UnsignedInteger,
+                                    EToken::Double,       EToken::String,
+                                    EToken::AbsoluteTime, EToken::RelativeTime,
+                                    EToken::Uuid,         EToken::Binary};
+  for (unsigned tag = 0; tag < 256; ++tag) {
+    unsigned const prefix = tag >> 4;
+    unsigned const nibble = tag & 15;
+    if (prefix < 10) {
+      t[tag] = kByPrefix[prefix];
+    } else if (prefix == 0xA) {
+      t[tag] = nibble == 0xE   ? EToken::SequenceSeparator
+               : nibble == 0xF ? EToken::SequenceEnd
+                               : EToken::SequenceStart;
+    } else if (prefix == 0xB) {
+      t[tag] = (nibble == 0 || (nibble >= 4 && nibble <= 7)) ? EToken::MarkerStart
+               : nibble == 0xF                              ? EToken::MarkerEnd
+                                                            : EToken::Unknown;
+    } else {
+      t[tag] = EToken::Unknown;
+    }
+  }
+  return t;
+}();
+
+// Payload bytes of the fixed-size forms, by tag; 0xFF marks tags that are not scalar values
+// with a fixed payload (strings, binaries, sequences, markers, reserved and invalid tags).
+constexpr unsigned char kNoFixedForm = 0xFF;
+constexpr auto kFixedPayload = [] {
+  std::array<unsigned char, 256> t{};
+  for (auto& v : t) v = kNoFixedForm;
+  t[0x00] = 0;
+  t[0x10] = t[0x11] = 0;
+  t[0x20] = t[0x21] = t[0x22] = 0;
+  t[0x30] = t[0x31] = 0;
+  for (unsigned n = 4; n <= 10; ++n) t[0x20 + n] = t[0x30 + n] = static_cast<unsigned char>(1u << (n - 4));
+  t[0x40] = t[0x41] = t[0x42] = 0;
+  t[0x44] = 2, t[0x45] = 3, t[0x46] = 4, t[0x47] = 8;
+  for (unsigned p : {0x60u, 0x70u}) {
+    t[p] = t[p + 1] = 0;
+    t[p + 4] = 4;
+    t[p + 5] = 8;
+  }
+  t[0x80] = 0;
+  t[0x81] = 16;
+  return t;
+}();
+
+constexpr std::uint64_t kMaxSize32 = 0xFFFFFFFFu;
+
+[[noreturn]] void throw_value_too_wide(unsigned expected_bytes, unsigned actual_bytes,
+                                       char const* function) {
+  // The same text for signed and unsigned values.
+  zocore::ErrorComposer(
+      "Number of bits required to represent marshaled signed number exceeds expected number of "
+      "bits.  Expected={@expectedBits}bits, Actual={@actualBits}bits")
+      .add("expectedBits", expected_bytes * 8)
+      .add("actualBits", actual_bytes * 8)
+      .throw_with_nested_errno(error::zoserialize_reader_data_type_range, here(function), 34);
+}
+
+[[noreturn]] void throw_quadruple_unsupported(char const* function) {
+  zocore::throw_error(error::zoserialize_reader_unsupported,
+                      "Reading of quadruple IEEE-754 marshaled representation not yet supported",
+                      here(function));
+}
+
+[[noreturn]] void throw_unknown_prefix(int tag, char const* function) {
+  zocore::ErrorComposer(
+      "Current tag has unknown type prefix.  Actual={@actualType} (ActualTag={@actualTag})")
+      .add("actualType", impl::type_prefix_name(tag))
+      .add("actualTag", tag)
+      .throw_error(error::zoserialize_reader_data_type, here(function));
+}
+
+[[noreturn]] void throw_expecting_tag(char const* function) {
+  zocore::throw_error(error::zoserialize_reader_eof, "Unexpected end of data, expecting tag",
+                      here(function));
+}
+
+// Scopes open while skipping or copying: sequences and markers, innermost last. Held in a
+// string so that ordinary nesting depths need no allocation.
+constexpr char kOpenSequence = 'S';
+constexpr char kOpenMarker = 'M';
+
+}  // namespace
+
+BinaryReaderBase::BinaryReaderBase() = default;
+BinaryReaderBase::~BinaryReaderBase() = default;
+
+void BinaryReaderBase::swap(BinaryReaderBase& other) noexcept {
+  Reader::swap(other);
+  sequences_.swap(other.sequences_);
+  std::swap(in_cur_, other.in_cur_);
+  std::swap(in_end_, other.in_end_);
+  std::swap(current_tag_, other.current_tag_);
+}
+
+// ---- Checked transfers ---------------------------------------------------------------------
+
+void BinaryReaderBase::read_checked_slow(void* data, unsigned size) {
+  unsigned const got = impl_read(data, size);
+  if (got < size) throw_eof_error(size, got);
+}
+
+void BinaryReaderBase::skip_checked_slow(unsigned size) {
+  unsigned const got = impl_skip(size);
+  if (got < size) throw_eof_error(size, got);
+}
+
+void BinaryReaderBase::throw_eof_error(unsigned expected, unsigned actual) {
+  zocore::ErrorComposer(
+      "End of data reached reading from source.  ExpectedBytes={@expected}, ReadBytes={@actual}")
+      .add("expected", expected)
+      .add("actual", actual)
+      .throw_error(error::zoserialize_reader_eof,
+                   here("zoserialize::BinaryReaderBase::throw_eof_error()"));
+}
+
+void BinaryReaderBase::throw_unexpected_tag(SourceLocation const& location) {
+  impl_throw_unexpected_tag(location);
+  // Reached only if a concrete reader's hook returned: report the tag the same way.
+  zocore::ErrorComposer("Tag has unexpected value.  Type={@tagType}, Value={@tagValue}")
+      .add("tagType", impl::type_prefix_name(current_tag_))
+      .add("tagValue", unsigned{current_tag_})
+      .throw_error(error::zoserialize_reader_data_type, location);
+}
+
+unsigned BinaryReaderBase::read_size(unsigned n) {
+  unsigned char field[8];
+  unsigned const bytes = 1u << n;
+  impl_read_checked(field, bytes);
+  std::uint64_t const value = impl::load_unsigned(field, bytes);
+  if (value > kMaxSize32) {
+    zocore::throw_with_nested_errno(
+        error::zoserialize_reader_data_type_range,
+        "Marshaled object exceeds 4GB size, which is not supported on 32-bit machines",
+        here("zoserialize::BinaryReaderBase::read_size()"), 34);
+  }
+  return static_cast<unsigned>(value);
+}
+
+// ---- Tokens and scalars --------------------------------------------------------------------
+
+Reader::EToken BinaryReaderBase::next_token() {
+  int const tag = peek_next_tag();
+  if (tag < 0) return EToken::Eof;
+  return kTokenTable[static_cast<unsigned>(tag)];
+}
+
+void BinaryReaderBase::read_null() {
+  if (read_tag_check_type(0x00) != 0) {
+    throw_unexpected_tag(here("zoserialize::BinaryReaderBase::read_null()"));
+  }
+}
+
+bool BinaryReaderBase::try_read_null() {
+  int const tag = peek_next_tag();
+  if (tag < 0 || (tag & 0xF0) != 0x00) return false;
+  read_null();
+  return true;
+}
+
+bool BinaryReaderBase::read_bool() {
+  int const nibble = read_tag_check_type(0x10);
+  if (nibble > 1) throw_unexpected_tag(here("zoserialize::BinaryReaderBase::read_bool()"));
+  return nibble == 1;
+}
+
+void BinaryReaderBase::read_integer_payload(unsigned char* out, unsigned size, unsigned width,
+                                            bool is_signed, char const* function) {
+  if (width == size) {
+    impl_read_checked(out, size);
+    return;
+  }
+  unsigned char scratch[64];
+  impl_read_checked(scratch, width);
+  if (width < size) {
+    unsigned char const fill = (is_signed && (scratch[0] & 0x80)) ? 0xFF : 0x00;
+    std::memset(out, fill, size - width);
+    std::memcpy(out + size - width, scratch, width);
+    return;
+  }
+  unsigned const significant = is_signed ? impl::minimal_signed_form(scratch, width).length
+                                         : impl::minimal_unsigned_form(scratch, width).length;
+  if (significant > size) throw_value_too_wide(size, significant, function);
+  std::memcpy(out, scratch + width - size, size);
+}
+
+void BinaryReaderBase::read_int_big_endian(void* data, unsigned size) {
+  static constexpr char kFunction[] = "zoserialize::BinaryReaderBase::read_int_big_endian()";
+  auto* out = static_cast<unsigned char*>(data);
+  unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0x20));
+  switch (nibble) {
+    case 0:
+      std::memset(out, 0x00, size);
+      return;
+    case 1:
+      if (size == 0) throw_value_too_wide(0, 1, kFunction);
+      std::memset(out, 0x00, size);
+      out[size - 1] = 0x01;
+      return;
+    case 2:
+      if (size == 0) throw_value_too_wide(0, 1, kFunction);
+      std::memset(out, 0xFF, size);
+      return;
+    case 4: case 5: case 6: case 7: case 8: case 9: case 10:
+      read_integer_payload(out, size, 1u << (nibble - 4), true, kFunction);
+      return;
+    default:
+      throw_unexpected_tag(here(kFunction));
+  }
+}
+
+void BinaryReaderBase::read_uint_big_endian(void* data, unsigned size) {
+  static constexpr char kFunction[] = "zoserialize::BinaryReaderBase::read_uint_big_endian()";
+  auto* out = static_cast<unsigned char*>(data);
+  unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0x30));
+  switch (nibble) {
+    case 0:
+      std::memset(out, 0x00, size);
+      return;
+    case 1:
+      if (size == 0) throw_value_too_wide(0, 1, kFunction);
+      std::memset(out, 0x00, size);
+      out[size - 1] = 0x01;
+      return;
+    case 4: case 5: case 6: case 7: case 8: case 9: case 10:
+      read_integer_payload(out, size, 1u << (nibble - 4), false, kFunction);
+      return;
+    default:
+      throw_unexpected_tag(here(kFunction));
+  }
+}
+
+double BinaryReaderBase::read_double() {
+  static constexpr char kFunction[] = "zoserialize::BinaryReaderBase::read_double()";
+  unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0x40));
+  unsigned width;
+  switch (nibble) {
+    case 0:
+      return 0.0;
+    case 1:
+      return 1.0;
+    case 2:
+      return -1.0;
+    case 4:
+      width = 2;
+      break;
+    case 5:
+      width = 3;
+      break;
+    case 6:
+      width = 4;
+      break;
+    case 7:
+      width = 8;
+      break;
+    case 8: case 9: case 10: case 11:
+      throw_quadruple_unsupported(kFunction);
+    default:
+      throw_unexpected_tag(here(kFunction));
+  }
+  unsigned char bytes[8] = {};
+  impl_read_checked(bytes, width);
+  return std::bit_cast<double>(impl::load_unsigned(bytes, 8));
+}
+
+std::int64_t BinaryReaderBase::read_time(int prefix, char const* function) {
+  unsigned char field[8];
+  switch (read_tag_check_type(prefix)) {
+    case impl::kNibbleTimeZero:
+      return 0;
+    case impl::kNibbleTimeInfinite:
+      return INT64_MAX;
+    case impl::kNibbleTime32:
+      impl_read_checked(field, 4);
+      return impl::load_signed(field, 4);
+    case impl::kNibbleTime64:
+      impl_read_checked(field, 8);
+      return impl::load_signed(field, 8);
+    default:
+      throw_unexpected_tag(here(function));
+  }
+}
+
+AbsoluteTime BinaryReaderBase::read_absolute_time() {
+  return AbsoluteTime(read_time(0x60, "zoserialize::BinaryReaderBase::read_absolute_time()"));
+}
+
+RelativeTime BinaryReaderBase::read_relative_time() {
+  return RelativeTime(read_time(0x70, "zoserialize::BinaryReaderBase::read_relative_time()"));
+}
+
+Uuid BinaryReaderBase::read_uuid() {
+  switch (read_tag_check_type(0x80)) {
+    case 0:
+      return Uuid();
+    case 1: {
+      unsigned char bytes[Uuid::kBinarySize];
+      impl_read_checked(bytes, Uuid::kBinarySize);
+      return Uuid::from_binary(bytes);
+    }
+    default:
+      throw_unexpected_tag(here("zoserialize::BinaryReaderBase::read_uuid()"));
+  }
+}
+
+// ---- Strings -------------------------------------------------------------------------------
+
+void BinaryReaderBase::read_string_value(std::string& out) {
+  unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0x50));
+  if (nibble < 8) {
+    out.resize(nibble);
+    impl_read_checked(out.data(), nibble);
+    return;
+  }
+  read_large_string_aux(nibble, out);
+}
+
+void BinaryReaderBase::read_large_string_aux(unsigned nibble, std::string& out) {
+  static constexpr char kFunction[] = "zoserialize::BinaryReaderBase::read_large_string_aux()";
+  out.clear();
+  if (nibble <= impl::kNibbleLength4) {
+    unsigned const length = read_size(nibble - impl::kNibbleLength1);
+    unsigned const remaining = impl_bytes_remaining();
+    if (remaining != IReadStream::kUnknownSize && remaining < length) {
+      zocore::ErrorComposer(
+          "Invalid string length: number of bytes remaining in stream is smaller than string "
+          "length: StringSize={@expected}, BytesRemaining={@remaining}")
+          .add("expected", length)
+          .add("remaining", remaining)
+          .throw_error(error::zoserialize_reader_data_size, here(kFunction));
+    }
+    if (length > impl::kMaxStringByValue) {
+      zocore::ErrorComposer(
+          "String is too large to read by value, it must be read as stream.  "
+          "ActualSize={@actualSize}, MaxSize={@maxSize}")
+          .add("actualSize", length)
+          .add("maxSize", impl::kMaxStringByValue)
+          .throw_error(error::zoserialize_reader_data_string_size, here(kFunction));
+    }
+    // Grown as the bytes arrive, so a length that lies costs no more memory than the data.
+    constexpr unsigned kStep = 1u << 16;
+    unsigned done = 0;
+    while (done < length) {
+      unsigned const n = length - done < kStep ? length - done : kStep;
+      out.resize(done + n);
+      impl_read_checked(out.data() + done, n);
+      done += n;
+    }
+    return;
+  }
+  if (nibble > impl::kNibbleFirstChunk2) throw_unexpected_tag(here(kFunction));
+  // Chunked: the first chunk's length form comes with the tag, then continuation chunks of the
+  // same type until the end tag.
+  unsigned length = read_size(nibble - impl::kNibbleFirstChunk1);
+  for (;;) {
+    if (length > impl::kMaxStringByValue - out.size()) {
+      zocore::ErrorComposer(
+          "String is too large to read by value, it must be read as stream.  "
+          "Size={@actualSize}, MaxSize={@maxSize}")
+          .add("actualSize", static_cast<unsigned long long>(out.size()) + length)
+          .add("maxSize", impl::kMaxStringByValue)
+          .throw_error(error::zoserialize_reader_data_string_size, here(kFunction));
+    }
+    std::size_t const at = out.size();
+    out.resize(at + length);
+    impl_read_checked(out.data() + at, length);
+    unsigned const next = static_cast<unsigned>(read_tag_check_type(0x50));
+    if (next == impl::kNibbleChunkEnd) return;
+    if (next != impl::kNibbleNextChunk1 && next != impl::kNibbleNextChunk2) {
+      throw_unexpected_tag(here(kFunction));
+    }
+    length = read_size(next - impl::kNibbleNextChunk1);
+  }
+}
+
+void BinaryReaderBase::read_string(std::string& out) { read_string_value(out); }
+
+std::string BinaryReaderBase::read_string() {
+  std::string out;
+  read_string_value(out);
+  return out;
+}
+
+void BinaryReaderBase::read_string(SourceString& out) {
+  std::string text;
+  read_string_value(text);
+  out = SourceString(std::string_view(text));
+}
+
+void BinaryReaderBase::skip_binary_aux(int prefix, unsigned nibble) {
+  static constexpr char kFunction[] = "zoserialize::BinaryReaderBase::skip_binary_aux()";
+  if (nibble < 8) {
+    impl_skip_checked(nibble);
+    return;
+  }
+  if (nibble <= impl::kNibbleLength4) {
+    impl_skip_checked(read_size(nibble - impl::kNibbleLength1));
+    return;
+  }
+  if (nibble > impl::kNibbleFirstChunk2) throw_unexpected_tag(here(kFunction));
+  impl_skip_checked(read_size(nibble - impl::kNibbleFirstChunk1));
+  for (;;) {
+    unsigned const next = static_cast<unsigned>(read_tag_check_type(prefix));
+    if (next == impl::kNibbleChunkEnd) return;
+    if (next != impl::kNibbleNextChunk1 && next != impl::kNibbleNextChunk2) {
+      throw_unexpected_tag(here(kFunction));
+    }
+    impl_skip_checked(read_size(next - impl::kNibbleNextChunk1));
+  }
+}
+
+// ---- Sequences -----------------------------------------------------------------------------
+
+unsigned BinaryReaderBase::read_sequence_start() {
+  unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0xA0));
+  unsigned hint;
+  if (nibble < 8) {
+    hint = nibble;
+  } else if (nibble <= 0xB) {
+    // An 8-byte hint (nibble B) is accepted although writers never produce it.
+    hint = read_size(nibble - 8);
+  } else {
+    throw_unexpected_tag(here("zoserialize::BinaryReaderBase::read_sequence_start()"));
+  }
+  sequences_.push_back({hint, 0});
+  return hint;
+}
+
+bool BinaryReaderBase::read_sequence_next() {
+  static constexpr char kFunction[] = "zoserialize::BinaryReaderBase::read_sequence_next()";
+  if (sequences_.empty()) {
+    zocore::throw_error(error::zoserialize_reader_sequence_nesting,
+                        "Attempt to advance to next element in sequence but no sequence is open",
+                        here(kFunction));
+  }
+  SequenceEntry& top = sequences_.back();
+  if (top.elements == 0) {
+    int const tag = peek_next_tag();
+    if (tag < 0) {
+      zocore::throw_error(error::zoserialize_reader_eof, "End of data reached in sequence",
+                          here(kFunction));
+    }
+    if (tag != impl::kTagSequenceEnd) {
+      ++top.elements;
+      return true;
+    }
+    read_tag_check_type(0xA0);
+    unsigned const hint = top.count_hint;
+    sequences_.pop_back();
+    if (hint != 0) {
+      zocore::ErrorComposer(
+          "Count hint of sequence does not match number of elements in sequence.  "
+          "CountHint={@countHint}, ElementCount={@elementCount}")
+          .add("countHint", hint)
+          .add("elementCount", 0u)
+          .throw_error(error::zoserialize_reader_sequence_element_count, here(kFunction));
+    }
+    return false;
+  }
+  unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0xA0));
+  if (nibble == (impl::kTagSequenceSeparator & 0x0F)) {
+    if (top.count_hint != 0 && top.elements >= top.count_hint) {
+      zocore::ErrorComposer(
+          "Expecting end of sequence but found separator.  CountHint={@countHint}")
+          .add("countHint", top.count_hint)
+          .throw_error(error::zoserialize_reader_sequence_element_count, here(kFunction));
+    }
+    ++top.elements;
+    return true;
+  }
+  if (nibble == (impl::kTagSequenceEnd & 0x0F)) {
+    SequenceEntry const closed = top;
+    sequences_.pop_back();
+    if (closed.count_hint != 0 && closed.count_hint != closed.elements) {
+      zocore::ErrorComposer(
+          "Premature end of sequence, expecting separator.  CountHint={@countHint}, "
+          "ElementCount={@elementCount}")
+          .add("countHint", closed.count_hint)
+          .add("elementCount", closed.elements)
+          .throw_error(error::zoserialize_reader_sequence_element_count, here(kFunction));
+    }
+    return false;
+  }
+  zocore::throw_error(error::zoserialize_reader_sequence_unexpected,
+                      "Unexpected sequence start element (expecting separator or end)",
+                      here(kFunction));
+}
+
+// ---- Markers -------------------------------------------------------------------------------
+
+unsigned BinaryReaderBase::read_marker_start_tag() {
+  unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0xB0));
+  if (nibble == 0) return 0;
+  if (nibble < 4 || nibble > 7) {
+    throw_unexpected_tag(here("zoserialize::BinaryReaderBase::read_marker_start_tag()"));
+  }
+  return read_size(nibble - 4);
+}
+
+void BinaryReaderBase::skip_to_marker_end_tag() {
+  for (;;) {
+    int const tag = peek_next_tag();
+    if (tag < 0) {
+      zocore::throw_error(error::zoserialize_reader_eof,
+                          "Unexpected end of data in marker, expecting marker end tag",
+                          here("zoserialize::BinaryReaderBase::skip_to_marker_end_tag()"));
+    }
+    if (tag == impl::kTagMarkerEnd) return;
+    skip_element();
+  }
+}
+
+// ---- Skipping and copying ------------------------------------------------------------------
+
+void BinaryReaderBase::skip_element() {
+  static constexpr char kFunction[] = "zoserialize::BinaryReaderBase::skip_element()";
+  std::string open;  // scopes entered by this call, innermost last
+  do {
+    int const tag = peek_next_tag();
+    if (tag < 0) throw_expecting_tag(kFunction);
+    int const prefix = tag & 0xF0;
+    unsigned const fixed = kFixedPayload[static_cast<unsigned>(tag)];
+    if (fixed != kNoFixedForm) {
+      read_tag_check_type(prefix);
+      impl_skip_checked(fixed);
+      continue;
+    }
+    switch (prefix) {
+      case 0x00: case 0x10: case 0x20: case 0x30: case 0x60: case 0x70: case 0x80:
+        read_tag_check_type(prefix);
+        throw_unexpected_tag(here(kFunction));
+      case 0x40:
+        read_tag_check_type(prefix);
+        if ((tag & 0x0F) >= 8 && (tag & 0x0F) <= 11) throw_quadruple_unsupported(kFunction);
+        throw_unexpected_tag(here(kFunction));
+      case 0x50:
+      case 0x90:
+        skip_binary_aux(prefix, static_cast<unsigned>(read_tag_check_type(prefix)));
+        break;
+      case 0xA0:
+        if (tag == impl::kTagSequenceSeparator || tag == impl::kTagSequenceEnd) {
+          read_tag_check_type(prefix);
+          if (open.empty() || open.back() != kOpenSequence) throw_unexpected_tag(here(kFunction));
+          if (tag == impl::kTagSequenceEnd) open.pop_back();
+          break;
+        }
+        {
+          unsigned const nibble = static_cast<unsigned>(read_tag_check_type(prefix));
+          if (nibble >= 8) {
+            if (nibble > 0xB) throw_unexpected_tag(here(kFunction));
+            read_size(nibble - 8);
+          }
+        }
+        open.push_back(kOpenSequence);
+        break;
+      case 0xB0:
+        if (tag == impl::kTagMarkerEnd) {
+          read_tag_check_type(prefix);
+          if (open.empty() || open.back() != kOpenMarker) throw_unexpected_tag(here(kFunction));
+          open.pop_back();
+          break;
+        }
+        read_marker_start_tag();
+        open.push_back(kOpenMarker);
+        break;
+      default:
+        throw_unknown_prefix(tag, kFunction);
+    }
+  } while (!open.empty());
+}
+
+void BinaryReaderBase::copy_scalar(EToken token, Writer& writer) {
+  switch (token) {
+    case EToken::Null:
+      read_null();
+      writer.write_null();
+      return;
+    case EToken::Boolean:
+      writer.write_bool(read_bool());
+      return;
+    case EToken::SignedInteger:
+    case EToken::UnsignedInteger: {
+      // Read at the payload's own width: the writer shortens it again to the same form.
+      unsigned const fixed = kFixedPayload[static_cast<unsigned>(peek_next_tag())];
+      unsigned const width = (fixed == kNoFixedForm || fixed == 0) ? 1 : fixed;
+      unsigned char image[64];
+      if (token == EToken::SignedInteger) {
+        read_int_big_endian(image, width);
+        writer.write_int_big_endian(image, width);
+      } else {
+        read_uint_big_endian(image, width);
+        writer.write_uint_big_endian(image, width);
+      }
+      return;
+    }
+    case EToken::Double:
+      writer.write_double(read_double());
+      return;
+    case EToken::AbsoluteTime:
+      writer.write_absolute_time(read_absolute_time());
+      return;
+    case EToken::RelativeTime:
+      writer.write_relative_time(read_relative_time());
+      return;
+    case EToken::Uuid:
+      writer.write_uuid(read_uuid());
+      return;
+    case EToken::String: {
+      InterfacePtr<IReadStream> const stream = read_string_stream();
+      writer.write_string_stream(*stream);
+      stream->close();
+      return;
+    }
+    case EToken::Binary: {
+      InterfacePtr<IReadStream> const stream = read_binary();
+      writer.write_binary(*stream);
+      stream->close();
+      return;
+    }
+    default:
+      return;
+  }
+}
+
+void BinaryReaderBase::read_copy(Writer& writer) {
+  static constexpr char kFunction[] = "zoserialize::BinaryReaderBase::read_copy()";
+  // Open scopes, innermost last: a sequence entry also records whether an element was copied
+  // already (then the next one needs a separator).
+  std::string open;
+  constexpr char kSequenceFirst = 's';
+  for (;;) {
+    if (!open.empty()) {
+      char& top = open.back();
+      if (top == kOpenMarker) {
+        if (read_marker_is_end()) {
+          read_marker_end();
+          writer.write_marker_end();
+          open.pop_back();
+          if (open.empty()) return;
+          continue;
+        }
+      } else {
+        if (!read_sequence_next()) {
+          writer.write_sequence_end();
+          open.pop_back();
+          if (open.empty()) return;
+          continue;
+        }
+        if (top == kOpenSequence) writer.write_sequence_separator();
+        top = kOpenSequence;
+      }
+    }
+    EToken const token = next_token();
+    switch (token) {
+      case EToken::Eof:
+        throw_expecting_tag(kFunction);
+      case EToken::SequenceStart: {
+        unsigned const hint = read_sequence_start();
+        if (hint != 0) {
+          writer.write_sequence_start(hint);
+        } else {
+          writer.write_sequence_start();
+        }
+        open.push_back(kSequenceFirst);
+        continue;
+      }
+      case EToken::MarkerStart:
+        read_marker_start();
+        writer.write_marker_start();
+        open.push_back(kOpenMarker);
+        continue;
+      case EToken::SequenceSeparator:
+      case EToken::SequenceEnd:
+      case EToken::MarkerEnd:
+        read_tag_check_type(peek_next_tag() & 0xF0);
+        throw_unexpected_tag(here(kFunction));
+      case EToken::Unknown: {
+        int const tag = peek_next_tag();
+        if ((tag & 0xF0) >= 0xC0) throw_unknown_prefix(tag, kFunction);
+        read_tag_check_type(tag & 0xF0);
+        throw_unexpected_tag(here(kFunction));
+      }
+      default:
+        copy_scalar(token, writer);
+        break;
+    }
+    if (open.empty()) return;
+  }
+}
+
+}  // namespace zoserialize

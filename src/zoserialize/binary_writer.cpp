@@ -1,1 +1,125 @@
+#include <zocore/throw_error.h>
 #include <zoserialize/binary_writer.h>
+#include <zoserialize/error_codes.h>
+
+#include <source_location>
+
+namespace zoserialize {
+namespace {
+
+constexpr char kModuleId[] = "$Id: src/zoserialize/binary_writer.cpp $";
+zocore::SourceLocation here(char const* function,
+                            std::source_location at = std::source_location::current()) {
+  return {function, kModuleId, at.line()};
+}
+
+}  // namespace
+
+// The output window is the free part of the buffer: [buffer + buffered, buffer + capacity). The
+// buffered count is therefore out_cur_ - buffer_. Without a buffer or a stream the window is
+// empty, so every byte reaches the hooks, which write through or report the closed writer.
+
+BinaryWriter::BinaryWriter(InterfacePtr<IWriteStream> stream, unsigned buffer_size)
+    : stream_(std::move(stream)), capacity_(stream_ ? buffer_size : 0) {
+  if (capacity_ != 0) buffer_ = std::make_unique<unsigned char[]>(capacity_);
+  reset_window();
+}
+
+BinaryWriter::~BinaryWriter() {
+  try {
+    close();
+  } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor must not throw
+  }
+}
+
+void BinaryWriter::reset_window() noexcept {
+  out_cur_ = buffer_.get();
+  out_end_ = (stream_ && buffer_) ? buffer_.get() + capacity_ : out_cur_;
+}
+
+void BinaryWriter::throw_closed_error() {
+  zocore::throw_error(error::zoserialize_writer_closed,
+                      "Cannot write to BinaryWriter, it has already been closed",
+                      here("zoserialize::BinaryWriter::impl_write()"));
+}
+
+void BinaryWriter::flush_buffer() {
+  unsigned const n = buffered();
+  if (n == 0) return;
+  // Empty the buffer before writing: if the stream throws, the bytes are not written twice.
+  out_cur_ = buffer_.get();
+  stream_->write(buffer_.get(), n);
+}
+
+void BinaryWriter::impl_write_byte(unsigned char byte) {
+  if (!stream_) throw_closed_error();
+  if (!buffer_) {
+    stream_->write(&byte, 1);
+    return;
+  }
+  // The window is full (or it would not have come here): write the buffer, then keep the byte.
+  flush_buffer();
+  *out_cur_++ = byte;
+}
+
+void BinaryWriter::impl_write(void const* data, unsigned size) {
+  if (!stream_) throw_closed_error();
+  if (!buffer_) {
+    stream_->write(data, size);
+    return;
+  }
+  auto const* p = static_cast<unsigned char const*>(data);
+  if (buffered() == 0 && size >= capacity_) {
+    stream_->write(p, size);
+    return;
+  }
+  unsigned const room = window_room();
+  unsigned const n = size < room ? size : room;
+  std::memcpy(out_cur_, p, n);
+  out_cur_ += n;
+  p += n;
+  size -= n;
+  if (buffered() == capacity_) flush_buffer();
+  if (size >= capacity_) {
+    stream_->write(p, size);
+  } else if (size != 0) {
+    std::memcpy(out_cur_, p, size);
+    out_cur_ += size;
+  }
+}
+
+void BinaryWriter::flush() {
+  BinaryWriterBase::flush();
+  if (stream_) flush_buffer();
+}
+
+void BinaryWriter::close() {
+  flush();
+  if (open_markers_ != 0) {
+    zocore::throw_error(error::zoserialize_writer_marker_nesting,
+                        "Attempt to close writer but there are marker that are still open",
+                        here("zoserialize::BinaryWriter::close()"));
+  }
+  BinaryWriterBase::close();
+  stream_.reset();
+  reset_window();
+}
+
+void BinaryWriter::write_marker_start() {
+  finalize_previous_element();
+  write_marker_start_tag();
+  ++open_markers_;
+}
+
+void BinaryWriter::write_marker_end() {
+  finalize_previous_element();
+  if (open_markers_ == 0) {
+    zocore::throw_error(error::zoserialize_writer_marker_nesting,
+                        "Attempt to close marker and none is open",
+                        here("zoserialize::BinaryWriter::write_marker_end()"));
+  }
+  --open_markers_;
+  write_marker_end_tag();
+}
+
+}  // namespace zoserialize

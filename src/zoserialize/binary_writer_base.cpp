@@ -1,1 +1,540 @@
+#include <zocore/error_composer.h>
+#include <zocore/throw_error.h>
 #include <zoserialize/binary_writer_base.h>
+#include <zoserialize/error_codes.h>
+#include <zoserialize/impl/integer_form.h>
+
+#include <bit>
+#include <cstdint>
+#include <source_location>
+
+namespace zoserialize {
+namespace {
+
+constexpr char kModuleId[] = "$Id: src/zoserialize/binary_writer_base.cpp $";
+zocore::SourceLocation here(char const* function,
+                            std::source_location at = std::source_location::current()) {
+  return {function, kModuleId, at.line()};
+}
+
+constexpr unsigned char tag_of(impl::ETypePrefix prefix, unsigned nibble) {
+  return static_cast<unsigned char>(static_cast<unsigned>(prefix) | nibble);
+}
+
+// The largest minimal form the format carries: 64 bytes (512 bits).
+constexpr unsigned kMaxIntegerBytes = 64;
+
+// Payload widths for the value nibbles 4..10 of integers.
+constexpr unsigned width_nibble(unsigned length) {
+  return length <= 1 ? 4 : length <= 2 ? 5 : length <= 4 ? 6 : length <= 8 ? 7 : length <= 16 ? 8
+         : length <= 32 ? 9 : 10;
+}
+
+[[noreturn]] void throw_integer_too_wide(bool is_signed, unsigned significant_bytes) {
+  zocore::ErrorComposer(
+      is_signed ? "Minimum number of bits required to represent the signed integer exceeds "
+                  "supported maximum.  Max={@maxBits}bits, Given={@actualBits}bits"
+                : "Minimum number of bits required to represent the unsigned integer exceeds "
+                  "supported maximum.  Max={@maxBits}bits, Given={@actualBits}bits")
+      .add("maxBits", kMaxIntegerBytes * 8)
+      .add("actualBits", significant_bytes * 8)
+      .throw_error(error::zoserialize_writer_data_range,
+                   here(is_signed ? "zoserialize::BinaryWriterBase::write_int_big_endian()"
+                                  : "zoserialize::BinaryWriterBase::write_uint_big_endian()"));
+}
+
+}  // namespace
+
+// ---- Value stream ---------------------------------------------------------------------------
+
+class BinaryWriterBase::BinaryStreamImpl final : public IWriteStream,
+                                                 public zocore::RefCounted<zocore::AtomicRefCount> {
+ public:
+  BinaryStreamImpl(BinaryWriterBase* writer, ETypePrefix prefix) noexcept
+      : writer_(writer), prefix_(prefix) {}
+
+  void write(void const* data, unsigned size) override {
+    if (!writer_) [[unlikely]] {
+      zocore::throw_error(error::zoserialize_writer_state,
+                          "Binary stream writer object has already been closed",
+                          here("zoserialize::BinaryWriterBase::BinaryStreamImpl::write()"));
+    }
+    auto const* p = static_cast<unsigned char const*>(data);
+    while (size != 0) {
+      if (buffered_ == 0 && size >= impl::kStreamChunkSize) {
+        // Large writes go out directly, without passing through the buffer.
+        while (size != 0) {
+          unsigned const piece = size < impl::kMaxChunkSize ? size : impl::kMaxChunkSize;
+          emit_chunk(p, piece);
+          p += piece;
+          size -= piece;
+        }
+        return;
+      }
+      unsigned const room = impl::kStreamChunkSize - buffered_;
+      unsigned const n = size < room ? size : room;
+      std::memcpy(buffer_ + buffered_, p, n);
+      buffered_ += n;
+      p += n;
+      size -= n;
+      if (buffered_ == impl::kStreamChunkSize) {
+        emit_chunk(buffer_, buffered_);
+        buffered_ = 0;
+      }
+    }
+  }
+
+  void close() override {
+    if (writer_) writer_->finalize_binary_writer_stream();
+  }
+
+  // Forgets the writer without writing anything: later writes fail.
+  void abandon() noexcept { writer_ = nullptr; }
+
+  // Writes what is left of the value and forgets the writer.
+  void finish() {
+    BinaryWriterBase* const w = std::exchange(writer_, nullptr);
+    if (first_) {
+      w->write_binary_aux(prefix_, buffer_, buffered_);
+    } else {
+      if (buffered_ != 0) w->write_chunk(prefix_, false, buffer_, buffered_);
+      w->write_chunk_end(prefix_);
+    }
+    buffered_ = 0;
+  }
+
+ private:
+  void emit_chunk(void const* data, unsigned size) {
+    writer_->write_chunk(prefix_, first_, data, size);
+    first_ = false;
+  }
+
+  BinaryWriterBase* writer_;  // null once the value is finished
+  ETypePrefix prefix_;
+  bool first_ = true;  // no chunk emitted yet
+  unsigned buffered_ = 0;
+  unsigned char buffer_[impl::kStreamChunkSize];
+};
+
+// ---- Writer ---------------------------------------------------------------------------------
+
+BinaryWriterBase::BinaryWriterBase() = default;
+
+BinaryWriterBase::~BinaryWriterBase() {
+  // A caller may still hold the value stream; it must fail from now on rather than reach a
+  // destroyed writer. Finishing it here would call the concrete writer's hooks, which are gone.
+  if (open_stream_) open_stream_->abandon();
+}
+
+void BinaryWriterBase::close() {
+  finalize_previous_element();
+  if (!sequences_.empty()) {
+    zocore::throw_error(error::zoserialize_writer_sequence_nesting,
+                        "Attempt to close writer that has open sequences",
+                        here("zoserialize::BinaryWriterBase::close()"));
+  }
+}
+
+void BinaryWriterBase::flush() { finalize_previous_element(); }
+
+void BinaryWriterBase::write_null() {
+  finalize_previous_element();
+  emit_byte(impl::kTagNull);
+}
+
+void BinaryWriterBase::write_bool(bool value) {
+  finalize_previous_element();
+  emit_byte(value ? impl::kTagTrue : impl::kTagFalse);
+}
+
+void BinaryWriterBase::write_int_big_endian(void const* data, unsigned size) {
+  finalize_previous_element();
+  auto const* image = static_cast<unsigned char const*>(data);
+  if (size > 8) [[unlikely]] {
+    write_signed_wide(image, size);
+    return;
+  }
+  std::int64_t const v = impl::load_signed(image, size);
+  unsigned char payload[8];
+  unsigned char tag;
+  unsigned width;
+  if (v >= -1 && v <= 1) {
+    emit_byte(v == 0 ? 0x20 : v == 1 ? 0x21 : 0x22);
+    return;
+  }
+  if (v >= INT8_MIN && v <= INT8_MAX) {
+    tag = 0x24, width = 1;
+  } else if (v >= INT16_MIN && v <= INT16_MAX) {
+    tag = 0x25, width = 2;
+  } else if (v >= INT32_MIN && v <= INT32_MAX) {
+    tag = 0x26, width = 4;
+  } else {
+    tag = 0x27, width = 8;
+  }
+  impl::store_big_endian(static_cast<std::uint64_t>(v), payload);
+  emit_tagged(tag, payload + 8 - width, width);
+}
+
+void BinaryWriterBase::write_signed_wide(unsigned char const* image, unsigned size) {
+  impl::SignedForm const form = impl::minimal_signed_form(image, size);
+  if (form.length == 0) {
+    emit_byte(form.sign == 0 ? 0x20 : 0x22);
+    return;
+  }
+  if (form.length == 1 && image[form.offset] == 0x01) {
+    emit_byte(0x21);
+    return;
+  }
+  if (form.length > kMaxIntegerBytes) throw_integer_too_wide(true, form.length);
+  unsigned const nibble = width_nibble(form.length);
+  unsigned const width = 1u << (nibble - 4);
+  unsigned char payload[kMaxIntegerBytes];
+  // Sign-extend to the width; an image at least that wide already holds the extension bytes.
+  std::memset(payload, form.sign, width - form.length);
+  std::memcpy(payload + width - form.length, image + form.offset, form.length);
+  emit_tagged(static_cast<unsigned char>(0x20 | nibble), payload, width);
+}
+
+void BinaryWriterBase::write_uint_big_endian(void const* data, unsigned size) {
+  finalize_previous_element();
+  auto const* image = static_cast<unsigned char const*>(data);
+  if (size > 8) [[unlikely]] {
+    write_unsigned_wide(image, size);
+    return;
+  }
+  std::uint64_t const v = impl::load_unsigned(image, size);
+  if (v <= 1) {
+    emit_byte(v == 0 ? 0x30 : 0x31);
+    return;
+  }
+  unsigned char payload[8];
+  impl::store_big_endian(v, payload);
+  unsigned char tag;
+  unsigned width;
+  if (v <= 0xFF) {
+    tag = 0x34, width = 1;
+  } else if (v <= 0xFFFF) {
+    tag = 0x35, width = 2;
+  } else if (v <= 0xFFFFFFFF) {
+    tag = 0x36, width = 4;
+  } else {
+    tag = 0x37, width = 8;
+  }
+  emit_tagged(tag, payload + 8 - width, width);
+}
+
+void BinaryWriterBase::write_unsigned_wide(unsigned char const* image, unsigned size) {
+  impl::UnsignedForm const form = impl::minimal_unsigned_form(image, size);
+  if (form.length == 0) {
+    emit_byte(0x30);
+    return;
+  }
+  if (form.length == 1 && image[form.offset] == 0x01) {
+    emit_byte(0x31);
+    return;
+  }
+  // One byte tighter than the signed limit: a 64-byte value with a non-zero top byte is refused.
+  if (form.length >= kMaxIntegerBytes) throw_integer_too_wide(false, form.length);
+  unsigned const nibble = width_nibble(form.length);
+  unsigned const width = 1u << (nibble - 4);
+  unsigned char payload[kMaxIntegerBytes];
+  std::memset(payload, 0, width - form.length);
+  std::memcpy(payload + width - form.length, image + form.offset, form.length);
+  emit_tagged(static_cast<unsigned char>(0x30 | nibble), payload, width);
+}
+
+void BinaryWriterBase::write_double(double value) {
+  finalize_previous_element();
+  auto const bits = std::bit_cast<std::uint64_t>(value);
+  auto const hi = static_cast<std::uint32_t>(bits >> 32);
+  auto const lo = static_cast<std::uint32_t>(bits);
+  unsigned char payload[8];
+  impl::store_big_endian(bits, payload);
+  if (lo != 0) {
+    emit_tagged(0x47, payload, 8);
+  } else if ((hi & 0xFFFF) == 0) {
+    if (hi == 0) {
+      emit_byte(0x40);
+    } else if ((hi & 0x7FFFFFFF) == 0x3FF00000) {
+      emit_byte((hi & 0x80000000) ? 0x42 : 0x41);
+    } else {
+      emit_tagged(0x44, payload, 2);
+    }
+  } else if ((hi & 0xFF) != 0) {
+    emit_tagged(0x46, payload, 4);
+  } else {
+    emit_tagged(0x45, payload, 3);
+  }
+}
+
+void BinaryWriterBase::write_string(char const* data, unsigned size) {
+  finalize_previous_element();
+  write_binary_aux(ETypePrefix::String, data, size);
+}
+
+InterfacePtr<IWriteStream> BinaryWriterBase::write_string_stream() {
+  return create_binary_write_stream(ETypePrefix::String);
+}
+
+void BinaryWriterBase::write_string_stream(IReadStream& source) {
+  finalize_previous_element();
+  write_binary_aux(ETypePrefix::String, source);
+}
+
+void BinaryWriterBase::write_time(ETypePrefix prefix, std::int64_t count) {
+  if (count == INT64_MAX) {
+    emit_byte(tag_of(prefix, impl::kNibbleTimeInfinite));
+  } else if (count == 0) {
+    emit_byte(tag_of(prefix, impl::kNibbleTimeZero));
+  } else if (count >= INT32_MIN && count <= INT32_MAX) {
+    unsigned char payload[4];
+    impl::store_big_endian(static_cast<std::int32_t>(count), payload);
+    emit_tagged(tag_of(prefix, impl::kNibbleTime32), payload, 4);
+  } else {
+    unsigned char payload[8];
+    impl::store_big_endian(count, payload);
+    emit_tagged(tag_of(prefix, impl::kNibbleTime64), payload, 8);
+  }
+}
+
+void BinaryWriterBase::write_absolute_time(AbsoluteTime const& value) {
+  finalize_previous_element();
+  write_time(ETypePrefix::AbsoluteTime, value.count());
+}
+
+void BinaryWriterBase::write_relative_time(RelativeTime const& value) {
+  finalize_previous_element();
+  write_time(ETypePrefix::RelativeTime, value.count());
+}
+
+void BinaryWriterBase::write_uuid(Uuid const& value) {
+  finalize_previous_element();
+  if (value.is_null()) {
+    emit_byte(0x80);
+    return;
+  }
+  unsigned char payload[Uuid::kBinarySize];
+  value.write_binary(payload);
+  emit_tagged(0x81, payload, Uuid::kBinarySize);
+}
+
+InterfacePtr<IWriteStream> BinaryWriterBase::write_binary() {
+  return create_binary_write_stream(ETypePrefix::Binary);
+}
+
+void BinaryWriterBase::write_binary(IReadStream& source) {
+  finalize_previous_element();
+  write_binary_aux(ETypePrefix::Binary, source);
+}
+
+void BinaryWriterBase::write_binary(void const* data, unsigned size) {
+  finalize_previous_element();
+  write_binary_aux(ETypePrefix::Binary, data, size);
+}
+
+void BinaryWriterBase::write_sequence_start(unsigned count_hint) {
+  finalize_previous_element();
+  if (count_hint < 8) {
+    emit_byte(static_cast<unsigned char>(0xA0 | count_hint));
+  } else if (count_hint <= 0xFF) {
+    unsigned char const field = static_cast<unsigned char>(count_hint);
+    emit_tagged(0xA8, &field, 1);
+  } else if (count_hint <= 0xFFFF) {
+    unsigned char field[2];
+    impl::store_big_endian(static_cast<std::uint16_t>(count_hint), field);
+    emit_tagged(0xA9, field, 2);
+  } else {
+    unsigned char field[4];
+    impl::store_big_endian(count_hint, field);
+    emit_tagged(0xAA, field, 4);
+  }
+  sequences_.push_back({count_hint, 0});
+}
+
+void BinaryWriterBase::write_sequence_start() {
+  finalize_previous_element();
+  emit_byte(0xA0);
+  sequences_.push_back({0, 0});
+}
+
+void BinaryWriterBase::write_sequence_separator() {
+  finalize_previous_element();
+  if (sequences_.empty()) {
+    zocore::throw_error(error::zoserialize_writer_sequence_nesting,
+                        "Attempt to add sequence separator and no sequence is open",
+                        here("zoserialize::BinaryWriterBase::write_sequence_separator()"));
+  }
+  SequenceEntry& top = sequences_.back();
+  if (top.count_hint != 0 && top.separators >= top.count_hint - 1) {
+    zocore::ErrorComposer(
+        "Attempt to add more sequence elements than the count hint indicated.  "
+        "CountHint={@countHint}")
+        .add("countHint", top.count_hint)
+        .throw_error(error::zoserialize_writer_sequence_element_count,
+                     here("zoserialize::BinaryWriterBase::write_sequence_separator()"));
+  }
+  ++top.separators;
+  emit_byte(impl::kTagSequenceSeparator);
+}
+
+void BinaryWriterBase::write_sequence_end() {
+  finalize_previous_element();
+  if (sequences_.empty()) {
+    zocore::throw_error(error::zoserialize_writer_sequence_nesting,
+                        "Attempt to close sequence and none is open",
+                        here("zoserialize::BinaryWriterBase::write_sequence_end()"));
+  }
+  // The sequence counts as closed even when the count check below fails.
+  SequenceEntry const top = sequences_.back();
+  sequences_.pop_back();
+  if (top.count_hint != 0 && top.separators != top.count_hint - 1) {
+    // Added reports the separators written, not the elements.
+    zocore::ErrorComposer(
+        "Number of elements added to sequence does not match count hint.  "
+        "CountHint={@countHint}, Added={@elementCount}")
+        .add("countHint", top.count_hint)
+        .add("elementCount", top.separators)
+        .throw_error(error::zoserialize_writer_sequence_element_count,
+                     here("zoserialize::BinaryWriterBase::write_sequence_end()"));
+  }
+  emit_byte(impl::kTagSequenceEnd);
+}
+
+// ---- Protected helpers ----------------------------------------------------------------------
+
+void BinaryWriterBase::write_binary_tag_aux(ETypePrefix prefix, unsigned length) {
+  unsigned char field[4];
+  if (length < 8) {
+    emit_byte(tag_of(prefix, length));
+  } else if (length <= 0xFF) {
+    field[0] = static_cast<unsigned char>(length);
+    emit_tagged(tag_of(prefix, impl::kNibbleLength1), field, 1);
+  } else if (length <= 0xFFFF) {
+    impl::store_big_endian(static_cast<std::uint16_t>(length), field);
+    emit_tagged(tag_of(prefix, impl::kNibbleLength2), field, 2);
+  } else {
+    impl::store_big_endian(length, field);
+    emit_tagged(tag_of(prefix, impl::kNibbleLength4), field, 4);
+  }
+}
+
+void BinaryWriterBase::write_binary_aux(ETypePrefix prefix, void const* data, unsigned size) {
+  write_binary_tag_aux(prefix, size);
+  emit(data, size);
+}
+
+void BinaryWriterBase::write_chunk(ETypePrefix prefix, bool first, void const* data,
+                                   unsigned size) {
+  unsigned char field[2];
+  if (size <= 0xFF) {
+    field[0] = static_cast<unsigned char>(size);
+    emit_tagged(tag_of(prefix, first ? impl::kNibbleFirstChunk1 : impl::kNibbleNextChunk1), field, 1);
+  } else {
+    impl::store_big_endian(static_cast<std::uint16_t>(size), field);
+    emit_tagged(tag_of(prefix, first ? impl::kNibbleFirstChunk2 : impl::kNibbleNextChunk2), field, 2);
+  }
+  emit(data, size);
+}
+
+void BinaryWriterBase::write_chunk_end(ETypePrefix prefix) {
+  emit_byte(tag_of(prefix, impl::kNibbleChunkEnd));
+}
+
+void BinaryWriterBase::write_binary_aux(ETypePrefix prefix, IReadStream& source) {
+  unsigned char block[impl::kStreamChunkSize];
+  unsigned const announced = source.bytes_remaining();
+  if (announced == IReadStream::kUnknownSize) {
+    unsigned got = source.read(block, impl::kStreamChunkSize);
+    if (got < impl::kStreamChunkSize) {
+      write_binary_aux(prefix, block, got);
+      return;
+    }
+    write_chunk(prefix, true, block, got);
+    while ((got = source.read(block, impl::kStreamChunkSize)) != 0) {
+      write_chunk(prefix, false, block, got);
+    }
+    write_chunk_end(prefix);
+    return;
+  }
+  write_binary_tag_aux(prefix, announced);
+  if (announced == 0) return;
+  unsigned total = 0;
+  for (;;) {
+    // Read straight into the output window when it has room: no intermediate copy. The bytes
+    // only count as written once out_cur_ moves past them.
+    bool const direct = window_room() >= impl::kStreamChunkSize;
+    unsigned char* const dest = direct ? out_cur_ : block;
+    unsigned const got = source.read(dest, impl::kStreamChunkSize);
+    if (got == 0) break;
+    if (got > announced - total) {
+      zocore::ErrorComposer("IReadStream returns more data than the announced {@expected} bytes")
+          .add("expected", announced)
+          .throw_error(error::zoserialize_writer_data_size,
+                       here("zoserialize::BinaryWriterBase::write_binary_aux()"));
+    }
+    if (direct) {
+      out_cur_ += got;
+    } else {
+      emit(block, got);
+    }
+    total += got;
+  }
+  if (total != announced) {
+    zocore::ErrorComposer("Early EOS in IReadStream.  Expected {@expected} bytes, read {@read} bytes")
+        .add("expected", announced)
+        .add("read", total)
+        .throw_error(error::zoserialize_writer_data_size,
+                     here("zoserialize::BinaryWriterBase::write_binary_aux()"));
+  }
+}
+
+void BinaryWriterBase::write_marker_start_tag() { emit_byte(impl::kTagMarkerStart); }
+
+void BinaryWriterBase::write_marker_start_tag(unsigned size, unsigned field_size) {
+  unsigned bytes;
+  if (field_size == 0) {
+    if (size == 0) {
+      emit_byte(impl::kTagMarkerStart);
+      return;
+    }
+    bytes = size <= 0xFF ? 1 : size <= 0xFFFF ? 2 : 4;
+  } else {
+    if (field_size > 8) {
+      zocore::throw_with_nested_errno(
+          error::zoserialize_writer_data_range,
+          "Field size must be less than or equal to 8 (64-bit field)",
+          here("zoserialize::BinaryWriterBase::write_marker_start_tag()"), 22);
+    }
+    bytes = field_size <= 1 ? 1 : field_size <= 2 ? 2 : field_size <= 4 ? 4 : 8;
+    // The limit is 2 to the power of the field's width in bytes, not in bits: only small sizes
+    // pass. Callers use a fixed field only with size 0 and the shortest form otherwise.
+    if (static_cast<std::uint64_t>(size) >= (std::uint64_t{1} << bytes)) {
+      zocore::ErrorComposer("Marker size value ({@size}) exceeds bit size of field ({@fieldSize})")
+          .add("size", size)
+          .add("fieldSize", bytes * 8)
+          .throw_with_nested_errno(error::zoserialize_writer_data_range,
+                                   here("zoserialize::BinaryWriterBase::write_marker_start_tag()"),
+                                   22);
+    }
+  }
+  unsigned char field[8];
+  impl::store_big_endian(static_cast<std::uint64_t>(size), field);
+  unsigned const nibble = bytes == 1 ? 4 : bytes == 2 ? 5 : bytes == 4 ? 6 : 7;
+  emit_tagged(static_cast<unsigned char>(0xB0 | nibble), field + 8 - bytes, bytes);
+}
+
+void BinaryWriterBase::write_marker_end_tag() { emit_byte(impl::kTagMarkerEnd); }
+
+InterfacePtr<IWriteStream> BinaryWriterBase::create_binary_write_stream(ETypePrefix prefix) {
+  finalize_previous_element();
+  open_stream_ = zocore::make_ref_counted<BinaryStreamImpl>(this, prefix);
+  return InterfacePtr<IWriteStream>(open_stream_);
+}
+
+void BinaryWriterBase::finalize_binary_writer_stream() {
+  // Taken out first: finishing emits bytes, and a failure must not leave the stream attached.
+  zocore::RefCountPtr<BinaryStreamImpl> const stream = std::move(open_stream_);
+  if (stream) stream->finish();
+}
+
+}  // namespace zoserialize
