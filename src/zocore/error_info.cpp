@@ -59,10 +59,13 @@ std::string ErrorInfo::render(std::string_view message, ErrorParams const& param
   out.reserve(message.size() + 16);
   std::size_t pos = 0;
   while (pos < message.size()) {
-    std::size_t const open = message.find("{@", pos);
+    std::size_t open = message.find("{@", pos);
     if (open == std::string_view::npos) break;
     std::size_t const close = message.find('}', open + 2);
     if (close == std::string_view::npos) break;
+    // An unterminated "{@" before a complete placeholder is literal text: the placeholder is
+    // the last "{@" before the brace.
+    open = message.rfind("{@", close);
     out.append(message, pos, open - pos);
     std::string const* value = params.find(message.substr(open + 2, close - open - 2));
     if (value) {

@@ -22,7 +22,10 @@ class ZOCORE_API ErrorParams {
 
   // `name` is normally a literal; pass a SourceString to store a name read at run time.
   ErrorParams& set(char const* name, std::string_view value);
-  ErrorParams& set(char const* name, char const* value) { return set(name, std::string_view(value)); }
+  // A null `value` is stored as empty text.
+  ErrorParams& set(char const* name, char const* value) {
+    return set(name, value ? std::string_view(value) : std::string_view());
+  }
   ErrorParams& set(char const* name, std::string const& value) {
     return set(name, std::string_view(value));
   }
