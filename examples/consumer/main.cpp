@@ -1,0 +1,32 @@
+// Round-trips a few values through the installed library: the smallest useful program.
+#include <zocore/error_exception.h>
+#include <zocore/memory_stream.h>
+#include <zoserialize/binary_reader.h>
+#include <zoserialize/binary_writer.h>
+
+#include <iostream>
+#include <string>
+
+int main() {
+  try {
+    auto sink = zocore::make_ref_counted<zocore::StringWriteStream>();
+    {
+      zoserialize::BinaryWriter writer{zocore::InterfacePtr<zocore::IWriteStream>(sink)};
+      writer << 42 << std::string("hello") << 2.5;
+      writer.close();
+    }
+    auto source = zocore::make_ref_counted<zocore::MemoryReadStream>(sink->str());
+    zoserialize::BinaryReader reader{zocore::InterfacePtr<zocore::IReadStream>(source)};
+    int number = 0;
+    std::string text;
+    double value = 0;
+    reader >> number >> text >> value;
+    bool const ok = number == 42 && text == "hello" && value == 2.5 && reader.is_eof();
+    std::cout << (ok ? "consumer: ok" : "consumer: MISMATCH") << " (" << sink->str().size()
+              << " bytes)\n";
+    return ok ? 0 : 1;
+  } catch (zocore::ErrorException const& e) {
+    std::cerr << "consumer: " << e.code() << ": " << e.what() << "\n";
+    return 1;
+  }
+}

@@ -1,0 +1,47 @@
+# Installs the build tree into a scratch prefix, then builds and runs examples/consumer against
+# it twice: through find_package(zoserialize) and through pkg-config. Also checks that the
+# private headers (impl/) were not installed.
+#   cmake -DBUILD_DIR=... -DSOURCE_DIR=... -DWORK_DIR=... -DGENERATOR=... -DCXX=... -P this
+function(run)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "failed (${rc}): ${ARGN}\n${out}\n${err}")
+  endif()
+  set(run_output "${out}" PARENT_SCOPE)
+endfunction()
+
+set(prefix ${WORK_DIR}/prefix)
+file(REMOVE_RECURSE ${WORK_DIR})
+run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+
+foreach(header zocore/ref_count_ptr.h zoserialize/writer.h zoserialize/binary_reader.h
+               zoserialize/error_codes.h)
+  if(NOT EXISTS ${prefix}/include/${header})
+    message(FATAL_ERROR "installed header missing: ${header}")
+  endif()
+endforeach()
+file(GLOB_RECURSE private_headers ${prefix}/include/*/impl/*)
+if(private_headers)
+  message(FATAL_ERROR "private headers were installed: ${private_headers}")
+endif()
+
+# find_package(zoserialize)
+run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples/consumer -B ${WORK_DIR}/build -G ${GENERATOR}
+    -DCMAKE_CXX_COMPILER=${CXX} -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
+run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
+run(${WORK_DIR}/build/consumer)
+message(STATUS "find_package: ${run_output}")
+
+# pkg-config
+file(GLOB_RECURSE pc_file ${prefix}/*/zoserialize.pc)
+if(NOT pc_file)
+  message(FATAL_ERROR "zoserialize.pc was not installed")
+endif()
+get_filename_component(pc_dir ${pc_file} DIRECTORY)
+set(ENV{PKG_CONFIG_PATH} ${pc_dir})
+run(pkg-config --cflags --libs zoserialize)
+string(STRIP "${run_output}" flags)
+separate_arguments(flags UNIX_COMMAND "${flags}")
+run(${CXX} ${SOURCE_DIR}/examples/consumer/main.cpp -o ${WORK_DIR}/consumer-pc ${flags})
+run(${WORK_DIR}/consumer-pc)
+message(STATUS "pkg-config: ${run_output}")
