@@ -148,6 +148,9 @@ bool Reader::read_compare_equal(Reader& a, Reader& b) {
           EToken const tb = b.next_token();
           if (ta != tb) return false;
           if (is_sequence_boundary(ta)) break;
+          // Input that ends inside the sequence cannot compare equal; comparing two ended
+          // readers consumes nothing, so going on would never end.
+          if (ta == EToken::Eof) return false;
           if (!read_compare_equal(a, b)) return false;
         }
       }
@@ -157,6 +160,9 @@ bool Reader::read_compare_equal(Reader& a, Reader& b) {
       b.read_marker_start();
       while (!a.read_marker_is_end()) {
         if (b.read_marker_is_end()) return false;
+        // As for sequences: a reader that does not see the marker's end at the end of its
+        // input must not make the comparison loop forever.
+        if (a.next_token() == EToken::Eof) return false;
         if (!read_compare_equal(a, b)) return false;
       }
       if (!b.read_marker_is_end()) return false;

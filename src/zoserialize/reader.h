@@ -95,8 +95,9 @@ class ZOSERIALIZE_API Reader {
   virtual ~Reader();
 
   // Compares one element of each reader structurally, consuming it from both. Count hints are
-  // not compared; doubles compare with ==. After a false result both readers stand inside the
-  // differing element: compare whole archives and discard the readers afterwards.
+  // not compared; doubles compare with ==. Input that ends inside a sequence or marker compares
+  // unequal. After a false result both readers stand inside the differing element: compare
+  // whole archives and discard the readers afterwards.
   static bool read_compare_equal(Reader& a, Reader& b);
   // Compares element by element until either reader ends; true only if both end together.
   static bool read_compare_equal_all(Reader& a, Reader& b);
