@@ -16,17 +16,18 @@ SourceLocation here(char const* function,
 }
 
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-constexpr std::int8_t kInvalid = -1;
+constexpr std::uint8_t kInvalid = 0xFF;
 
-constexpr std::array<std::int8_t, 256> make_decode_table() {
-  std::array<std::int8_t, 256> table{};
+constexpr std::array<std::uint8_t, 256> make_decode_table() {
+  std::array<std::uint8_t, 256> table{};
   table.fill(kInvalid);
-  for (int i = 0; i < 64; ++i)
-    table[static_cast<unsigned char>(kAlphabet[i])] = std::int8_t(i);
+  for (unsigned i = 0; i < 64; ++i) {
+    table[static_cast<unsigned char>(kAlphabet[i])] = static_cast<std::uint8_t>(i);
+  }
   return table;
 }
 
-constexpr std::array<std::int8_t, 256> kDecodeTable = make_decode_table();
+constexpr std::array<std::uint8_t, 256> kDecodeTable = make_decode_table();
 
 [[noreturn, gnu::cold]] void throw_invalid(std::size_t offset) {
   ErrorComposer("Invalid base64 text at offset {@offset}")
@@ -34,9 +35,9 @@ constexpr std::array<std::int8_t, 256> kDecodeTable = make_decode_table();
       .throw_error(error::zocore_format, here("zocore::base64_decode()"));
 }
 
-inline int sextet(std::string_view text, std::size_t pos) {
-  int const v = kDecodeTable[static_cast<unsigned char>(text[pos])];
-  if (v < 0) throw_invalid(pos);
+inline std::uint32_t sextet(std::string_view text, std::size_t pos) {
+  std::uint8_t const v = kDecodeTable[static_cast<unsigned char>(text[pos])];
+  if (v == kInvalid) throw_invalid(pos);
   return v;
 }
 
@@ -96,26 +97,28 @@ std::string base64_decode(std::string_view text) {
   std::string out;
   out.reserve(data_size / 4 * 3 + 2);
   for (std::size_t i = 0; i < full_end; i += 4) {
-    std::uint32_t const v =
-        (std::uint32_t(sextet(text, i)) << 18) | (std::uint32_t(sextet(text, i + 1)) << 12) |
-        (std::uint32_t(sextet(text, i + 2)) << 6) | std::uint32_t(sextet(text, i + 3));
+    // One statement per character, so that the first bad one is the one reported.
+    std::uint32_t v = sextet(text, i) << 18;
+    v |= sextet(text, i + 1) << 12;
+    v |= sextet(text, i + 2) << 6;
+    v |= sextet(text, i + 3);
     out.push_back(static_cast<char>(v >> 16));
     out.push_back(static_cast<char>(v >> 8));
     out.push_back(static_cast<char>(v));
   }
   if (tail != 0) {
-    std::uint32_t const a = std::uint32_t(sextet(text, full_end));
+    std::uint32_t const a = sextet(text, full_end);
     // One character carries six bits, not even a byte: a second one is needed where the text
     // ends or the padding starts.
     if (tail == 1) throw_invalid(data_size);
-    std::uint32_t const b = std::uint32_t(sextet(text, full_end + 1));
+    std::uint32_t const b = sextet(text, full_end + 1);
     // The bits of the last character beyond the final byte must be zero, so that every byte
     // string has exactly one encoding.
     if (tail == 2) {
       if ((b & 0x0F) != 0) throw_invalid(full_end + 1);
       out.push_back(static_cast<char>((a << 2) | (b >> 4)));
     } else {
-      std::uint32_t const c = std::uint32_t(sextet(text, full_end + 2));
+      std::uint32_t const c = sextet(text, full_end + 2);
       if ((c & 0x03) != 0) throw_invalid(full_end + 2);
       out.push_back(static_cast<char>((a << 2) | (b >> 4)));
       out.push_back(static_cast<char>(((b & 0x0F) << 4) | (c >> 2)));

@@ -126,14 +126,10 @@ void FileWriteStream::write(void const* data, unsigned size) {
   unsigned total = 0;
   while (total < size) {
     ssize_t const n = ::write(fd_, bytes + total, size - total);
-    if (n > 0) {
-      total += static_cast<unsigned>(n);
-    } else if (n == 0) {
-      // No progress and no error: report it rather than spin.
-      throw_errno(here("zocore::FileWriteStream::write()"), EIO);
-    } else if (errno != EINTR) {
-      throw_errno(here("zocore::FileWriteStream::write()"), errno);
-    }
+    if (n < 0 && errno == EINTR) continue;
+    // A write that makes no progress without an error is reported rather than retried forever.
+    if (n <= 0) throw_errno(here("zocore::FileWriteStream::write()"), n == 0 ? EIO : errno);
+    total += static_cast<unsigned>(n);
   }
 }
 

@@ -1,5 +1,6 @@
 #include <cstdint>
 #include <source_location>
+#include <type_traits>
 
 #include <zocore/core_errors.h>
 #include <zocore/error_composer.h>
@@ -32,25 +33,29 @@ constexpr std::uint32_t kMaxCodePoint = 0x10FFFF;
       .throw_error(error::zocore_utf8, here(function));
 }
 
-// Code units are read as unsigned 32-bit values, so a negative wchar_t is simply too large.
+// Code units are read as unsigned values, so a negative wchar_t is simply too large.
+template <class Unit>
+std::uint32_t unit_value(Unit unit) noexcept {
+  return static_cast<std::make_unsigned_t<Unit>>(unit);
+}
+
 template <class Unit>
 std::string units_to_utf8(Unit const* text, unsigned count) {
   std::string out;
   out.reserve(count);
   for (unsigned i = 0; i < count; ++i) {
-    auto unit = static_cast<std::uint32_t>(text[i]);
+    std::uint32_t unit = unit_value(text[i]);
     if (unit < 0x80) {
       out.push_back(static_cast<char>(unit));
       continue;
     }
     if (unit >= kHighSurrogateFirst && unit <= kLowSurrogateLast) {
-      bool const paired = unit < kLowSurrogateFirst && i + 1 < count &&
-                          static_cast<std::uint32_t>(text[i + 1]) >= kLowSurrogateFirst &&
-                          static_cast<std::uint32_t>(text[i + 1]) <= kLowSurrogateLast;
+      std::uint32_t const next = i + 1 < count ? unit_value(text[i + 1]) : 0;
+      bool const paired =
+          unit < kLowSurrogateFirst && next >= kLowSurrogateFirst && next <= kLowSurrogateLast;
       if (!paired) throw_invalid_code_unit(i);
       ++i;
-      unit = 0x10000 + ((unit - kHighSurrogateFirst) << 10) +
-             (static_cast<std::uint32_t>(text[i]) - kLowSurrogateFirst);
+      unit = 0x10000 + ((unit - kHighSurrogateFirst) << 10) + (next - kLowSurrogateFirst);
     } else if (unit > kMaxCodePoint) {
       throw_invalid_code_unit(i);
     }

@@ -99,8 +99,8 @@ INSTANTIATE_TEST_SUITE_P(
     Texts, Base64RejectTest,
     ::testing::Values(
         // Characters outside the alphabet, including the URL-safe ones and whitespace.
-        Reject{"Zm9v!mFy", 4}, Reject{"Zm9vYmF-", 7}, Reject{"Zm9_", 3}, Reject{"Zm9v YmFy", 4},
-        Reject{"Zm9v\n", 4}, Reject{"\xC3\xA9", 0}, Reject{"!=", 0},
+        Reject{"Zm9v!mFy", 4}, Reject{"Zm9v!!!!", 4}, Reject{"Zm9vYmF-", 7}, Reject{"Zm9_", 3},
+        Reject{"Zm9v YmFy", 4}, Reject{"Zm9v\n", 4}, Reject{"\xC3\xA9", 0}, Reject{"!=", 0},
         // A lone final character cannot make a byte.
         Reject{"Z", 1}, Reject{"Zm9vY", 5}, Reject{"Zm9vY===", 5}, Reject{"Zm9vY=", 5},
         // Padding in the wrong place, incomplete, or followed by more text.

@@ -49,7 +49,7 @@ class FileStreamTest : public ::testing::Test {
   std::string path(char const* name) const { return (dir_ / name).string(); }
 
   std::string write_file(char const* name, std::string const& data) {
-    std::string const p = path(name);
+    std::string p = path(name);
     FileWriteStream stream(p.c_str());
     stream.write(data.data(), static_cast<unsigned>(data.size()));
     return p;

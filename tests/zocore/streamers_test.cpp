@@ -1,5 +1,6 @@
+#include <cinttypes>
 #include <cstdint>
-#include <limits>
+#include <cstdio>
 #include <sstream>
 #include <string>
 
@@ -62,16 +63,17 @@ INSTANTIATE_TEST_SUITE_P(
     [](auto const& p) { return std::string(p.param.name); });
 
 TEST(StreamersTest, RenderPointerIsSixteenLowercaseDigits) {
-  struct Case {
-    std::uintptr_t value;
-    char const* expected;
-  };
-  for (Case const c : {Case{0, "0x0000000000000000"}, Case{0xABCDEF, "0x0000000000abcdef"},
-                       Case{std::numeric_limits<std::uintptr_t>::max(), "0xffffffffffffffff"}}) {
-    std::ostringstream os;
-    streamers::render_pointer(os, reinterpret_cast<void const*>(c.value));
-    EXPECT_EQ(os.str(), c.expected);
-  }
+  std::ostringstream null_text;
+  streamers::render_pointer(null_text, nullptr);
+  EXPECT_EQ(null_text.str(), "0x0000000000000000");
+
+  int const object = 0;
+  std::ostringstream text;
+  streamers::render_pointer(text, &object);
+  char expected[32];
+  std::snprintf(expected, sizeof expected, "0x%016" PRIxPTR,
+                reinterpret_cast<std::uintptr_t>(&object));
+  EXPECT_EQ(text.str(), expected);
 }
 
 TEST(StreamersTest, BooleanWritesWords) {
