@@ -54,6 +54,7 @@ std::string drain(zoserialize::IReadStream& source) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(cert-err58-cpp): constant-initialised, nothing runs at load
 constinit zocore::ErrorCode const recording_writer_error("error.zotest.recording_writer", true);
 
 // The stream handed out for a string or binary value. It collects the bytes until the writer

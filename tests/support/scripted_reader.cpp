@@ -30,13 +30,9 @@ unsigned char byte_at(std::string_view s, std::size_t i) {
 std::string_view minimal_signed(std::string_view image) {
   while (!image.empty()) {
     bool const next_negative = image.size() > 1 && (byte_at(image, 1) & 0x80) != 0;
-    if (byte_at(image, 0) == 0x00 && !next_negative) {
-      image.remove_prefix(1);
-    } else if (byte_at(image, 0) == 0xFF && next_negative) {
-      image.remove_prefix(1);
-    } else {
-      break;
-    }
+    unsigned char const sign_byte = next_negative ? 0xFF : 0x00;
+    if (byte_at(image, 0) != sign_byte) break;
+    image.remove_prefix(1);
   }
   return image;
 }
@@ -106,6 +102,7 @@ zoserialize::InterfacePtr<zoserialize::IReadStream> stream_over(std::string cons
 
 }  // namespace
 
+// NOLINTNEXTLINE(cert-err58-cpp): constant-initialised, nothing runs at load
 constinit zocore::ErrorCode const scripted_reader_error("error.zotest.scripted_reader", true);
 
 namespace script {

@@ -14,7 +14,7 @@ using zocore::ErrorCode;
 using zocore::SourceString;
 
 // The constructor over a literal is usable for constant initialisation.
-constinit ErrorCode const kConstantCode("error.test.constant", true);
+constinit ErrorCode const kConstantCode("error.test.constant", true);  // NOLINT(cert-err58-cpp)
 
 struct ParentCase {
   char const* name;

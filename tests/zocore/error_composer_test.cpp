@@ -17,7 +17,7 @@ using zocore::SourceLocation;
 using zocore::SourceString;
 
 constexpr char kFile[] = "$Id: tests/zocore/error_composer_test.cpp $";
-ErrorCode const kCode("error.test.composer", true);
+constinit ErrorCode const kCode("error.test.composer", true);  // NOLINT(cert-err58-cpp)
 constexpr char kMessage[] =
     "Read {@count} of {@size} bytes from '{@name}'.  Ratio={@ratio}, Path={@path}, Id={@id}";
 

@@ -18,7 +18,7 @@ using zocore::SourceString;
 static_assert(std::is_base_of_v<std::exception, ErrorException>);
 static_assert(std::is_nothrow_copy_constructible_v<ErrorException>);
 
-ErrorCode const kCode("error.test.exception", true);
+constinit ErrorCode const kCode("error.test.exception", true);  // NOLINT(cert-err58-cpp)
 
 zocore::RefCountPtr<ErrorInfo const> make_info() {
   ErrorParams params;

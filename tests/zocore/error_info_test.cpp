@@ -18,7 +18,7 @@ using zocore::SourceLocation;
 using zocore::SourceString;
 
 constexpr char kFile[] = "$Id: tests/zocore/error_info_test.cpp $";
-ErrorCode const kCode("error.test.info", true);
+constinit ErrorCode const kCode("error.test.info", true);  // NOLINT(cert-err58-cpp)
 
 struct RenderCase {
   char const* label;

@@ -116,8 +116,11 @@ TEST(InterfacePtrTest, CopyMoveAndSwap) {
   InterfacePtr<IReadStream> b(a);
   EXPECT_EQ(raw->ref_count(), 2u);
   InterfacePtr<IReadStream> c(std::move(b));
-  EXPECT_FALSE(b);  // NOLINT(bugprone-use-after-move): moved-from is empty by contract
+  // Moved-from is empty by contract.
+  // NOLINTBEGIN(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
+  EXPECT_FALSE(b);
   EXPECT_FALSE(b.owner());
+  // NOLINTEND(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
   EXPECT_EQ(raw->ref_count(), 2u);
 
   InterfacePtr<IReadStream> d;

@@ -204,6 +204,7 @@ TEST(RefCountPtrThreadsTest, ConcurrentCopiesDestroyExactlyOnce) {
   for (int trial = 0; trial < 5; ++trial) {
     RefCountPtr<Tracked> shared(new Tracked(&destroys, &deletes));
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     std::vector<RefCountPtr<Tracked>> seeds(kThreads, shared);
     shared.reset();
     for (int t = 0; t < kThreads; ++t) {

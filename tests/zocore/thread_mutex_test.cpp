@@ -38,6 +38,7 @@ TEST(ThreadMutexThreadsTest, IncrementsUnderTheMutexAreNotLost) {
   constexpr int kThreads = 4;
   constexpr int kIncrements = 50000;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < kIncrements; ++i) {

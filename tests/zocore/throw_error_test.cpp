@@ -16,7 +16,7 @@ using zocore::SourceLocation;
 using zocore::SourceString;
 
 constexpr char kFile[] = "$Id: tests/zocore/throw_error_test.cpp $";
-ErrorCode const kCode("error.test.throw", true);
+constinit ErrorCode const kCode("error.test.throw", true);  // NOLINT(cert-err58-cpp)
 
 void expect_location(zotest::ErrorPtr const& info, char const* function, unsigned line) {
   ASSERT_TRUE(info);

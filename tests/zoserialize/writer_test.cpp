@@ -57,6 +57,7 @@ TEST_P(WriterFrontEndTest, HandsTheCoreTheExpectedCall) {
 
 // Every overload is reached through a Writer& so that the front end, not the concrete class,
 // resolves it.
+// NOLINTNEXTLINE(cert-err58-cpp): a test table
 FrontEndCase const kFrontEndCases[] = {
     {"BoolTrue", [](Writer& w) { w << true; }, {"bool true"}},
     {"BoolFalse", [](Writer& w) { w << false; }, {"bool false"}},
