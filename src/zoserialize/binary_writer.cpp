@@ -15,9 +15,12 @@ zocore::SourceLocation here(char const* function,
 
 }  // namespace
 
-// The output window is the free part of the buffer: [buffer + buffered, buffer + capacity). The
-// buffered count is therefore out_cur_ - buffer_. Without a buffer or a stream the window is
-// empty, so every byte reaches the hooks, which write through or report the closed writer.
+// The output window is the free part of the buffer except its last byte:
+// [buffer + buffered, buffer + capacity - 1). The buffered count is therefore out_cur_ - buffer_.
+// The window never fills the buffer: the byte or piece that fills it passes through the hooks,
+// which write a full buffer to the stream at once, exactly when the unwindowed writer would.
+// Without a buffer or a stream the window is empty, so every byte reaches the hooks, which write
+// through or report the closed writer.
 
 BinaryWriter::BinaryWriter(InterfacePtr<IWriteStream> stream, unsigned buffer_size)
     : stream_(std::move(stream)), capacity_(stream_ ? buffer_size : 0) {
@@ -34,7 +37,7 @@ BinaryWriter::~BinaryWriter() {
 
 void BinaryWriter::reset_window() noexcept {
   out_cur_ = buffer_.get();
-  out_end_ = (stream_ && buffer_) ? buffer_.get() + capacity_ : out_cur_;
+  out_end_ = (stream_ && buffer_) ? buffer_.get() + capacity_ - 1 : out_cur_;
 }
 
 void BinaryWriter::throw_closed_error() {
@@ -57,9 +60,9 @@ void BinaryWriter::impl_write_byte(unsigned char byte) {
     stream_->write(&byte, 1);
     return;
   }
-  // The window is full (or it would not have come here): write the buffer, then keep the byte.
-  flush_buffer();
+  // Only the buffer's last free byte is outside the window: this byte fills the buffer.
   *out_cur_++ = byte;
+  if (buffered() == capacity_) flush_buffer();
 }
 
 void BinaryWriter::impl_write(void const* data, unsigned size) {
@@ -73,7 +76,7 @@ void BinaryWriter::impl_write(void const* data, unsigned size) {
     stream_->write(p, size);
     return;
   }
-  unsigned const room = window_room();
+  unsigned const room = capacity_ - buffered();
   unsigned const n = size < room ? size : room;
   std::memcpy(out_cur_, p, n);
   out_cur_ += n;
