@@ -102,10 +102,10 @@ class ListPool {
     return free_.size();
   }
 
-  bool contains(MemoryList const* list) noexcept {
+  bool contains(MemoryListBaseType const* list) noexcept {
     zocore::ThreadMutexGuard lock(mutex_);
     for (auto const& p : free_) {
-      if (p.get() == list) return true;
+      if (static_cast<MemoryListBaseType const*>(p.get()) == list) return true;
     }
     return false;
   }
@@ -168,7 +168,7 @@ std::size_t MemoryList::pooled_count() noexcept {
   return list_pool().size();
 }
 
-bool MemoryList::is_pooled(MemoryList const* list) noexcept {
+bool MemoryList::is_pooled(MemoryListBaseType const* list) noexcept {
   return list_pool().contains(list);
 }
 

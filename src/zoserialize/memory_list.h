@@ -1064,7 +1064,8 @@ class ZOSERIALIZE_API MemoryList final : public MemoryListBaseType {
   ~MemoryList() override;
 
   static std::size_t pooled_count() noexcept;
-  static bool is_pooled(MemoryList const* list) noexcept;
+  // Compares addresses only: `list` may point to a deleted list.
+  static bool is_pooled(MemoryListBaseType const* list) noexcept;
 };
 
 }  // namespace zoserialize

@@ -190,11 +190,9 @@ class MemorySegmentArray {
   using const_iterator = Segment const*;
   using allocator_type = Allocator;
 
-  MemorySegmentArray() noexcept
+  // The inline storage is raw memory; segments are constructed in it as they are added.
+  MemorySegmentArray() noexcept  // NOLINT(cppcoreguidelines-pro-type-member-init)
       : cap_end_(inline_begin() + N), begin_(inline_begin()), end_(inline_begin()) {}
-  explicit MemorySegmentArray(Allocator const& alloc) noexcept : MemorySegmentArray() {
-    alloc_ = alloc;
-  }
   MemorySegmentArray(MemorySegmentArray const&) = delete;
   MemorySegmentArray& operator=(MemorySegmentArray const&) = delete;
 
