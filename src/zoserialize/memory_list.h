@@ -65,10 +65,11 @@ ZOSERIALIZE_API void write_memory_list_trace_segment(std::ostream& os, unsigned 
 // (ref_count() == 1) or work on shallow_clone() instead; the memory writer does exactly that.
 // One thread at a time per list object; lists on different threads may share chunks.
 //
-// Sizes and positions are 32-bit; positions beyond the end are clamped, except element_at(),
-// which throws. 0xFFFFFFFF as a length means "to the end". Pointers returned by the *_ptr_*
-// functions and cursors stay valid until the list is next modified. Byte pointers passed in
-// must not point into this list's own storage.
+// Sizes and positions are 32-bit; a list holds at most kMaxSize bytes and growing beyond throws
+// std::length_error. Positions beyond the end are clamped, except element_at(), which throws.
+// 0xFFFFFFFF as a length means "to the end". Up to 16 segments cost no allocation. Pointers
+// returned by the *_ptr_* functions and cursors stay valid until the list is next modified. Byte
+// pointers passed in must not point into this list's own storage.
 template <class Segment, class ChunkFactory, class Counter, class SegmentArray>
 class ZOSERIALIZE_API MemoryListBase : public zocore::RefCounted<Counter>, public IMemoryListTrace {
  public:
@@ -171,7 +172,8 @@ class ZOSERIALIZE_API MemoryListBase : public zocore::RefCounted<Counter>, publi
   // whose chunk is private and has free room behind it (adding a chunk from the factory with a
   // request of max(min_request, size()) when there is none) and returns the address behind the
   // last byte, with the free room in *avail. Bytes placed there become part of the list with
-  // commit_append_write(). Nothing else may change the list in between.
+  // commit_append_write(). Nothing else may change the list in between. `avail` must not be
+  // null.
   value_type* get_append_write_ptr(unsigned* avail, unsigned min_request = 1) {
     if (!segments_.empty()) {
       Segment& last = segments_.back();
