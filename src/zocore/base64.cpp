@@ -1,6 +1,5 @@
 #include <array>
 #include <cstdint>
-#include <source_location>
 
 #include <zocore/base64.h>
 #include <zocore/core_errors.h>
@@ -10,9 +9,8 @@ namespace zocore {
 namespace {
 
 constexpr char kModuleId[] = "$Id: src/zocore/base64.cpp $";
-SourceLocation here(char const* function,
-                    std::source_location at = std::source_location::current()) {
-  return {function, kModuleId, at.line()};
+SourceLocation here(char const* function, unsigned line = __builtin_LINE()) {
+  return {function, kModuleId, line};
 }
 
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";

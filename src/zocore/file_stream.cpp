@@ -1,6 +1,5 @@
 #include <cerrno>
 #include <cstdint>
-#include <source_location>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -15,9 +14,8 @@ namespace zocore {
 namespace {
 
 constexpr char kModuleId[] = "$Id: src/zocore/file_stream.cpp $";
-SourceLocation here(char const* function,
-                    std::source_location at = std::source_location::current()) {
-  return {function, kModuleId, at.line()};
+SourceLocation here(char const* function, unsigned line = __builtin_LINE()) {
+  return {function, kModuleId, line};
 }
 
 constexpr unsigned kDiscardBlock = 16 * 1024;

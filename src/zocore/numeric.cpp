@@ -1,7 +1,6 @@
 #include <charconv>
 #include <cstdlib>
 #include <memory>
-#include <source_location>
 #include <string_view>
 #include <system_error>
 
@@ -18,9 +17,8 @@ namespace zocore {
 namespace {
 
 constexpr char kModuleId[] = "$Id: src/zocore/numeric.cpp $";
-SourceLocation here(char const* function,
-                    std::source_location at = std::source_location::current()) {
-  return {function, kModuleId, at.line()};
+SourceLocation here(char const* function, unsigned line = __builtin_LINE()) {
+  return {function, kModuleId, line};
 }
 
 template <class Int>

@@ -13,8 +13,10 @@ namespace zocore {
 
 // SourceString keeps either a pointer to text with static storage duration (no copy, no
 // allocation; the usual case for error messages, parameter names and source locations) or its
-// own heap copy. The text is always followed by a 0 byte. Copying a static string copies the
-// pointer; copying an owned one copies the bytes. Moving never allocates.
+// own heap copy. Copying a static string copies the pointer; copying an owned one copies the
+// bytes. Moving never allocates. An owned copy is always followed by a 0 byte; a static text is
+// followed by one when it was given whole (without a shorter size), so c_str() is a C string
+// except for a static string built from part of a longer text.
 class ZOCORE_API SourceString {
  public:
   constexpr SourceString() noexcept = default;

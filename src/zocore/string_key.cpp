@@ -4,7 +4,6 @@
 #include <mutex>
 #include <new>
 #include <shared_mutex>
-#include <source_location>
 #include <unordered_map>
 
 #include <zocore/core_errors.h>
@@ -22,9 +21,8 @@ struct StringKey::Entry {
 namespace {
 
 constexpr char kModuleId[] = "$Id: src/zocore/string_key.cpp $";
-zocore::SourceLocation here(char const* function,
-                            std::source_location at = std::source_location::current()) {
-  return {function, kModuleId, at.line()};
+zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE()) {
+  return {function, kModuleId, line};
 }
 
 constinit StringKey::Entry const kEmptyEntry{"", 0};

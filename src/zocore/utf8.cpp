@@ -2,7 +2,6 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
-#include <source_location>
 
 #include <zocore/core_errors.h>
 #include <zocore/error_composer.h>
@@ -12,9 +11,8 @@ namespace zocore {
 namespace {
 
 constexpr char kModuleId[] = "$Id: src/zocore/utf8.cpp $";
-SourceLocation here(char const* function,
-                    std::source_location at = std::source_location::current()) {
-  return {function, kModuleId, at.line()};
+SourceLocation here(char const* function, unsigned line = __builtin_LINE()) {
+  return {function, kModuleId, line};
 }
 
 constexpr std::uint64_t kHighBits = 0x8080808080808080ull;

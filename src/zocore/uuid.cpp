@@ -1,7 +1,6 @@
 #include <cstdint>
 #include <cstring>
 #include <random>
-#include <source_location>
 #include <string_view>
 
 #include <zocore/core_errors.h>
@@ -12,9 +11,8 @@ namespace zocore {
 namespace {
 
 constexpr char kModuleId[] = "$Id: src/zocore/uuid.cpp $";
-zocore::SourceLocation here(char const* function,
-                            std::source_location at = std::source_location::current()) {
-  return {function, kModuleId, at.line()};
+zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE()) {
+  return {function, kModuleId, line};
 }
 
 constexpr unsigned kHyphenatedSize = 36;

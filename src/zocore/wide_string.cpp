@@ -1,5 +1,4 @@
 #include <cstdint>
-#include <source_location>
 #include <type_traits>
 
 #include <zocore/core_errors.h>
@@ -11,9 +10,8 @@ namespace zocore {
 namespace {
 
 constexpr char kModuleId[] = "$Id: src/zocore/wide_string.cpp $";
-SourceLocation here(char const* function,
-                    std::source_location at = std::source_location::current()) {
-  return {function, kModuleId, at.line()};
+SourceLocation here(char const* function, unsigned line = __builtin_LINE()) {
+  return {function, kModuleId, line};
 }
 
 constexpr std::uint32_t kHighSurrogateFirst = 0xD800;

@@ -6,15 +6,13 @@
 
 #include <cstring>
 #include <ostream>
-#include <source_location>
 
 namespace zoserialize {
 namespace {
 
 constexpr char kModuleId[] = "$Id: src/zoserialize/reader.cpp $";
-zocore::SourceLocation here(char const* function,
-                            std::source_location at = std::source_location::current()) {
-  return {function, kModuleId, at.line()};
+zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE()) {
+  return {function, kModuleId, line};
 }
 
 constexpr double kFloatMax = 3.4028234663852886e+38;
@@ -37,6 +35,19 @@ bool compare_streams(InterfacePtr<IReadStream> const& a, InterfacePtr<IReadStrea
     if (na != nb || std::memcmp(block_a, block_b, na) != 0) return false;
     if (na == 0) return true;
   }
+}
+
+bool compare_integers(Reader& a, Reader& b, bool is_signed) {
+  unsigned char image_a[kIntegerImage];
+  unsigned char image_b[kIntegerImage];
+  if (is_signed) {
+    a.read_int_big_endian(image_a, kIntegerImage);
+    b.read_int_big_endian(image_b, kIntegerImage);
+  } else {
+    a.read_uint_big_endian(image_a, kIntegerImage);
+    b.read_uint_big_endian(image_b, kIntegerImage);
+  }
+  return std::memcmp(image_a, image_b, kIntegerImage) == 0;
 }
 
 bool is_sequence_boundary(Reader::EToken t) {
@@ -92,100 +103,121 @@ Reader& Reader::operator>>(SourceLocation& v) {
 }
 
 bool Reader::read_compare_equal(Reader& a, Reader& b) {
-  EToken const token = a.next_token();
-  if (token != b.next_token()) return false;
-  switch (token) {
-    case EToken::Eof:
-      return true;
-    case EToken::Null:
-      a.read_null();
-      b.read_null();
-      return true;
-    case EToken::Boolean:
-      return a.read_bool() == b.read_bool();
-    case EToken::SignedInteger:
-    case EToken::UnsignedInteger: {
-      unsigned char image_a[kIntegerImage];
-      unsigned char image_b[kIntegerImage];
-      if (token == EToken::SignedInteger) {
-        a.read_int_big_endian(image_a, kIntegerImage);
-        b.read_int_big_endian(image_b, kIntegerImage);
-      } else {
-        a.read_uint_big_endian(image_a, kIntegerImage);
-        b.read_uint_big_endian(image_b, kIntegerImage);
-      }
-      return std::memcmp(image_a, image_b, kIntegerImage) == 0;
-    }
-    case EToken::Double:
-      return a.read_double() == b.read_double();
-    case EToken::String: {
-      // Both streams are opened before either is read: a reader may finish its previous
-      // stream when the next is requested.
-      auto const sa = a.read_string_stream();
-      auto const sb = b.read_string_stream();
-      return compare_streams(sa, sb);
-    }
-    case EToken::Binary: {
-      auto const sa = a.read_binary();
-      auto const sb = b.read_binary();
-      return compare_streams(sa, sb);
-    }
-    case EToken::AbsoluteTime:
-      return a.read_absolute_time() == b.read_absolute_time();
-    case EToken::RelativeTime:
-      return a.read_relative_time() == b.read_relative_time();
-    case EToken::Uuid:
-      return a.read_uuid() == b.read_uuid();
-    case EToken::SequenceStart: {
-      a.read_sequence_start();
-      b.read_sequence_start();
-      for (;;) {
-        bool const more = a.read_sequence_next();
-        if (more != b.read_sequence_next()) return false;
-        if (!more) return true;
-        for (;;) {
-          EToken const ta = a.next_token();
-          EToken const tb = b.next_token();
-          if (ta != tb) return false;
-          if (is_sequence_boundary(ta)) break;
-          // Input that ends inside the sequence cannot compare equal; comparing two ended
-          // readers consumes nothing, so going on would never end.
-          if (ta == EToken::Eof) return false;
-          if (!read_compare_equal(a, b)) return false;
+  static constexpr char kFunction[] = "zoserialize::Reader::read_compare_equal()";
+  // Scopes open in both readers, innermost last, walked without recursion so that deeply nested
+  // input cannot exhaust the stack: 's' a sequence before read_sequence_next, 'S' a sequence
+  // between its boundaries, 'M' a marker.
+  std::string open;
+  bool at_element = true;
+  for (;;) {
+    if (at_element) {
+      at_element = false;
+      EToken const token = a.next_token();
+      if (token != b.next_token()) return false;
+      switch (token) {
+        case EToken::Eof:
+          break;
+        case EToken::Null:
+          a.read_null();
+          b.read_null();
+          break;
+        case EToken::Boolean:
+          if (a.read_bool() != b.read_bool()) return false;
+          break;
+        case EToken::SignedInteger:
+        case EToken::UnsignedInteger:
+          if (!compare_integers(a, b, token == EToken::SignedInteger)) return false;
+          break;
+        case EToken::Double:
+          if (!(a.read_double() == b.read_double())) return false;
+          break;
+        case EToken::String: {
+          // Both streams are opened before either is read: a reader may finish its previous
+          // stream when the next is requested.
+          auto const sa = a.read_string_stream();
+          auto const sb = b.read_string_stream();
+          if (!compare_streams(sa, sb)) return false;
+          break;
         }
+        case EToken::Binary: {
+          auto const sa = a.read_binary();
+          auto const sb = b.read_binary();
+          if (!compare_streams(sa, sb)) return false;
+          break;
+        }
+        case EToken::AbsoluteTime:
+          if (a.read_absolute_time() != b.read_absolute_time()) return false;
+          break;
+        case EToken::RelativeTime:
+          if (a.read_relative_time() != b.read_relative_time()) return false;
+          break;
+        case EToken::Uuid:
+          if (a.read_uuid() != b.read_uuid()) return false;
+          break;
+        case EToken::SequenceStart:
+          a.read_sequence_start();
+          b.read_sequence_start();
+          open.push_back('s');
+          break;
+        case EToken::MarkerStart:
+          a.read_marker_start();
+          b.read_marker_start();
+          open.push_back('M');
+          break;
+        case EToken::SequenceSeparator:
+        case EToken::SequenceEnd:
+          zocore::throw_error(error::zoserialize_reader_sequence_nesting,
+                              "Dangling sequence that was not opened in this method",
+                              here(kFunction));
+        case EToken::MarkerEnd:
+          zocore::throw_error(error::zoserialize_reader_marker_nesting,
+                              "Dangling end of marker that was not opened in this method",
+                              here(kFunction));
+        case EToken::Unknown:
+        default:
+          zocore::ErrorComposer("Invalid/unhandled reader state for comparison.  Token: {@token}")
+              .add("token", token_name(token))
+              .throw_error(error::zoserialize_reader_state, here(kFunction));
       }
     }
-    case EToken::MarkerStart: {
-      a.read_marker_start();
-      b.read_marker_start();
-      while (!a.read_marker_is_end()) {
-        if (b.read_marker_is_end()) return false;
-        // As for sequences: a reader that does not see the marker's end at the end of its
-        // input must not make the comparison loop forever.
-        if (a.next_token() == EToken::Eof) return false;
-        if (!read_compare_equal(a, b)) return false;
+    if (open.empty()) return true;
+    char& top = open.back();
+    if (top == 's') {
+      bool const more = a.read_sequence_next();
+      if (more != b.read_sequence_next()) return false;
+      if (!more) {
+        open.pop_back();
+        continue;
       }
+      top = 'S';
+    }
+    if (top == 'S') {
+      // Elements are compared one by one until both readers stand on a separator or the end.
+      EToken const ta = a.next_token();
+      if (ta != b.next_token()) return false;
+      if (is_sequence_boundary(ta)) {
+        top = 's';
+        continue;
+      }
+      // Input that ends inside the sequence cannot compare equal; comparing two ended readers
+      // consumes nothing, so going on would never end.
+      if (ta == EToken::Eof) return false;
+      at_element = true;
+      continue;
+    }
+    if (a.read_marker_is_end()) {
       if (!b.read_marker_is_end()) return false;
       a.read_marker_end();
       b.read_marker_end();
-      return true;
+      open.pop_back();
+      continue;
     }
-    case EToken::SequenceSeparator:
-    case EToken::SequenceEnd:
-      zocore::throw_error(error::zoserialize_reader_sequence_nesting,
-                          "Dangling sequence that was not opened in this method",
-                          here("zoserialize::Reader::read_compare_equal()"));
-    case EToken::MarkerEnd:
-      zocore::throw_error(error::zoserialize_reader_marker_nesting,
-                          "Dangling end of marker that was not opened in this method",
-                          here("zoserialize::Reader::read_compare_equal()"));
-    case EToken::Unknown:
-      break;
+    if (b.read_marker_is_end()) return false;
+    // As for sequences: a reader that does not see the marker's end at the end of its input must
+    // not make the comparison loop forever.
+    if (a.next_token() == EToken::Eof) return false;
+    at_element = true;
   }
-  zocore::ErrorComposer("Invalid/unhandled reader state for comparison.  Token: {@token}")
-      .add("token", token_name(token))
-      .throw_error(error::zoserialize_reader_state,
-                   here("zoserialize::Reader::read_compare_equal()"));
 }
 
 bool Reader::read_compare_equal_all(Reader& a, Reader& b) {

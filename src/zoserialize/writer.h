@@ -115,6 +115,11 @@ class ZOSERIALIZE_API Writer {
   Writer& operator<<(char v) { return write_int8(v), *this; }
   Writer& operator<<(signed char v) { return write_int8(static_cast<char>(v)), *this; }
   Writer& operator<<(unsigned char v) { return write_uint8(v), *this; }
+  // Wide characters would silently become 4-byte integers; write them as strings instead.
+  Writer& operator<<(wchar_t) = delete;
+  Writer& operator<<(char8_t) = delete;
+  Writer& operator<<(char16_t) = delete;
+  Writer& operator<<(char32_t) = delete;
   Writer& operator<<(short v) { return write_int16(v), *this; }
   Writer& operator<<(unsigned short v) { return write_uint16(v), *this; }
   Writer& operator<<(int v) { return write_int32(v), *this; }

@@ -5,8 +5,8 @@
 namespace zotest {
 
 ErrorPtr expect_error(std::function<void()> const& fn, zocore::ErrorCode const& code,
-                      std::string_view message, std::source_location where) {
-  ::testing::ScopedTrace trace(where.file_name(), static_cast<int>(where.line()),
+                      std::string_view message, char const* file, int line) {
+  ::testing::ScopedTrace trace(file, line,
                                "expected error here");
   try {
     fn();

@@ -6,7 +6,6 @@
 #include <zocore/error_info.h>
 
 #include <functional>
-#include <source_location>
 #include <string_view>
 
 namespace zotest {
@@ -19,7 +18,7 @@ using ErrorPtr = zocore::RefCountPtr<zocore::ErrorInfo const>;
 // go on to check parameters, errno and location.
 ErrorPtr expect_error(std::function<void()> const& fn, zocore::ErrorCode const& code,
                       std::string_view message,
-                      std::source_location where = std::source_location::current());
+                      char const* file = __builtin_FILE(), int line = __builtin_LINE());
 
 // The value of parameter `name` of `info`, or "<missing>".
 std::string param(ErrorPtr const& info, std::string_view name);
@@ -29,4 +28,4 @@ std::string param(ErrorPtr const& info, std::string_view name);
 // ZO_EXPECT_ERROR(reader.read_bool(), error::zoserialize_reader_eof, "...") evaluates to the
 // thrown record (null on failure).
 #define ZO_EXPECT_ERROR(statement, code, message) \
-  ::zotest::expect_error([&] { statement; }, code, message)
+  ::zotest::expect_error([&] { statement; }, code, message, __FILE__, __LINE__)

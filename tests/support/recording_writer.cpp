@@ -1,7 +1,6 @@
 #include <bit>
 #include <cstdint>
 #include <cstdio>
-#include <source_location>
 #include <utility>
 
 #include <support/hex_bytes.h>
@@ -15,9 +14,8 @@ namespace zotest {
 namespace {
 
 constexpr char kModuleId[] = "$Id: tests/support/recording_writer.cpp $";
-zocore::SourceLocation here(char const* function,
-                            std::source_location at = std::source_location::current()) {
-  return {function, kModuleId, at.line()};
+zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE()) {
+  return {function, kModuleId, line};
 }
 
 std::string image_line(char const* name, void const* data, unsigned size) {

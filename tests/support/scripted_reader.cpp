@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <cstring>
-#include <source_location>
 #include <utility>
 
 #include <support/hex_bytes.h>
@@ -17,9 +16,8 @@ using EToken = zoserialize::Reader::EToken;
 namespace {
 
 constexpr char kModuleId[] = "$Id: tests/support/scripted_reader.cpp $";
-zocore::SourceLocation here(char const* function,
-                            std::source_location at = std::source_location::current()) {
-  return {function, kModuleId, at.line()};
+zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE()) {
+  return {function, kModuleId, line};
 }
 
 unsigned char byte_at(std::string_view s, std::size_t i) {
