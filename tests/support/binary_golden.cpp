@@ -143,6 +143,9 @@ class Table {
     add_hex(
         std::move(name), [bits](Writer& w) { w.write_double(std::bit_cast<double>(bits)); }, hex,
         [bits](Reader& r) { EXPECT_EQ(std::bit_cast<std::uint64_t>(r.read_double()), bits); });
+    bool const is_nan =
+        (bits & 0x7FF0000000000000u) == 0x7FF0000000000000u && (bits & 0x000FFFFFFFFFFFFFu) != 0;
+    rows.back().self_equal = !is_nan;
   }
 
   void string_whole(std::string name, std::string text, std::string const& header_hex,

@@ -37,6 +37,9 @@ struct BinaryGoldenCase {
   ECopy copy = ECopy::kIdentical;
   // Number of top-level elements in `bytes` (skip_element calls to reach the end).
   std::size_t elements = 1;
+  // Whether Reader::read_compare_equal_all finds the bytes equal to themselves: not when they
+  // hold a NaN, which equals nothing.
+  bool self_equal = true;
 };
 
 // Every row. Built once; the reference stays valid for the life of the program.

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <ostream>
 #include <source_location>
 
 #include <support/test_streams.h>
@@ -97,9 +98,13 @@ unsigned ByteSource::transfer(void* buffer, unsigned size, bool skip) {
   auto const n = static_cast<unsigned>(std::min<std::size_t>(size, available()));
   if (!skip && n != 0) std::memcpy(buffer, data_.data() + pos_, n);
   pos_ += n;
-  if (n < size) ended_ = true;
+  if (n == 0 && size != 0) ended_ = true;
   calls_.push_back({skip, size, n});
   return n;
+}
+
+std::ostream& operator<<(std::ostream& os, ByteSource::Call const& call) {
+  return os << (call.skip ? "skip(" : "read(") << call.requested << ")=" << call.returned;
 }
 
 unsigned ByteSource::read(void* buffer, unsigned size) {

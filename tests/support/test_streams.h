@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <iosfwd>
 #include <limits>
 #include <string>
 #include <string_view>
@@ -51,6 +52,8 @@ class ByteSource final : public zocore::IReadStream,
     unsigned requested;
     unsigned returned;
     friend bool operator==(Call const&, Call const&) = default;
+    // "read(4)=4", "skip(7)=7".
+    friend std::ostream& operator<<(std::ostream& os, Call const& call);
   };
 
   explicit ByteSource(std::string bytes) : data_(std::move(bytes)) {}
@@ -78,7 +81,8 @@ class ByteSource final : public zocore::IReadStream,
   unsigned bytes_remaining() const override;
 
   std::vector<Call> const& calls() const noexcept { return calls_; }
-  // Calls made after a call that had already returned short (the source had signalled its end).
+  // Calls made after a call that returned nothing for a non-zero request (the end could not be
+  // missed any more).
   std::size_t calls_after_end() const noexcept { return calls_after_end_; }
   // Bytes delivered or skipped so far.
   std::size_t position() const noexcept { return pos_; }
