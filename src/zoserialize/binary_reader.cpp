@@ -34,6 +34,8 @@ class BinaryReader::BinaryStreamImplBase : public IReadStream,
 
   // Forgets the reader without consuming anything.
   void abandon() noexcept { reader_ = nullptr; }
+  // False once the stream was closed (by its holder or by the reader) or abandoned.
+  bool attached() const noexcept { return reader_ != nullptr; }
 
  protected:
   BinaryReader& reader(char const* function) const {
@@ -219,7 +221,10 @@ void BinaryReader::open_window() const noexcept {
 
 void BinaryReader::refill() const {
   throw_if_closed();
+  // The consumed part of the old buffer is accounted for before the source is asked: if the
+  // read throws, the position must not count it again at the next refill.
   consumed_ += static_cast<std::uint64_t>(in_cur_ - mark_);
+  mark_ = in_cur_;
   unsigned const got = source_->read(buffer_.get(), capacity_);
   valid_ = got < capacity_ ? got : capacity_;
   in_cur_ = mark_ = buffer_.get();
@@ -238,8 +243,11 @@ bool BinaryReader::is_eof() const { return !ensure_byte(); }
 unsigned BinaryReader::read_aux(void* data, unsigned size) {
   auto* dest = static_cast<unsigned char*>(data);
   unsigned const first = size < buffered() ? size : buffered();
-  std::memcpy(dest, in_cur_, first);
+  if (first != 0) std::memcpy(dest, in_cur_, first);
   in_cur_ += first;
+  // While a payload stream is out the window is empty at the cursor; the cursor moved, so the
+  // window must follow before anything else can return or throw.
+  open_window();
   unsigned done = first;
   unsigned const wanted = size - first;
   if (wanted == 0) return done;
@@ -263,6 +271,7 @@ unsigned BinaryReader::read_aux(void* data, unsigned size) {
 unsigned BinaryReader::skip_aux(unsigned size) {
   unsigned const first = size < buffered() ? size : buffered();
   in_cur_ += first;
+  open_window();
   unsigned const rest = size - first;
   if (rest == 0) return first;
   throw_if_closed();
@@ -331,8 +340,9 @@ void BinaryReader::detach_from_binary_stream() {
       reader->open_window();
     }
   } const detach{this, stream.get()};
-  // Consumes the unread rest of the payload (validating a string's rest).
-  stream->close();
+  // Consumes the unread rest of the payload (validating a string's rest), unless its holder
+  // closed it already.
+  if (stream->attached()) stream->close();
 }
 
 InterfacePtr<IReadStream> BinaryReader::create_payload_stream(int prefix) {
@@ -360,7 +370,8 @@ InterfacePtr<IReadStream> BinaryReader::create_payload_stream(int prefix) {
   current_stream_ = stream;
   // Every access now goes through the hooks, which finish this stream first.
   open_window();
-  return InterfacePtr<IReadStream>(static_cast<IReadStream*>(stream.get()), std::move(stream));
+  IReadStream* const iface = stream.get();
+  return InterfacePtr<IReadStream>(iface, std::move(stream));
 }
 
 InterfacePtr<IReadStream> BinaryReader::read_string_stream() {
