@@ -125,6 +125,9 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
   void skip_binary_aux(int prefix, unsigned nibble);
 
   bool has_open_sequences() const noexcept { return !sequences_.empty(); }
+  // For readers that can be copied: takes over (or drops) the open sequence records.
+  void copy_sequences_from(BinaryReaderBase const& other) { sequences_ = other.sequences_; }
+  void clear_sequences() noexcept { sequences_.clear(); }
   void swap(BinaryReaderBase& other) noexcept;
 
  private:
