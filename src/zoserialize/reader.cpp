@@ -1,11 +1,11 @@
+#include <cstring>
+#include <ostream>
+
 #include <zocore/error_composer.h>
 #include <zocore/throw_error.h>
 #include <zocore/wide_string.h>
 #include <zoserialize/error_codes.h>
 #include <zoserialize/reader.h>
-
-#include <cstring>
-#include <ostream>
 
 namespace zoserialize {
 namespace {
@@ -20,10 +20,11 @@ constexpr unsigned kCompareBlock = 4096;
 constexpr unsigned kIntegerImage = 128;
 
 char const* const kTokenNames[] = {
-    "EOF",           "Unknown",      "Null",         "Boolean",       "SignedInteger",
-    "UnsignedInteger", "Double",     "String",       "AbsoluteTime",  "RelativeTime",
-    "Uuid",          "Binary",       "SequenceStart", "SequenceSeparator", "SequenceEnd",
-    "MarkerStart",   "MarkerEnd"};
+    "EOF",           "Unknown",           "Null",        "Boolean",
+    "SignedInteger", "UnsignedInteger",   "Double",      "String",
+    "AbsoluteTime",  "RelativeTime",      "Uuid",        "Binary",
+    "SequenceStart", "SequenceSeparator", "SequenceEnd", "MarkerStart",
+    "MarkerEnd"};
 
 // Reads both payload streams block by block; equal when every block matches.
 bool compare_streams(InterfacePtr<IReadStream> const& a, InterfacePtr<IReadStream> const& b) {
@@ -61,7 +62,8 @@ Reader::~Reader() = default;
 void Reader::close() {}
 
 void Reader::read_copy_all(Writer& writer) {
-  while (!is_eof()) read_copy(writer);
+  while (!is_eof())
+    read_copy(writer);
 }
 
 float Reader::read_float() {
@@ -74,7 +76,8 @@ float Reader::read_float() {
         .add("value", value)
         .add("minValue", -kFloatMax)
         .add("maxValue", kFloatMax)
-        .throw_error(error::zoserialize_reader_data_type_range, here("zoserialize::Reader::read_float()"));
+        .throw_error(error::zoserialize_reader_data_type_range,
+                     here("zoserialize::Reader::read_float()"));
   }
   return static_cast<float>(value);
 }
@@ -233,9 +236,13 @@ std::string token_name(Reader::EToken token) {
   return "##UNKNOWN(" + std::to_string(value) + ")##";
 }
 
-std::ostream& operator<<(std::ostream& os, Reader::EToken token) { return os << token_name(token); }
+std::ostream& operator<<(std::ostream& os, Reader::EToken token) {
+  return os << token_name(token);
+}
 
-ReadMarker::ReadMarker(Reader& reader) : reader_(&reader) { reader.read_marker_start(); }
+ReadMarker::ReadMarker(Reader& reader) : reader_(&reader) {
+  reader.read_marker_start();
+}
 
 ReadMarker::~ReadMarker() {
   try {
@@ -244,7 +251,9 @@ ReadMarker::~ReadMarker() {
   }
 }
 
-bool ReadMarker::is_end() const { return reader_ ? reader_->read_marker_is_end() : false; }
+bool ReadMarker::is_end() const {
+  return reader_ ? reader_->read_marker_is_end() : false;
+}
 
 void ReadMarker::close() {
   if (Reader* const r = std::exchange(reader_, nullptr)) r->read_marker_end();

@@ -1,6 +1,11 @@
 // The abstract writing archive.
 #pragma once
 
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <string_view>
+
 #include <zocore/absolute_time.h>
 #include <zocore/relative_time.h>
 #include <zocore/source_location.h>
@@ -10,11 +15,6 @@
 #include <zocore/uuid.h>
 #include <zocore/uuid_key.h>
 #include <zoserialize/export.h>
-
-#include <cstdint>
-#include <cstring>
-#include <string>
-#include <string_view>
 
 namespace zoserialize {
 
@@ -46,7 +46,8 @@ template <class T>
 inline T load_big_endian(unsigned char const* in) noexcept {
   using U = std::make_unsigned_t<T>;
   U u = 0;
-  for (unsigned i = 0; i < sizeof(T); ++i) u = static_cast<U>((u << 8) | in[i]);
+  for (unsigned i = 0; i < sizeof(T); ++i)
+    u = static_cast<U>((u << 8) | in[i]);
   return static_cast<T>(u);
 }
 
@@ -132,8 +133,12 @@ class ZOSERIALIZE_API Writer {
   Writer& operator<<(double v) { return write_double(v), *this; }
   // `text` must not be null.
   Writer& operator<<(char const* text) { return write_string(text), *this; }
-  Writer& operator<<(std::string const& s) { return write_string(s.data(), size_of(s.size())), *this; }
-  Writer& operator<<(std::string_view s) { return write_string(s.data(), size_of(s.size())), *this; }
+  Writer& operator<<(std::string const& s) {
+    return write_string(s.data(), size_of(s.size())), *this;
+  }
+  Writer& operator<<(std::string_view s) {
+    return write_string(s.data(), size_of(s.size())), *this;
+  }
   Writer& operator<<(SourceString const& s) { return write_string(s.data(), s.size()), *this; }
   Writer& operator<<(wchar_t const* text) { return write_string(text), *this; }
   Writer& operator<<(std::wstring const& s) {
