@@ -44,8 +44,11 @@ std::string pattern_string(std::uint64_t offset, std::size_t size);
 //   test_stream_error instead of transferring anything; the call is still recorded.
 // Follows the stream contract: a call returns fewer bytes than asked only once the data has ended.
 // Create it with zocore::make_ref_counted; an archive shares it through an InterfacePtr.
-class ByteSource final : public zocore::IReadStream,
-                         public zocore::RefCounted<zocore::AtomicRefCount> {
+//
+// The counted base comes first in every stream here: GCC 12 at -O3 otherwise reports the
+// (correct) delete of a devirtualised object at a base offset as freeing a non-heap pointer.
+class ByteSource final : public zocore::RefCounted<zocore::AtomicRefCount>,
+                         public zocore::IReadStream {
  public:
   struct Call {
     bool skip;
@@ -111,8 +114,8 @@ extern zocore::ErrorCode const test_stream_error;
 // An IWriteStream that keeps every write() as its own string, so tests can check how output was
 // cut into stream writes. fail_at_write(i) makes the i-th write (0-based) throw test_stream_error
 // without keeping its bytes.
-class RecordingSink final : public zocore::IWriteStream,
-                            public zocore::RefCounted<zocore::AtomicRefCount> {
+class RecordingSink final : public zocore::RefCounted<zocore::AtomicRefCount>,
+                            public zocore::IWriteStream {
  public:
   void write(void const* data, unsigned size) override;
 
@@ -138,8 +141,8 @@ class RecordingSink final : public zocore::IWriteStream,
 // The pattern bytes [0, total) as a stream, produced on the fly. bytes_remaining() tells the
 // remaining size (kUnknownSize when it does not fit 32 bits) or, with report_size false, always
 // kUnknownSize.
-class PatternSource final : public zocore::IReadStream,
-                            public zocore::RefCounted<zocore::AtomicRefCount> {
+class PatternSource final : public zocore::RefCounted<zocore::AtomicRefCount>,
+                            public zocore::IReadStream {
  public:
   explicit PatternSource(std::uint64_t total, bool report_size = true) noexcept
       : total_(total), report_size_(report_size) {}
@@ -164,8 +167,8 @@ class PatternSource final : public zocore::IReadStream,
 // exactly what a writer's value stream emits when it receives the payload in pieces of
 // chunk_size (4096: pieces below 4096 bytes; 65535: direct writes of 65535 bytes). Generated on
 // the fly in constant memory; bytes_remaining() is unknown.
-class ChunkedPatternSource final : public zocore::IReadStream,
-                                   public zocore::RefCounted<zocore::AtomicRefCount> {
+class ChunkedPatternSource final : public zocore::RefCounted<zocore::AtomicRefCount>,
+                                   public zocore::IReadStream {
  public:
   // prefix: 0x50 (String) or 0x90 (Binary). total must be at least 1.
   ChunkedPatternSource(unsigned char prefix, std::uint64_t total, unsigned chunk_size) noexcept;
@@ -195,8 +198,8 @@ class ChunkedPatternSource final : public zocore::IReadStream,
 // An IWriteStream that compares everything written against what `expected` delivers, in
 // constant memory. It records the first mismatch instead of throwing, so a writer under test
 // runs to its end.
-class CheckingSink final : public zocore::IWriteStream,
-                           public zocore::RefCounted<zocore::AtomicRefCount> {
+class CheckingSink final : public zocore::RefCounted<zocore::AtomicRefCount>,
+                           public zocore::IWriteStream {
  public:
   explicit CheckingSink(zocore::InterfacePtr<zocore::IReadStream> expected);
 

@@ -410,10 +410,11 @@ TEST_P(BinaryReaderBaseTagTest, SkipElementSkipsOrRejectsTheTag) {
   }
 }
 
-TEST_P(BinaryReaderBaseTagTest, CopyOfAValidElementComparesEqual) {
+class BinaryReaderBaseValidTagTest : public ::testing::TestWithParam<int> {};
+
+TEST_P(BinaryReaderBaseValidTagTest, CopyOfTheElementComparesEqual) {
   auto const tag = static_cast<unsigned>(GetParam());
   TagSpec const spec = spec_for(tag);
-  if (spec.kind != TagSpec::kValid) GTEST_SKIP() << "not a valid element";
   auto const sink = zocore::make_ref_counted<zocore::StringWriteStream>();
   {
     auto const r = reader_of(spec.element, 1);
@@ -427,12 +428,23 @@ TEST_P(BinaryReaderBaseTagTest, CopyOfAValidElementComparesEqual) {
   EXPECT_TRUE(Reader::read_compare_equal_all(*original, *copy)) << zotest::hex(sink->str());
 }
 
-INSTANTIATE_TEST_SUITE_P(AllTags, BinaryReaderBaseTagTest, ::testing::Range(0, 256),
-                         [](auto const& p) {
-                           char name[8];
-                           std::snprintf(name, sizeof name, "Tag%02X", p.param);
-                           return std::string(name);
-                         });
+std::string tag_name(::testing::TestParamInfo<int> const& p) {
+  char name[8];
+  std::snprintf(name, sizeof name, "Tag%02X", p.param);
+  return name;
+}
+
+std::vector<int> valid_tags() {
+  std::vector<int> tags;
+  for (int tag = 0; tag < 256; ++tag) {
+    if (spec_for(static_cast<unsigned>(tag)).kind == TagSpec::kValid) tags.push_back(tag);
+  }
+  return tags;
+}
+
+INSTANTIATE_TEST_SUITE_P(AllTags, BinaryReaderBaseTagTest, ::testing::Range(0, 256), tag_name);
+INSTANTIATE_TEST_SUITE_P(ValidTags, BinaryReaderBaseValidTagTest, ::testing::ValuesIn(valid_tags()),
+                         tag_name);
 
 // ---- Integers into images of any width
 // ------------------------------------------------------------

@@ -6,6 +6,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest-spi.h>
@@ -1232,6 +1233,33 @@ TEST(BinaryReaderTest, RandomDocumentsRoundTrip) {
       EXPECT_TRUE(reader->is_eof());
     }
   }
+}
+
+// ---- Threads ------------------------------------------------------------------------------------
+
+// Payload streams may be released on any thread: callers hand them to other threads, which drop
+// them while the reader (on its own thread) detaches and releases its reference.
+TEST(BinaryReaderThreadsTest, PayloadStreamsAreReleasedOnOtherThreads) {
+  constexpr int kStreams = 4000;
+  std::string doc;
+  for (int i = 0; i < kStreams; ++i)
+    doc += zotest::bytes(i % 2 ? "93 61 62 63" : "5B 01 61 5D 01 62 5F");
+  auto const reader = reader_of(doc, 64);
+  std::thread releaser;
+  std::vector<InterfacePtr<IReadStream>> batch;
+  for (int i = 0; i < kStreams; ++i) {
+    auto const stream = i % 2 ? reader->read_binary() : reader->read_string_stream();
+    char c;
+    ASSERT_EQ(stream->read(&c, 1), 1u);
+    batch.push_back(stream);
+    if (batch.size() == 50) {
+      if (releaser.joinable()) releaser.join();
+      releaser = std::thread([held = std::move(batch)]() mutable { held.clear(); });
+      batch.clear();
+    }
+  }
+  if (releaser.joinable()) releaser.join();
+  EXPECT_TRUE(reader->is_eof() || reader->next_token() == EToken::Eof);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <functional>
 #include <ostream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -506,6 +507,32 @@ TEST(BinaryWriterTest, StreamFailureIsReportedOnceAndNothingIsWrittenTwice) {
   writer << true;
   writer.close();
   EXPECT_EQ(hex_writes(*sink), std::vector<std::string>{"11"});
+}
+
+// Value streams may be released on any thread while the writer finishes them on its own.
+TEST(BinaryWriterThreadsTest, ValueStreamsAreReleasedOnOtherThreads) {
+  constexpr int kStreams = 4000;
+  auto const sink = make_sink();
+  std::string expected;
+  {
+    BinaryWriter writer(sink, 256);
+    std::thread releaser;
+    std::vector<InterfacePtr<IWriteStream>> batch;
+    for (int i = 0; i < kStreams; ++i) {
+      auto const stream = i % 2 ? writer.write_binary() : writer.write_string_stream();
+      stream->write("ab", 2);
+      expected += zotest::bytes(i % 2 ? "92 61 62" : "52 61 62");
+      batch.push_back(stream);
+      if (batch.size() == 50) {
+        if (releaser.joinable()) releaser.join();
+        releaser = std::thread([held = std::move(batch)]() mutable { held.clear(); });
+        batch.clear();
+      }
+    }
+    if (releaser.joinable()) releaser.join();
+    writer.close();
+  }
+  EXPECT_TRUE(sink->bytes() == expected);
 }
 
 }  // namespace
