@@ -1,3 +1,5 @@
+#include <cstring>
+
 #include <zocore/throw_error.h>
 #include <zoserialize/error_codes.h>
 #include <zoserialize/memory_reader.h>
@@ -57,8 +59,28 @@ void MemoryWriter::drop_window() noexcept {
   out_cur_ = out_end_ = window_start_ = nullptr;
 }
 
+bool MemoryWriter::last_chunk_is_shared() const noexcept {
+  return list_->remaining_space_last_chunk() != 0 && list_->end()[-1].is_shared();
+}
+
+void MemoryWriter::append_to_new_chunk(unsigned char const* data, unsigned size) {
+  {
+    MemoryChunkPtr chunk = list_->chunk_factory()(size > list_->size() ? size : list_->size());
+    if (chunk && chunk->size() != 0) {
+      unsigned const n = size < chunk->size() ? size : chunk->size();
+      std::memcpy(chunk->data(), data, n);
+      list_->append(chunk, 0, n);
+      data += n;
+      size -= n;
+    }
+  }  // the list now holds the new chunk's only reference
+  list_->append(reinterpret_cast<char const*>(data), size);
+}
+
 void MemoryWriter::open_window() {
-  if (!list_->is_unique() || list_->remaining_space_last_chunk() == 0) return;
+  if (!list_->is_unique() || list_->remaining_space_last_chunk() == 0 || last_chunk_is_shared()) {
+    return;
+  }
   unsigned avail = 0;
   auto* const p = reinterpret_cast<unsigned char*>(list_->get_append_write_ptr(&avail, 1));
   out_cur_ = window_start_ = p;
@@ -77,7 +99,11 @@ void MemoryWriter::impl_write_byte(unsigned char byte) {
   if (!list_ || closed_) throw_closed_error();
   drop_window();
   make_unique_for_write();
-  list_->push_back(static_cast<char>(byte));
+  if (last_chunk_is_shared()) [[unlikely]] {
+    append_to_new_chunk(&byte, 1);
+  } else {
+    list_->push_back(static_cast<char>(byte));
+  }
   open_window();
 }
 
@@ -85,8 +111,24 @@ void MemoryWriter::impl_write(void const* data, unsigned size) {
   if (!list_ || closed_) throw_closed_error();
   drop_window();
   make_unique_for_write();
-  list_->append(static_cast<char const*>(data), size);
+  if (last_chunk_is_shared()) [[unlikely]] {
+    append_to_new_chunk(static_cast<unsigned char const*>(data), size);
+  } else {
+    list_->append(static_cast<char const*>(data), size);
+  }
   open_window();
+}
+
+// A value stream is refused at once by a closed writer: handed out, it could only fail later,
+// in whatever operation finishes it (clear(), reader(), ...), which must work on a closed writer.
+InterfacePtr<IWriteStream> MemoryWriter::write_string_stream() {
+  if (!list_ || closed_) throw_closed_error();
+  return BinaryWriterBase::write_string_stream();
+}
+
+InterfacePtr<IWriteStream> MemoryWriter::write_binary() {
+  if (!list_ || closed_) throw_closed_error();
+  return BinaryWriterBase::write_binary();
 }
 
 void MemoryWriter::write_marker_start() {

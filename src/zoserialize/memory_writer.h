@@ -16,8 +16,8 @@ class MemoryReader;
 //
 // Copy-on-write: the writer never modifies a list somebody else also holds. If the list it
 // writes to is shared (for example after memory_list() was copied elsewhere), the writer first
-// replaces it by a shallow clone (same segments, chunks shared), and chunks are copied only when
-// a write touches a shared one.
+// replaces it by a shallow clone (same segments, chunks shared). Shared chunks are never copied
+// to be written into: when the last chunk is shared, new bytes start a chunk of their own.
 //
 // Markers started with write_marker_start() carry no size; readers find their end by walking
 // the elements. The only sized markers this writer produces are those of write_memory_reader().
@@ -28,6 +28,7 @@ class MemoryReader;
 class ZOSERIALIZE_API MemoryWriter : public BinaryWriterBase {
  public:
   using BinaryWriterBase::write_binary;
+  using BinaryWriterBase::write_string_stream;
 
   // Writes into a new list from MemoryList::create().
   MemoryWriter();
@@ -40,6 +41,9 @@ class ZOSERIALIZE_API MemoryWriter : public BinaryWriterBase {
   // Fails if markers or sequences are open; otherwise finishes an open value stream.
   void close() override;
   void flush() override;
+  // Value streams; a closed writer refuses to hand one out.
+  InterfacePtr<IWriteStream> write_string_stream() override;
+  InterfacePtr<IWriteStream> write_binary() override;
   void write_marker_start() override;
   void write_marker_end() override;
 
@@ -82,6 +86,11 @@ class ZOSERIALIZE_API MemoryWriter : public BinaryWriterBase {
   // Opens the output window over the free room of the list's last chunk, when the writer is the
   // sole holder of the list and the chunk has room.
   void open_window();
+  // True when the last chunk has room but is shared: writing there would first copy the last
+  // segment, which is shared on purpose (an embedded list or reader, a snapshot someone holds).
+  bool last_chunk_is_shared() const noexcept;
+  // Appends the bytes behind a shared last chunk, starting a chunk of the writer's own.
+  void append_to_new_chunk(unsigned char const* data, unsigned size);
   // Appends a range of `list` by the embedding rule: copy what fits the current chunk's free
   // room, share the rest.
   void append_embedded(MemoryListBaseType const& list, MemoryListCursor const& from,
