@@ -1,4 +1,5 @@
 #include <ostream>
+#include <string>
 
 #include <zocore/error_composer.h>
 #include <zocore/streamers.h>
@@ -504,10 +505,16 @@ MemoryReader MemoryReader::read_memory_reader() {
 
 std::ostream& operator<<(std::ostream& os, MemoryReader::Trace const& trace) {
   MemoryReader const& r = trace.reader;
-  os << "MemoryReader: position=" << r.position() << ", size=" << r.size()
-     << ", openMarkers=" << r.markers_.size()
+  // Numbers are formatted here, not by the stream: a caller's std::hex must neither change the
+  // trace nor be reset by it.
+  static constexpr char kDigits[] = "0123456789abcdef";
+  unsigned const current = r.current_tag_;
+  char const tag[] = {kDigits[current >> 4U], kDigits[current & 0x0FU], '\0'};
+  os << "MemoryReader: position=" << std::to_string(r.position())
+     << ", size=" << std::to_string(r.size())
+     << ", openMarkers=" << std::to_string(r.markers_.size())
      << ", openSequences=" << zocore::streamers::Boolean{r.has_open_sequences()}
-     << ", currentTag=0x" << std::hex << static_cast<unsigned>(r.current_tag_) << std::dec;
+     << ", currentTag=0x" << tag;
   unsigned const shown = r.size() - r.position() < 16 ? r.size() - r.position() : 16;
   if (shown != 0) {
     char bytes[16];

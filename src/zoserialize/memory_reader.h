@@ -11,6 +11,7 @@
 
 namespace zoserialize {
 
+class MemoryReaderTestPeer;
 class MemoryWriter;
 
 // MemoryReader decodes the binary encoding from a memory list, which it never modifies. Because
@@ -118,6 +119,7 @@ class ZOSERIALIZE_API MemoryReader : public BinaryReaderBase {
   std::vector<MarkerRecord> markers_;  // innermost last
 
   friend ZOSERIALIZE_API std::ostream& operator<<(std::ostream& os, Trace const& trace);
+  friend class MemoryReaderTestPeer;
 };
 
 ZOSERIALIZE_API std::ostream& operator<<(std::ostream& os, MemoryReader::Trace const& trace);
