@@ -5,15 +5,12 @@
 #include <zoserialize/impl/integer_form.h>
 #include <zoserialize/impl/utf8_validating_stream.h>
 
-#include <source_location>
-
 namespace zoserialize {
 namespace {
 
 constexpr char kModuleId[] = "$Id: src/zoserialize/binary_reader.cpp $";
-zocore::SourceLocation here(char const* function,
-                            std::source_location at = std::source_location::current()) {
-  return {function, kModuleId, at.line()};
+zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE()) {
+  return {function, kModuleId, line};
 }
 
 [[noreturn]] void throw_detached(char const* function) {

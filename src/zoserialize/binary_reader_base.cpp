@@ -6,15 +6,13 @@
 
 #include <array>
 #include <bit>
-#include <source_location>
 
 namespace zoserialize {
 namespace {
 
 constexpr char kModuleId[] = "$Id: src/zoserialize/binary_reader_base.cpp $";
-zocore::SourceLocation here(char const* function,
-                            std::source_location at = std::source_location::current()) {
-  return {function, kModuleId, at.line()};
+zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE()) {
+  return {function, kModuleId, line};
 }
 
 using EToken = Reader::EToken;

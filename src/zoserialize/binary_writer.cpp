@@ -2,15 +2,12 @@
 #include <zoserialize/binary_writer.h>
 #include <zoserialize/error_codes.h>
 
-#include <source_location>
-
 namespace zoserialize {
 namespace {
 
 constexpr char kModuleId[] = "$Id: src/zoserialize/binary_writer.cpp $";
-zocore::SourceLocation here(char const* function,
-                            std::source_location at = std::source_location::current()) {
-  return {function, kModuleId, at.line()};
+zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE()) {
+  return {function, kModuleId, line};
 }
 
 }  // namespace
@@ -30,7 +27,7 @@ BinaryWriter::BinaryWriter(InterfacePtr<IWriteStream> stream, unsigned buffer_si
 
 BinaryWriter::~BinaryWriter() {
   try {
-    close();
+    close();  // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall): this class's own close()
   } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor must not throw
   }
 }
@@ -97,7 +94,7 @@ void BinaryWriter::flush() {
 }
 
 void BinaryWriter::close() {
-  flush();
+  flush();  // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall): also from the destructor
   if (open_markers_ != 0) {
     zocore::throw_error(error::zoserialize_writer_marker_nesting,
                         "Attempt to close writer but there are marker that are still open",

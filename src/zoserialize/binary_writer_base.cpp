@@ -6,15 +6,13 @@
 
 #include <bit>
 #include <cstdint>
-#include <source_location>
 
 namespace zoserialize {
 namespace {
 
 constexpr char kModuleId[] = "$Id: src/zoserialize/binary_writer_base.cpp $";
-zocore::SourceLocation here(char const* function,
-                            std::source_location at = std::source_location::current()) {
-  return {function, kModuleId, at.line()};
+zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE()) {
+  return {function, kModuleId, line};
 }
 
 constexpr unsigned char tag_of(impl::ETypePrefix prefix, unsigned nibble) {
@@ -50,6 +48,8 @@ constexpr unsigned width_nibble(unsigned length) {
 class BinaryWriterBase::BinaryStreamImpl final : public IWriteStream,
                                                  public zocore::RefCounted<zocore::AtomicRefCount> {
  public:
+  // The buffer is left uninitialised: only its first buffered_ bytes are ever read.
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
   BinaryStreamImpl(BinaryWriterBase* writer, ETypePrefix prefix) noexcept
       : writer_(writer), prefix_(prefix) {}
 
