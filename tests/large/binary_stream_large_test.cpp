@@ -23,7 +23,7 @@ using zotest::PatternSource;
 
 // 4.5 GiB: past every 32-bit count.
 constexpr std::uint64_t kTotal = 4608ull << 20;
-constexpr long kMaxGrowthKiB = 64 * 1024;
+constexpr long kMaxGrowthKiB = 64L * 1024;
 
 long peak_rss_kib() {
   rusage usage{};

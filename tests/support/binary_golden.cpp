@@ -102,9 +102,9 @@ class Table {
   }
 
   template <class T>
-  void typed(std::string name, T value, std::string_view hex) {
+  void typed(char const* name, T value, std::string_view hex) {
     add_hex(
-        std::move(name), [value](Writer& w) { w << value; }, hex,
+        name, [value](Writer& w) { w << value; }, hex,
         [value](Reader& r) {
           T got{};
           r >> got;
@@ -148,7 +148,7 @@ class Table {
     rows.back().self_equal = !is_nan;
   }
 
-  void string_whole(std::string name, std::string text, std::string const& header_hex,
+  void string_whole(std::string name, std::string const& text, std::string const& header_hex,
                     Copy copy = Copy::kIdentical) {
     std::string encoded = bytes(header_hex) + text;
     add(
@@ -157,7 +157,7 @@ class Table {
         std::move(encoded), [text](Reader& r) { expect_same_bytes(r.read_string(), text); }, copy);
   }
 
-  void binary_whole(std::string name, std::string data, std::string const& header_hex) {
+  void binary_whole(std::string name, std::string const& data, std::string const& header_hex) {
     std::string encoded = bytes(header_hex) + data;
     add(
         std::move(name),
@@ -174,8 +174,8 @@ class Table {
 
   // A value written through write_string_stream() / write_binary() in pieces: the sizes in
   // `pieces` in order, the last one repeated until the payload is done.
-  void value_stream(std::string name, bool is_string, std::string payload,
-                    std::vector<std::size_t> pieces, std::string encoded, EFinish finish,
+  void value_stream(std::string name, bool is_string, std::string const& payload,
+                    std::vector<std::size_t> const& pieces, std::string encoded, EFinish finish,
                     Copy copy) {
     WriteFn write = [=](Writer& w) {
       auto const stream = is_string ? w.write_string_stream() : w.write_binary();
@@ -205,7 +205,7 @@ class Table {
   }
 
   // A value taken from an input stream (write_string_stream(IReadStream&) / write_binary(...)).
-  void from_stream(std::string name, bool is_string, std::string payload, bool known_size,
+  void from_stream(std::string name, bool is_string, std::string const& payload, bool known_size,
                    std::string encoded) {
     add(
         std::move(name),
@@ -527,6 +527,8 @@ void add_value_streams(Table& t) {
       "StreamString_4097Bytes", true, s4097, {4095, 2},
       bytes("5C 10 00") + s4097.substr(0, 4096) + bytes("5D 01") + s4097.substr(4096) + bytes("5F"),
       F::kNextElement, Copy::kIdentical);
+  t.value_stream("StreamString_8193Bytes", true, text(8193), {1000},
+                 chunked(0x50, text(8193), {4096, 4096, 1}), F::kLeftOpen, Copy::kIdentical);
   t.value_stream("StreamBinary_8193BytesOneByOne", false, data(8193), {1},
                  chunked(0x90, data(8193), {4096, 4096, 1}), F::kClose, Copy::kIdentical);
   t.value_stream("StreamBinary_8192Bytes", false, data(8192), {4095},

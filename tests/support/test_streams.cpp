@@ -2,7 +2,6 @@
 #include <array>
 #include <cstring>
 #include <ostream>
-#include <source_location>
 
 #include <support/test_streams.h>
 #include <zocore/throw_error.h>
@@ -11,9 +10,8 @@ namespace zotest {
 namespace {
 
 constexpr char kModuleId[] = "$Id: tests/support/test_streams.cpp $";
-zocore::SourceLocation here(char const* function,
-                            std::source_location at = std::source_location::current()) {
-  return {function, kModuleId, at.line()};
+zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE()) {
+  return {function, kModuleId, line};
 }
 
 constexpr std::size_t kPeriod = 65521;
@@ -37,6 +35,7 @@ PatternTable const& table() noexcept {
 
 }  // namespace
 
+// NOLINTNEXTLINE(cert-err58-cpp): constant-initialised, nothing runs at load
 constinit zocore::ErrorCode const test_stream_error("error.zotest.test_stream", true);
 
 // ---- Pattern ----------------------------------------------------------------------------------

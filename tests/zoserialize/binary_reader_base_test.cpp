@@ -28,7 +28,6 @@
 namespace {
 
 namespace error = zoserialize::error;
-using zocore::RefCountPtr;
 using zoserialize::BinaryReader;
 using zoserialize::BinaryWriter;
 using zoserialize::Reader;
@@ -98,29 +97,11 @@ TagSpec spec_for(unsigned tag) {
       s.token = prefix == 0x50 ? EToken::String : EToken::Binary;
       char const end = static_cast<char>(prefix | 0xF);
       if (nibble <= 7) valid(repeat('a', nibble));
-      if (nibble == 8)
-        valid(
-            "\x01"
-            "a");
-      if (nibble == 9)
-        valid(
-            std::string("\x00\x01"
-                        "a",
-                        3));
-      if (nibble == 10)
-        valid(
-            std::string("\x00\x00\x00\x01"
-                        "a",
-                        5));
-      if (nibble == 11)
-        valid(std::string("\x01"
-                          "a") +
-              end);
-      if (nibble == 12)
-        valid(std::string("\x00\x01"
-                          "a",
-                          3) +
-              end);
+      if (nibble == 8) valid(zotest::bytes("01 61"));
+      if (nibble == 9) valid(zotest::bytes("00 01 61"));
+      if (nibble == 10) valid(zotest::bytes("00 00 00 01 61"));
+      if (nibble == 11) valid(zotest::bytes("01 61") + end);
+      if (nibble == 12) valid(zotest::bytes("00 01 61") + end);
       break;
     }
     case 0x60:

@@ -170,7 +170,7 @@ std::vector<Step> mixed_script() {
       [](Writer& w, StepContext& c) { c.stream = w.write_string_stream(); },
       [=](Writer&, StepContext& c) {
         for (unsigned i = 0; i < 41; ++i)
-          c.stream->write(text20000.data() + 100 * i, 100);
+          c.stream->write(text20000.data() + std::size_t{100} * i, 100);
       },
       [](Writer& w, StepContext&) { w.flush(); },
       [](Writer& w, StepContext&) { w.write_sequence_separator(); },

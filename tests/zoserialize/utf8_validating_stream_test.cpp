@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -21,7 +22,7 @@ using zoserialize::impl::Utf8ValidatingStreamImpl;
 constexpr char kUtf8Error[] = "Invalid UTF-8 sequence at offset {@offset}";
 
 // Text with sequences of every length: "a", U+00E9, U+20AC, U+1F600.
-std::string const kMixed = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z";
+constexpr std::string_view kMixed = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z";
 
 // ---- The carry validator -------------------------------------------------------------------
 
@@ -192,7 +193,7 @@ TEST(Utf8ValidatingStreamTest, CloseValidatesTheUnreadRest) {
   char c;
   EXPECT_EQ(stream->read(&c, 1), 1u);
   ZO_EXPECT_ERROR(stream->close(), zocore::error::zocore_utf8, kUtf8Error);
-  stream = validating(std::string(10000, 'x') + kMixed);
+  stream = validating(std::string(10000, 'x') + std::string(kMixed));
   EXPECT_EQ(stream->read(&c, 1), 1u);
   stream->close();
   EXPECT_EQ(stream->bytes_remaining(), 0u);
@@ -209,7 +210,7 @@ TEST(Utf8ValidatingStreamTest, SkipReadsAndValidatesInPiecesOf4096) {
   stream = validating("x\xFFx");
   ZO_EXPECT_ERROR(stream->skip(3), zocore::error::zocore_utf8, kUtf8Error);
   // A character cut by the skip is completed by the next read.
-  stream = validating(kMixed);
+  stream = validating(std::string(kMixed));
   EXPECT_EQ(stream->skip(2), 2u);
   char rest[16];
   EXPECT_EQ(stream->read(rest, 16), kMixed.size() - 2);
