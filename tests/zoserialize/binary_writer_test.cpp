@@ -323,13 +323,17 @@ TEST(BinaryWriterTest, CloseWritesEverythingAndReleasesTheStream) {
 
 TEST(BinaryWriterTest, DestructorCloses) {
   auto const sink = make_sink();
+  InterfacePtr<IWriteStream> stream;
   {
     BinaryWriter writer(sink, 64);
     writer << 5;
-    writer.write_binary()->write("ab", 2);
+    stream = writer.write_binary();
+    stream->write("ab", 2);
   }
   EXPECT_EQ(zotest::hex(sink->bytes()), "24 05 92 61 62");
   EXPECT_EQ(sink->ref_count(), 1u);
+  ZO_EXPECT_ERROR(stream->write("c", 1), error::zoserialize_writer_state,
+                  "Binary stream writer object has already been closed");
 }
 
 TEST(BinaryWriterTest, DestructorSwallowsTheFailureOfOpenMarkers) {
