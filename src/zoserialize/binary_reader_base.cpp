@@ -368,7 +368,15 @@ void BinaryReaderBase::read_large_string_aux(unsigned nibble, std::string& out) 
     while (done < length) {
       unsigned const n = length - done < kStep ? length - done : kStep;
       out.resize(done + n);
-      impl_read_checked(out.data() + done, n);
+      unsigned got = n;
+      if (n <= window_size()) {
+        std::memcpy(out.data() + done, in_cur_, n);
+        in_cur_ += n;
+      } else {
+        got = impl_read(out.data() + done, n);
+      }
+      // Reported against the whole string, not the step.
+      if (got < n) throw_eof_error(length, done + got);
       done += n;
     }
     return;

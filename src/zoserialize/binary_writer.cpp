@@ -105,6 +105,16 @@ void BinaryWriter::close() {
   reset_window();
 }
 
+InterfacePtr<IWriteStream> BinaryWriter::write_string_stream() {
+  if (!stream_) throw_closed_error();
+  return BinaryWriterBase::write_string_stream();
+}
+
+InterfacePtr<IWriteStream> BinaryWriter::write_binary() {
+  if (!stream_) throw_closed_error();
+  return BinaryWriterBase::write_binary();
+}
+
 void BinaryWriter::write_marker_start() {
   finalize_previous_element();
   write_marker_start_tag();

@@ -22,6 +22,9 @@ namespace zoserialize {
 // time.
 class ZOSERIALIZE_API BinaryWriter : public BinaryWriterBase {
  public:
+  using BinaryWriterBase::write_binary;
+  using BinaryWriterBase::write_string_stream;
+
   static constexpr unsigned kDefaultBufferSize = 16384;
 
   // Shares `stream`. A null stream gives a writer on which every write fails as closed.
@@ -34,6 +37,10 @@ class ZOSERIALIZE_API BinaryWriter : public BinaryWriterBase {
   void close() override;
   // Finishes an open value stream and writes the buffered bytes to the stream.
   void flush() override;
+  // A closed writer (or one without a stream) refuses a value stream at once rather than
+  // failing later in whatever operation finishes it.
+  InterfacePtr<IWriteStream> write_string_stream() override;
+  InterfacePtr<IWriteStream> write_binary() override;
   void write_marker_start() override;
   void write_marker_end() override;
 

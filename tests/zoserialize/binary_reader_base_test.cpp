@@ -610,9 +610,14 @@ TEST(BinaryReaderBaseTest, StringAtTheByValueLimitIsRead) {
   auto const source = zocore::make_ref_counted<ByteSource>(zotest::bytes("5A 08 00 00 00 61 62"));
   source->unknown_size();
   BinaryReader r(source, 16);
-  ZO_EXPECT_ERROR(r.read_string(), error::zoserialize_reader_eof,
-                  "End of data reached reading from source.  ExpectedBytes={@expected}, "
-                  "ReadBytes={@actual}");
+  auto const info =
+      ZO_EXPECT_ERROR(r.read_string(), error::zoserialize_reader_eof,
+                      "End of data reached reading from source.  ExpectedBytes={@expected}, "
+                      "ReadBytes={@actual}");
+  ASSERT_TRUE(info);
+  // Reported against the whole string, although it is read in steps.
+  EXPECT_EQ(zotest::param(info, "expected"), "134217728");
+  EXPECT_EQ(zotest::param(info, "actual"), "2");
 }
 
 TEST(BinaryReaderBaseTest, ChunkedStringAboveTheByValueLimitFails) {

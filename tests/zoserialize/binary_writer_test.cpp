@@ -485,6 +485,19 @@ INSTANTIATE_TEST_SUITE_P(
                       ClosedCase{"MarkerStart", [](Writer& w) { w.write_marker_start(); }}),
     [](auto const& p) { return std::string(p.param.name); });
 
+TEST(BinaryWriterTest, ClosedWriterRefusesValueStreamsAtOnce) {
+  auto const sink = make_sink();
+  BinaryWriter writer(sink);
+  writer.close();
+  ZO_EXPECT_ERROR(writer.write_binary(), error::zoserialize_writer_closed,
+                  "Cannot write to BinaryWriter, it has already been closed");
+  ZO_EXPECT_ERROR(writer.write_string_stream(), error::zoserialize_writer_closed,
+                  "Cannot write to BinaryWriter, it has already been closed");
+  // Nothing is left open that a later flush or close would fail on.
+  writer.flush();
+  writer.close();
+}
+
 TEST(BinaryWriterTest, WriterWithoutStreamHasNothingToFlushOrClose) {
   BinaryWriter writer(nullptr);
   writer.flush();
