@@ -29,8 +29,6 @@ namespace error = zoserialize::error;
 using zoserialize::BinaryReader;
 using zoserialize::BinaryWriter;
 using zoserialize::ConstMemoryListPtr;
-using zoserialize::InterfacePtr;
-using zoserialize::IWriteStream;
 using zoserialize::MemoryList;
 using zoserialize::MemoryListBaseType;
 using zoserialize::MemoryListPtr;
@@ -760,7 +758,11 @@ TEST_P(MemoryWriterRestTest, RestOfAReaderBecomesOneSizedMarker) {
     writer.write_null();
     writer.write_memory_reader(reader);
     writer.write_null();
-    EXPECT_TRUE(written(writer) == std::string(1, '\0') + header + rest + zotest::bytes("BF 00"));
+    std::string expected(1, '\0');
+    expected += header;
+    expected += rest;
+    expected += zotest::bytes("BF 00");
+    EXPECT_TRUE(written(writer) == expected);
     EXPECT_EQ(reader.position(), 2u) << "the reader is not moved";
     EXPECT_TRUE(bytes_of(*source) == zotest::bytes("21 22") + rest);
   }
