@@ -1125,6 +1125,10 @@ TEST(MemoryReaderTest, ReadMemoryReaderOfTenContentBytes) {
       EXPECT_EQ(reader.position(), data.size() - 1);
       EXPECT_EQ(contents.read_int32(), 100000);
       EXPECT_EQ(contents.position(), 5u);
+      std::string rest;
+      for (auto piece = contents.segment_iterator(); !piece.at_end(); piece.next())
+        rest.append(piece.data(), piece.size());
+      EXPECT_EQ(zotest::hex(rest), "53 61 62 63 11");
       EXPECT_EQ(contents.read_string(), "abc");
       EXPECT_TRUE(contents.read_bool());
       EXPECT_TRUE(contents.is_eof());
