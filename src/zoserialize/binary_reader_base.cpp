@@ -1,11 +1,11 @@
+#include <array>
+#include <bit>
+
 #include <zocore/error_composer.h>
 #include <zocore/throw_error.h>
 #include <zoserialize/binary_reader_base.h>
 #include <zoserialize/error_codes.h>
 #include <zoserialize/impl/integer_form.h>
-
-#include <array>
-#include <bit>
 
 namespace zoserialize {
 namespace {
@@ -20,11 +20,10 @@ using EToken = Reader::EToken;
 // next_token() by tag byte.
 constexpr auto kTokenTable = [] {
   std::array<EToken, 256> t{};
-  constexpr EToken kByPrefix[10] = {EToken::Null,         EToken::Boolean,
-                                    EToken::SignedInteger, EToken::UnsignedInteger,
-                                    EToken::Double,       EToken::String,
-                                    EToken::AbsoluteTime, EToken::RelativeTime,
-                                    EToken::Uuid,         EToken::Binary};
+  constexpr EToken kByPrefix[10] = {
+      EToken::Null,   EToken::Boolean, EToken::SignedInteger, EToken::UnsignedInteger,
+      EToken::Double, EToken::String,  EToken::AbsoluteTime,  EToken::RelativeTime,
+      EToken::Uuid,   EToken::Binary};
   for (unsigned tag = 0; tag < 256; ++tag) {
     unsigned const prefix = tag >> 4;
     unsigned const nibble = tag & 15;
@@ -36,8 +35,8 @@ constexpr auto kTokenTable = [] {
                                : EToken::SequenceStart;
     } else if (prefix == 0xB) {
       t[tag] = (nibble == 0 || (nibble >= 4 && nibble <= 7)) ? EToken::MarkerStart
-               : nibble == 0xF                              ? EToken::MarkerEnd
-                                                            : EToken::Unknown;
+               : nibble == 0xF                               ? EToken::MarkerEnd
+                                                             : EToken::Unknown;
     } else {
       t[tag] = EToken::Unknown;
     }
@@ -50,12 +49,14 @@ constexpr auto kTokenTable = [] {
 constexpr unsigned char kNoFixedForm = 0xFF;
 constexpr auto kFixedPayload = [] {
   std::array<unsigned char, 256> t{};
-  for (auto& v : t) v = kNoFixedForm;
+  for (auto& v : t)
+    v = kNoFixedForm;
   t[0x00] = 0;
   t[0x10] = t[0x11] = 0;
   t[0x20] = t[0x21] = t[0x22] = 0;
   t[0x30] = t[0x31] = 0;
-  for (unsigned n = 4; n <= 10; ++n) t[0x20 + n] = t[0x30 + n] = static_cast<unsigned char>(1u << (n - 4));
+  for (unsigned n = 4; n <= 10; ++n)
+    t[0x20 + n] = t[0x30 + n] = static_cast<unsigned char>(1u << (n - 4));
   t[0x40] = t[0x41] = t[0x42] = 0;
   t[0x44] = 2, t[0x45] = 3, t[0x46] = 4, t[0x47] = 8;
   for (unsigned p : {0x60u, 0x70u}) {
@@ -226,7 +227,13 @@ void BinaryReaderBase::read_int_big_endian(void* data, unsigned size) {
       if (size == 0) throw_value_too_wide(0, 1, kFunction);
       std::memset(out, 0xFF, size);
       return;
-    case 4: case 5: case 6: case 7: case 8: case 9: case 10:
+    case 4:
+    case 5:
+    case 6:
+    case 7:
+    case 8:
+    case 9:
+    case 10:
       read_integer_payload(out, size, 1u << (nibble - 4), true, kFunction);
       return;
     default:
@@ -247,7 +254,13 @@ void BinaryReaderBase::read_uint_big_endian(void* data, unsigned size) {
       std::memset(out, 0x00, size);
       out[size - 1] = 0x01;
       return;
-    case 4: case 5: case 6: case 7: case 8: case 9: case 10:
+    case 4:
+    case 5:
+    case 6:
+    case 7:
+    case 8:
+    case 9:
+    case 10:
       read_integer_payload(out, size, 1u << (nibble - 4), false, kFunction);
       return;
     default:
@@ -278,7 +291,10 @@ double BinaryReaderBase::read_double() {
     case 7:
       width = 8;
       break;
-    case 8: case 9: case 10: case 11:
+    case 8:
+    case 9:
+    case 10:
+    case 11:
       throw_quadruple_unsupported(kFunction);
     default:
       throw_unexpected_tag(here(kFunction));
@@ -331,6 +347,29 @@ Uuid BinaryReaderBase::read_uuid() {
 // ---- Strings -------------------------------------------------------------------------------
 
 void BinaryReaderBase::read_string_value(std::string& out) {
+  if (in_cur_ != in_end_) {
+    unsigned char const tag = *in_cur_;
+    unsigned const window = window_size();
+    unsigned header = 0;
+    unsigned length = 0;
+    if (tag >= 0x50 && tag <= 0x57) {
+      header = 1, length = tag & 0x0F;
+    } else if (tag == 0x58 && window >= 2) {
+      header = 2, length = in_cur_[1];
+    } else if (tag == 0x59 && window >= 3) {
+      header = 3, length = impl::load_big_endian<std::uint16_t>(in_cur_ + 1);
+    }
+    if (header != 0 && header + length <= window) {
+      current_tag_ = tag;
+      out.assign(reinterpret_cast<char const*>(in_cur_ + header), length);
+      in_cur_ += header + length;
+      return;
+    }
+  }
+  read_string_slow(out);
+}
+
+void BinaryReaderBase::read_string_slow(std::string& out) {
   unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0x50));
   if (nibble < 8) {
     out.resize(nibble);
@@ -406,7 +445,9 @@ void BinaryReaderBase::read_large_string_aux(unsigned nibble, std::string& out) 
   }
 }
 
-void BinaryReaderBase::read_string(std::string& out) { read_string_value(out); }
+void BinaryReaderBase::read_string(std::string& out) {
+  read_string_value(out);
+}
 
 std::string BinaryReaderBase::read_string() {
   std::string out;
@@ -559,7 +600,13 @@ void BinaryReaderBase::skip_element() {
       continue;
     }
     switch (prefix) {
-      case 0x00: case 0x10: case 0x20: case 0x30: case 0x60: case 0x70: case 0x80:
+      case 0x00:
+      case 0x10:
+      case 0x20:
+      case 0x30:
+      case 0x60:
+      case 0x70:
+      case 0x80:
         read_tag_check_type(prefix);
         throw_unexpected_tag(here(kFunction));
       case 0x40:

@@ -1,15 +1,16 @@
 // Decoder of the tagged binary encoding, shared by the stream and memory readers.
 #pragma once
 
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <vector>
+
 #include <zocore/source_location.h>
 #include <zoserialize/binary_encoding.h>
 #include <zoserialize/export.h>
 #include <zoserialize/reader.h>
-
-#include <cstdint>
-#include <cstring>
-#include <string>
-#include <vector>
 
 namespace zoserialize {
 
@@ -28,24 +29,69 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
   BinaryReaderBase(BinaryReaderBase const&) = delete;
   BinaryReaderBase& operator=(BinaryReaderBase const&) = delete;
 
-  EToken next_token() override;
-  void skip_element() override;
-  void read_null() override;
-  bool try_read_null() override;
-  bool read_bool() override;
-  void read_int_big_endian(void* data, unsigned size) override;
-  void read_uint_big_endian(void* data, unsigned size) override;
-  double read_double() override;
-  void read_string(SourceString& out) override;
-  void read_string(std::string& out) override;
-  std::string read_string() override;
-  AbsoluteTime read_absolute_time() override;
-  RelativeTime read_relative_time() override;
-  Uuid read_uuid() override;
-  unsigned read_sequence_start() override;
-  bool read_sequence_next() override;
-  void read_copy(Writer& writer) override;
+  // The element operations are final: concrete readers only decide where bytes come from. That
+  // is what lets the inline front end below skip the virtual call.
+  EToken next_token() final;
+  void skip_element() final;
+  void read_null() final;
+  bool try_read_null() final;
+  bool read_bool() final;
+  void read_int_big_endian(void* data, unsigned size) final;
+  void read_uint_big_endian(void* data, unsigned size) final;
+  double read_double() final;
+  void read_string(SourceString& out) final;
+  void read_string(std::string& out) final;
+  std::string read_string() final;
+  AbsoluteTime read_absolute_time() final;
+  RelativeTime read_relative_time() final;
+  Uuid read_uuid() final;
+  unsigned read_sequence_start() final;
+  bool read_sequence_next() final;
+  void read_copy(Writer& writer) final;
   ~BinaryReaderBase() override;
+
+  // ---- Inline front end ----
+  // Shadows of Reader's typed front end for callers that know they hold a binary reader: the
+  // common forms are decoded straight from the input window; anything else (a value that does
+  // not fit, a window too short, a malformed tag) takes the generic path, which gives the same
+  // results and the same failures.
+  using Reader::operator>>;
+  BinaryReaderBase& operator>>(bool& v) { return v = decode_bool(), *this; }
+  BinaryReaderBase& operator>>(char& v) {
+    return v = static_cast<char>(decode_signed<signed char>()), *this;
+  }
+  BinaryReaderBase& operator>>(signed char& v) { return v = decode_signed<signed char>(), *this; }
+  BinaryReaderBase& operator>>(unsigned char& v) {
+    return v = decode_unsigned<unsigned char>(), *this;
+  }
+  BinaryReaderBase& operator>>(short& v) { return v = decode_signed<short>(), *this; }
+  BinaryReaderBase& operator>>(unsigned short& v) {
+    return v = decode_unsigned<unsigned short>(), *this;
+  }
+  BinaryReaderBase& operator>>(int& v) { return v = decode_signed<int>(), *this; }
+  BinaryReaderBase& operator>>(unsigned int& v) { return v = decode_unsigned<unsigned>(), *this; }
+  BinaryReaderBase& operator>>(long& v) { return v = decode_signed<long>(), *this; }
+  BinaryReaderBase& operator>>(unsigned long& v) {
+    return v = decode_unsigned<unsigned long>(), *this;
+  }
+  BinaryReaderBase& operator>>(long long& v) { return v = decode_signed<long long>(), *this; }
+  BinaryReaderBase& operator>>(unsigned long long& v) {
+    return v = decode_unsigned<unsigned long long>(), *this;
+  }
+  BinaryReaderBase& operator>>(double& v) { return v = decode_double(), *this; }
+  BinaryReaderBase& operator>>(std::string& v) { return read_string_value(v), *this; }
+  char read_int8() { return static_cast<char>(decode_signed<signed char>()); }
+  unsigned char read_uint8() { return decode_unsigned<unsigned char>(); }
+  short read_int16() { return decode_signed<short>(); }
+  unsigned short read_uint16() { return decode_unsigned<unsigned short>(); }
+  int read_int32() { return decode_signed<int>(); }
+  int read_int() { return decode_signed<int>(); }
+  long read_long() { return decode_signed<long>(); }
+  unsigned read_uint32() { return decode_unsigned<unsigned>(); }
+  unsigned read_uint() { return decode_unsigned<unsigned>(); }
+  unsigned long read_ulong() { return decode_unsigned<unsigned long>(); }
+  long long read_int64() { return decode_signed<long long>(); }
+  unsigned long long read_uint64() { return decode_unsigned<unsigned long long>(); }
 
  protected:
   using SourceLocation = zocore::SourceLocation;
@@ -125,6 +171,117 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
   void skip_binary_aux(int prefix, unsigned nibble);
 
   bool has_open_sequences() const noexcept { return !sequences_.empty(); }
+
+  // ---- Decoders of the inline front end ----
+  // A tag and up to 8 payload bytes: with this much in the window a value is decoded in place.
+  static constexpr unsigned kMaxInlineElement = 9;
+
+  template <class T>
+  T decode_signed() {
+    if (window_size() >= kMaxInlineElement) [[likely]] {
+      unsigned char const tag = in_cur_[0];
+      std::int64_t v;
+      unsigned length;
+      switch (tag) {
+        case 0x20:
+          v = 0, length = 1;
+          break;
+        case 0x21:
+          v = 1, length = 1;
+          break;
+        case 0x22:
+          v = -1, length = 1;
+          break;
+        case 0x24:
+          v = static_cast<std::int8_t>(in_cur_[1]), length = 2;
+          break;
+        case 0x25:
+          v = impl::load_big_endian<std::int16_t>(in_cur_ + 1), length = 3;
+          break;
+        case 0x26:
+          v = impl::load_big_endian<std::int32_t>(in_cur_ + 1), length = 5;
+          break;
+        case 0x27:
+          v = impl::load_big_endian<std::int64_t>(in_cur_ + 1), length = 9;
+          break;
+        default:
+          return read_signed_generic<T>();
+      }
+      if (v >= std::numeric_limits<T>::min() && v <= std::numeric_limits<T>::max()) {
+        current_tag_ = tag;
+        in_cur_ += length;
+        return static_cast<T>(v);
+      }
+    }
+    return read_signed_generic<T>();
+  }
+
+  template <class T>
+  T decode_unsigned() {
+    if (window_size() >= kMaxInlineElement) [[likely]] {
+      unsigned char const tag = in_cur_[0];
+      std::uint64_t v;
+      unsigned length;
+      switch (tag) {
+        case 0x30:
+          v = 0, length = 1;
+          break;
+        case 0x31:
+          v = 1, length = 1;
+          break;
+        case 0x34:
+          v = in_cur_[1], length = 2;
+          break;
+        case 0x35:
+          v = impl::load_big_endian<std::uint16_t>(in_cur_ + 1), length = 3;
+          break;
+        case 0x36:
+          v = impl::load_big_endian<std::uint32_t>(in_cur_ + 1), length = 5;
+          break;
+        case 0x37:
+          v = impl::load_big_endian<std::uint64_t>(in_cur_ + 1), length = 9;
+          break;
+        default:
+          return read_unsigned_generic<T>();
+      }
+      if (v <= std::numeric_limits<T>::max()) {
+        current_tag_ = tag;
+        in_cur_ += length;
+        return static_cast<T>(v);
+      }
+    }
+    return read_unsigned_generic<T>();
+  }
+
+  bool decode_bool() {
+    if (in_cur_ != in_end_ && (*in_cur_ | 1) == impl::kTagTrue) [[likely]] {
+      current_tag_ = *in_cur_++;
+      return current_tag_ == impl::kTagTrue;
+    }
+    return read_bool();
+  }
+
+  double decode_double() {
+    if (window_size() >= kMaxInlineElement) [[likely]] {
+      unsigned char const tag = in_cur_[0];
+      // Payload widths of the forms 0x44..0x47; the other bytes of the binary64 are zero.
+      static constexpr unsigned char kWidth[4] = {2, 3, 4, 8};
+      if (tag >= 0x44 && tag <= 0x47) {
+        unsigned const width = kWidth[tag - 0x44];
+        std::uint64_t bits = impl::load_big_endian<std::uint64_t>(in_cur_ + 1);
+        if (width < 8) bits &= ~std::uint64_t{0} << (64 - 8 * width);
+        current_tag_ = tag;
+        in_cur_ += 1 + width;
+        double v;
+        std::memcpy(&v, &bits, sizeof v);
+        return v;
+      }
+    }
+    return read_double();
+  }
+
+  // A string by value; short strings whose bytes are in the window are copied at once.
+  void read_string_value(std::string& out);
   // For readers that can be copied: takes over (or drops) the open sequence records.
   void copy_sequences_from(BinaryReaderBase const& other) { sequences_ = other.sequences_; }
   void clear_sequences() noexcept { sequences_.clear(); }
@@ -140,8 +297,20 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
   void skip_checked_slow(unsigned size);
   void read_integer_payload(unsigned char* out, unsigned size, unsigned width, bool is_signed,
                             char const* function);
-  void read_string_value(std::string& out);
+  void read_string_slow(std::string& out);
   void read_large_string_aux(unsigned nibble, std::string& out);
+  template <class T>
+  T read_signed_generic() {
+    unsigned char image[sizeof(T)];
+    read_int_big_endian(image, sizeof(T));
+    return impl::load_big_endian<T>(image);
+  }
+  template <class T>
+  T read_unsigned_generic() {
+    unsigned char image[sizeof(T)];
+    read_uint_big_endian(image, sizeof(T));
+    return impl::load_big_endian<T>(image);
+  }
   std::int64_t read_time(int prefix, char const* function);
   void copy_scalar(EToken token, Writer& writer);
 

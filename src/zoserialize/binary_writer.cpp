@@ -27,7 +27,7 @@ BinaryWriter::BinaryWriter(InterfacePtr<IWriteStream> stream, unsigned buffer_si
 
 BinaryWriter::~BinaryWriter() {
   try {
-    close();  // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall): this class's own close()
+    close();       // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall): this class's own close()
   } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor must not throw
   }
 }
@@ -115,21 +115,10 @@ InterfacePtr<IWriteStream> BinaryWriter::write_binary() {
   return BinaryWriterBase::write_binary();
 }
 
-void BinaryWriter::write_marker_start() {
-  finalize_previous_element();
-  write_marker_start_tag();
-  ++open_markers_;
-}
-
-void BinaryWriter::write_marker_end() {
-  finalize_previous_element();
-  if (open_markers_ == 0) {
-    zocore::throw_error(error::zoserialize_writer_marker_nesting,
-                        "Attempt to close marker and none is open",
-                        here("zoserialize::BinaryWriter::write_marker_end()"));
-  }
-  --open_markers_;
-  write_marker_end_tag();
+void BinaryWriter::throw_no_marker_to_close() {
+  zocore::throw_error(error::zoserialize_writer_marker_nesting,
+                      "Attempt to close marker and none is open",
+                      here("zoserialize::BinaryWriter::write_marker_end()"));
 }
 
 }  // namespace zoserialize

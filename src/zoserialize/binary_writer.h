@@ -1,11 +1,11 @@
 // Binary writer over an output stream.
 #pragma once
 
+#include <memory>
+
 #include <zocore/stream.h>
 #include <zoserialize/binary_writer_base.h>
 #include <zoserialize/export.h>
-
-#include <memory>
 
 namespace zoserialize {
 
@@ -20,7 +20,7 @@ namespace zoserialize {
 // After a successful close() the writer releases its stream; later writes fail with
 // error::zoserialize_writer_closed. The destructor closes (swallowing errors). One thread at a
 // time.
-class ZOSERIALIZE_API BinaryWriter : public BinaryWriterBase {
+class ZOSERIALIZE_API BinaryWriter final : public BinaryWriterBase {
  public:
   using BinaryWriterBase::write_binary;
   using BinaryWriterBase::write_string_stream;
@@ -41,8 +41,18 @@ class ZOSERIALIZE_API BinaryWriter : public BinaryWriterBase {
   // failing later in whatever operation finishes it.
   InterfacePtr<IWriteStream> write_string_stream() override;
   InterfacePtr<IWriteStream> write_binary() override;
-  void write_marker_start() override;
-  void write_marker_end() override;
+  void write_marker_start() override {
+    finalize_previous_element();
+    write_marker_start_tag();
+    ++open_markers_;
+  }
+  void write_marker_end() override {
+    finalize_previous_element();
+    if (open_markers_ == 0) [[unlikely]]
+      throw_no_marker_to_close();
+    --open_markers_;
+    write_marker_end_tag();
+  }
 
   unsigned open_markers() const noexcept { return open_markers_; }
 
@@ -52,6 +62,7 @@ class ZOSERIALIZE_API BinaryWriter : public BinaryWriterBase {
 
  private:
   [[noreturn]] static void throw_closed_error();
+  [[noreturn]] static void throw_no_marker_to_close();
   void flush_buffer();
   unsigned buffered() const noexcept { return static_cast<unsigned>(out_cur_ - buffer_.get()); }
   void reset_window() noexcept;

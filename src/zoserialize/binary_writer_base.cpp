@@ -1,11 +1,11 @@
+#include <bit>
+#include <cstdint>
+
 #include <zocore/error_composer.h>
 #include <zocore/throw_error.h>
 #include <zoserialize/binary_writer_base.h>
 #include <zoserialize/error_codes.h>
 #include <zoserialize/impl/integer_form.h>
-
-#include <bit>
-#include <cstdint>
 
 namespace zoserialize {
 namespace {
@@ -24,8 +24,13 @@ constexpr unsigned kMaxIntegerBytes = 64;
 
 // Payload widths for the value nibbles 4..10 of integers.
 constexpr unsigned width_nibble(unsigned length) {
-  return length <= 1 ? 4 : length <= 2 ? 5 : length <= 4 ? 6 : length <= 8 ? 7 : length <= 16 ? 8
-         : length <= 32 ? 9 : 10;
+  return length <= 1    ? 4
+         : length <= 2  ? 5
+         : length <= 4  ? 6
+         : length <= 8  ? 7
+         : length <= 16 ? 8
+         : length <= 32 ? 9
+                        : 10;
 }
 
 [[noreturn]] void throw_integer_too_wide(bool is_signed, unsigned significant_bytes) {
@@ -135,26 +140,25 @@ void BinaryWriterBase::close() {
   }
 }
 
-void BinaryWriterBase::flush() { finalize_previous_element(); }
-
-void BinaryWriterBase::write_null() {
+void BinaryWriterBase::flush() {
   finalize_previous_element();
-  emit_byte(impl::kTagNull);
 }
 
 void BinaryWriterBase::write_bool(bool value) {
-  finalize_previous_element();
-  emit_byte(value ? impl::kTagTrue : impl::kTagFalse);
+  encode_bool(value);
 }
 
 void BinaryWriterBase::write_int_big_endian(void const* data, unsigned size) {
-  finalize_previous_element();
   auto const* image = static_cast<unsigned char const*>(data);
   if (size > 8) [[unlikely]] {
+    finalize_previous_element();
     write_signed_wide(image, size);
     return;
   }
-  std::int64_t const v = impl::load_signed(image, size);
+  encode_signed(impl::load_signed(image, size));
+}
+
+void BinaryWriterBase::encode_signed_slow(std::int64_t v) {
   unsigned char payload[8];
   unsigned char tag;
   unsigned width;
@@ -196,13 +200,16 @@ void BinaryWriterBase::write_signed_wide(unsigned char const* image, unsigned si
 }
 
 void BinaryWriterBase::write_uint_big_endian(void const* data, unsigned size) {
-  finalize_previous_element();
   auto const* image = static_cast<unsigned char const*>(data);
   if (size > 8) [[unlikely]] {
+    finalize_previous_element();
     write_unsigned_wide(image, size);
     return;
   }
-  std::uint64_t const v = impl::load_unsigned(image, size);
+  encode_unsigned(impl::load_unsigned(image, size));
+}
+
+void BinaryWriterBase::encode_unsigned_slow(std::uint64_t v) {
   if (v <= 1) {
     emit_byte(v == 0 ? 0x30 : 0x31);
     return;
@@ -244,7 +251,10 @@ void BinaryWriterBase::write_unsigned_wide(unsigned char const* image, unsigned 
 }
 
 void BinaryWriterBase::write_double(double value) {
-  finalize_previous_element();
+  encode_double(value);
+}
+
+void BinaryWriterBase::encode_double_slow(double value) {
   auto const bits = std::bit_cast<std::uint64_t>(value);
   auto const hi = static_cast<std::uint32_t>(bits >> 32);
   auto const lo = static_cast<std::uint32_t>(bits);
@@ -268,8 +278,7 @@ void BinaryWriterBase::write_double(double value) {
 }
 
 void BinaryWriterBase::write_string(char const* data, unsigned size) {
-  finalize_previous_element();
-  write_binary_aux(ETypePrefix::String, data, size);
+  encode_string(data, size);
 }
 
 InterfacePtr<IWriteStream> BinaryWriterBase::write_string_stream() {
@@ -327,16 +336,8 @@ void BinaryWriterBase::write_binary(IReadStream& source) {
   write_binary_aux(ETypePrefix::Binary, source);
 }
 
-void BinaryWriterBase::write_binary(void const* data, unsigned size) {
-  finalize_previous_element();
-  write_binary_aux(ETypePrefix::Binary, data, size);
-}
-
-void BinaryWriterBase::write_sequence_start(unsigned count_hint) {
-  finalize_previous_element();
-  if (count_hint < 8) {
-    emit_byte(static_cast<unsigned char>(0xA0 | count_hint));
-  } else if (count_hint <= 0xFF) {
+void BinaryWriterBase::write_sequence_start_slow(unsigned count_hint) {
+  if (count_hint <= 0xFF) {
     unsigned char const field = static_cast<unsigned char>(count_hint);
     emit_tagged(0xA8, &field, 1);
   } else if (count_hint <= 0xFFFF) {
@@ -357,47 +358,36 @@ void BinaryWriterBase::write_sequence_start() {
   sequences_.push_back({0, 0});
 }
 
-void BinaryWriterBase::write_sequence_separator() {
-  finalize_previous_element();
-  if (sequences_.empty()) {
-    zocore::throw_error(error::zoserialize_writer_sequence_nesting,
-                        "Attempt to add sequence separator and no sequence is open",
-                        here("zoserialize::BinaryWriterBase::write_sequence_separator()"));
-  }
-  SequenceEntry& top = sequences_.back();
-  if (top.count_hint != 0 && top.separators >= top.count_hint - 1) {
-    zocore::ErrorComposer(
-        "Attempt to add more sequence elements than the count hint indicated.  "
-        "CountHint={@countHint}")
-        .add("countHint", top.count_hint)
-        .throw_error(error::zoserialize_writer_sequence_element_count,
-                     here("zoserialize::BinaryWriterBase::write_sequence_separator()"));
-  }
-  ++top.separators;
-  emit_byte(impl::kTagSequenceSeparator);
+void BinaryWriterBase::throw_no_sequence_for_separator() {
+  zocore::throw_error(error::zoserialize_writer_sequence_nesting,
+                      "Attempt to add sequence separator and no sequence is open",
+                      here("zoserialize::BinaryWriterBase::write_sequence_separator()"));
 }
 
-void BinaryWriterBase::write_sequence_end() {
-  finalize_previous_element();
-  if (sequences_.empty()) {
-    zocore::throw_error(error::zoserialize_writer_sequence_nesting,
-                        "Attempt to close sequence and none is open",
-                        here("zoserialize::BinaryWriterBase::write_sequence_end()"));
-  }
-  // The sequence counts as closed even when the count check below fails.
-  SequenceEntry const top = sequences_.back();
-  sequences_.pop_back();
-  if (top.count_hint != 0 && top.separators != top.count_hint - 1) {
-    // Added reports the separators written, not the elements.
-    zocore::ErrorComposer(
-        "Number of elements added to sequence does not match count hint.  "
-        "CountHint={@countHint}, Added={@elementCount}")
-        .add("countHint", top.count_hint)
-        .add("elementCount", top.separators)
-        .throw_error(error::zoserialize_writer_sequence_element_count,
-                     here("zoserialize::BinaryWriterBase::write_sequence_end()"));
-  }
-  emit_byte(impl::kTagSequenceEnd);
+void BinaryWriterBase::throw_too_many_elements(unsigned count_hint) {
+  zocore::ErrorComposer(
+      "Attempt to add more sequence elements than the count hint indicated.  "
+      "CountHint={@countHint}")
+      .add("countHint", count_hint)
+      .throw_error(error::zoserialize_writer_sequence_element_count,
+                   here("zoserialize::BinaryWriterBase::write_sequence_separator()"));
+}
+
+void BinaryWriterBase::throw_no_sequence_to_close() {
+  zocore::throw_error(error::zoserialize_writer_sequence_nesting,
+                      "Attempt to close sequence and none is open",
+                      here("zoserialize::BinaryWriterBase::write_sequence_end()"));
+}
+
+void BinaryWriterBase::throw_count_mismatch(unsigned count_hint, unsigned separators) {
+  // Added reports the separators written, not the elements.
+  zocore::ErrorComposer(
+      "Number of elements added to sequence does not match count hint.  "
+      "CountHint={@countHint}, Added={@elementCount}")
+      .add("countHint", count_hint)
+      .add("elementCount", separators)
+      .throw_error(error::zoserialize_writer_sequence_element_count,
+                   here("zoserialize::BinaryWriterBase::write_sequence_end()"));
 }
 
 // ---- Protected helpers ----------------------------------------------------------------------
@@ -428,10 +418,12 @@ void BinaryWriterBase::write_chunk(ETypePrefix prefix, bool first, void const* d
   unsigned char field[2];
   if (size <= 0xFF) {
     field[0] = static_cast<unsigned char>(size);
-    emit_tagged(tag_of(prefix, first ? impl::kNibbleFirstChunk1 : impl::kNibbleNextChunk1), field, 1);
+    emit_tagged(tag_of(prefix, first ? impl::kNibbleFirstChunk1 : impl::kNibbleNextChunk1), field,
+                1);
   } else {
     impl::store_big_endian(static_cast<std::uint16_t>(size), field);
-    emit_tagged(tag_of(prefix, first ? impl::kNibbleFirstChunk2 : impl::kNibbleNextChunk2), field, 2);
+    emit_tagged(tag_of(prefix, first ? impl::kNibbleFirstChunk2 : impl::kNibbleNextChunk2), field,
+                2);
   }
   emit(data, size);
 }
@@ -480,15 +472,14 @@ void BinaryWriterBase::write_binary_aux(ETypePrefix prefix, IReadStream& source)
     total += got;
   }
   if (total != announced) {
-    zocore::ErrorComposer("Early EOS in IReadStream.  Expected {@expected} bytes, read {@read} bytes")
+    zocore::ErrorComposer(
+        "Early EOS in IReadStream.  Expected {@expected} bytes, read {@read} bytes")
         .add("expected", announced)
         .add("read", total)
         .throw_error(error::zoserialize_writer_data_size,
                      here("zoserialize::BinaryWriterBase::write_binary_aux()"));
   }
 }
-
-void BinaryWriterBase::write_marker_start_tag() { emit_byte(impl::kTagMarkerStart); }
 
 void BinaryWriterBase::write_marker_start_tag(unsigned size, unsigned field_size) {
   unsigned bytes;
@@ -522,8 +513,6 @@ void BinaryWriterBase::write_marker_start_tag(unsigned size, unsigned field_size
   unsigned const nibble = bytes == 1 ? 4 : bytes == 2 ? 5 : bytes == 4 ? 6 : 7;
   emit_tagged(static_cast<unsigned char>(0xB0 | nibble), field + 8 - bytes, bytes);
 }
-
-void BinaryWriterBase::write_marker_end_tag() { emit_byte(impl::kTagMarkerEnd); }
 
 InterfacePtr<IWriteStream> BinaryWriterBase::create_binary_write_stream(ETypePrefix prefix) {
   finalize_previous_element();

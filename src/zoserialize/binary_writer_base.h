@@ -1,6 +1,12 @@
 // Encoder of the tagged binary encoding, shared by the stream and memory writers.
 #pragma once
 
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
 #include <zocore/atomic_ref_count.h>
 #include <zocore/ref_count_ptr.h>
 #include <zocore/ref_counted.h>
@@ -8,9 +14,6 @@
 #include <zoserialize/binary_encoding.h>
 #include <zoserialize/export.h>
 #include <zoserialize/writer.h>
-
-#include <cstring>
-#include <vector>
 
 namespace zoserialize {
 
@@ -33,24 +36,26 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   void close() override;
   // Finishes an open value stream.
   void flush() override;
-  void write_null() override;
-  void write_bool(bool value) override;
-  void write_int_big_endian(void const* data, unsigned size) override;
-  void write_uint_big_endian(void const* data, unsigned size) override;
-  void write_double(double value) override;
-  void write_string(char const* data, unsigned size) override;
+  // The element operations are final: concrete writers only decide where bytes go. That is
+  // what lets the inline front end below skip the virtual call.
+  void write_null() final;
+  void write_bool(bool value) final;
+  void write_int_big_endian(void const* data, unsigned size) final;
+  void write_uint_big_endian(void const* data, unsigned size) final;
+  void write_double(double value) final;
+  void write_string(char const* data, unsigned size) final;
   InterfacePtr<IWriteStream> write_string_stream() override;
-  void write_string_stream(IReadStream& source) override;
-  void write_absolute_time(AbsoluteTime const& value) override;
-  void write_relative_time(RelativeTime const& value) override;
-  void write_uuid(Uuid const& value) override;
+  void write_string_stream(IReadStream& source) final;
+  void write_absolute_time(AbsoluteTime const& value) final;
+  void write_relative_time(RelativeTime const& value) final;
+  void write_uuid(Uuid const& value) final;
   InterfacePtr<IWriteStream> write_binary() override;
-  void write_binary(IReadStream& source) override;
-  void write_binary(void const* data, unsigned size) override;
-  void write_sequence_start(unsigned count_hint) override;
-  void write_sequence_start() override;
-  void write_sequence_separator() override;
-  void write_sequence_end() override;
+  void write_binary(IReadStream& source) final;
+  void write_binary(void const* data, unsigned size) final;
+  void write_sequence_start(unsigned count_hint) final;
+  void write_sequence_start() final;
+  void write_sequence_separator() final;
+  void write_sequence_end() final;
   ~BinaryWriterBase() override;
 
   // The value stream handed out by write_string_stream() and write_binary(). It gathers bytes in
@@ -60,6 +65,48 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   // The value ends when the stream is closed or the writer's next operation starts; writes after
   // that fail. The stream only refers back to its writer, which must outlive its use.
   class BinaryStreamImpl;
+
+  // ---- Inline front end ----
+  // Shadows of Writer's typed front end for callers that know they hold a binary writer: they
+  // encode straight into the output window, without the big-endian image and the virtual call
+  // of the generic path, and write exactly the same bytes.
+  using Writer::operator<<;
+  BinaryWriterBase& operator<<(bool v) { return encode_bool(v), *this; }
+  BinaryWriterBase& operator<<(char v) { return encode_signed(static_cast<signed char>(v)), *this; }
+  BinaryWriterBase& operator<<(signed char v) { return encode_signed(v), *this; }
+  BinaryWriterBase& operator<<(unsigned char v) { return encode_unsigned(v), *this; }
+  BinaryWriterBase& operator<<(short v) { return encode_signed(v), *this; }
+  BinaryWriterBase& operator<<(unsigned short v) { return encode_unsigned(v), *this; }
+  BinaryWriterBase& operator<<(int v) { return encode_signed(v), *this; }
+  BinaryWriterBase& operator<<(unsigned int v) { return encode_unsigned(v), *this; }
+  BinaryWriterBase& operator<<(long v) { return encode_signed(v), *this; }
+  BinaryWriterBase& operator<<(unsigned long v) { return encode_unsigned(v), *this; }
+  BinaryWriterBase& operator<<(long long v) { return encode_signed(v), *this; }
+  BinaryWriterBase& operator<<(unsigned long long v) { return encode_unsigned(v), *this; }
+  BinaryWriterBase& operator<<(float v) { return encode_double(static_cast<double>(v)), *this; }
+  BinaryWriterBase& operator<<(double v) { return encode_double(v), *this; }
+  BinaryWriterBase& operator<<(char const* text) {
+    return encode_string(text, size_of(std::strlen(text))), *this;
+  }
+  BinaryWriterBase& operator<<(std::string const& s) {
+    return encode_string(s.data(), size_of(s.size())), *this;
+  }
+  BinaryWriterBase& operator<<(std::string_view s) {
+    return encode_string(s.data(), size_of(s.size())), *this;
+  }
+  void write_int8(char v) { encode_signed(static_cast<signed char>(v)); }
+  void write_uint8(unsigned char v) { encode_unsigned(v); }
+  void write_int16(short v) { encode_signed(v); }
+  void write_uint16(unsigned short v) { encode_unsigned(v); }
+  void write_int32(int v) { encode_signed(v); }
+  void write_int(int v) { encode_signed(v); }
+  void write_long(long v) { encode_signed(v); }
+  void write_uint32(unsigned v) { encode_unsigned(v); }
+  void write_uint(unsigned v) { encode_unsigned(v); }
+  void write_ulong(unsigned long v) { encode_unsigned(v); }
+  void write_int64(long long v) { encode_signed(v); }
+  void write_uint64(unsigned long long v) { encode_unsigned(v); }
+  void write_float(float v) { encode_double(static_cast<double>(v)); }
 
  protected:
   using ETypePrefix = impl::ETypePrefix;
@@ -73,11 +120,11 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   void write_binary_tag_aux(ETypePrefix prefix, unsigned length);
   void write_binary_aux(ETypePrefix prefix, void const* data, unsigned size);
   void write_binary_aux(ETypePrefix prefix, IReadStream& source);
-  void write_marker_start_tag();
+  void write_marker_start_tag() { emit_byte(impl::kTagMarkerStart); }
   // A marker start with a size field: field_size 0 picks the shortest form; 1..8 asks for a
   // field of that many bytes (rounded up to 1, 2, 4 or 8).
   void write_marker_start_tag(unsigned size, unsigned field_size);
-  void write_marker_end_tag();
+  void write_marker_end_tag() { emit_byte(impl::kTagMarkerEnd); }
   InterfacePtr<IWriteStream> create_binary_write_stream(ETypePrefix prefix);
   void finalize_binary_writer_stream();
 
@@ -125,6 +172,130 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
 
   bool has_open_sequences() const noexcept { return !sequences_.empty(); }
 
+  // ---- Encoders: one element each, inline when the window has room ----
+  void encode_bool(bool v) {
+    finalize_previous_element();
+    emit_byte(v ? impl::kTagTrue : impl::kTagFalse);
+  }
+  void encode_signed(std::int64_t v) {
+    finalize_previous_element();
+    if (window_room() >= kMaxInlineElement) [[likely]] {
+      put_signed(v);
+    } else {
+      encode_signed_slow(v);
+    }
+  }
+  void encode_unsigned(std::uint64_t v) {
+    finalize_previous_element();
+    if (window_room() >= kMaxInlineElement) [[likely]] {
+      put_unsigned(v);
+    } else {
+      encode_unsigned_slow(v);
+    }
+  }
+  void encode_double(double v) {
+    finalize_previous_element();
+    if (window_room() >= kMaxInlineElement) [[likely]] {
+      put_double(v);
+    } else {
+      encode_double_slow(v);
+    }
+  }
+  void encode_string(char const* data, unsigned size) {
+    finalize_previous_element();
+    // Short strings (1-byte length at most) whose bytes fit the window go in directly.
+    if (size <= 0xFF && size + 2 <= window_room()) [[likely]] {
+      if (size < 8) {
+        *out_cur_++ = static_cast<unsigned char>(0x50 | size);
+      } else {
+        out_cur_[0] = 0x58;
+        out_cur_[1] = static_cast<unsigned char>(size);
+        out_cur_ += 2;
+      }
+      if (size != 0) std::memcpy(out_cur_, data, size);
+      out_cur_ += size;
+    } else {
+      write_binary_aux(ETypePrefix::String, data, size);
+    }
+  }
+
+ private:
+  // A tag and up to 8 payload bytes: the inline encoders store 9 bytes at once.
+  static constexpr unsigned kMaxInlineElement = 9;
+
+  // The tag, then the low `width` bytes of v big-endian, as one 9-byte store (the window has
+  // room for it; only 1 + width bytes count).
+  void put_low_bytes(unsigned char tag, std::uint64_t v, unsigned width) noexcept {
+    out_cur_[0] = tag;
+    std::uint64_t const be = impl::byte_swap(v << (64 - 8 * width));
+    std::memcpy(out_cur_ + 1, &be, sizeof be);
+    out_cur_ += 1 + width;
+  }
+  void put_signed(std::int64_t v) noexcept {
+    if (static_cast<std::uint64_t>(v) + 1 <= 2) {
+      *out_cur_++ = v == 0 ? 0x20 : v > 0 ? 0x21 : 0x22;
+    } else if (v == static_cast<std::int8_t>(v)) {
+      put_low_bytes(0x24, static_cast<std::uint64_t>(v), 1);
+    } else if (v == static_cast<std::int16_t>(v)) {
+      put_low_bytes(0x25, static_cast<std::uint64_t>(v), 2);
+    } else if (v == static_cast<std::int32_t>(v)) {
+      put_low_bytes(0x26, static_cast<std::uint64_t>(v), 4);
+    } else {
+      put_low_bytes(0x27, static_cast<std::uint64_t>(v), 8);
+    }
+  }
+  void put_unsigned(std::uint64_t v) noexcept {
+    if (v <= 1) {
+      *out_cur_++ = v == 0 ? 0x30 : 0x31;
+    } else if (v <= 0xFF) {
+      put_low_bytes(0x34, v, 1);
+    } else if (v <= 0xFFFF) {
+      put_low_bytes(0x35, v, 2);
+    } else if (v <= 0xFFFFFFFF) {
+      put_low_bytes(0x36, v, 4);
+    } else {
+      put_low_bytes(0x37, v, 8);
+    }
+  }
+  // The shortest float form: the most significant bytes of the binary64 that are not all zero
+  // beyond them.
+  void put_double(double v) noexcept {
+    std::uint64_t bits;
+    std::memcpy(&bits, &v, sizeof bits);
+    auto const hi = static_cast<std::uint32_t>(bits >> 32);
+    unsigned char tag;
+    unsigned width;
+    if (static_cast<std::uint32_t>(bits) != 0) {
+      tag = 0x47, width = 8;
+    } else if ((hi & 0xFFFF) == 0) {
+      if (hi == 0) {
+        *out_cur_++ = 0x40;
+        return;
+      }
+      if ((hi & 0x7FFFFFFF) == 0x3FF00000) {
+        *out_cur_++ = (hi & 0x80000000) ? 0x42 : 0x41;
+        return;
+      }
+      tag = 0x44, width = 2;
+    } else if ((hi & 0xFF) != 0) {
+      tag = 0x46, width = 4;
+    } else {
+      tag = 0x45, width = 3;
+    }
+    out_cur_[0] = tag;
+    std::uint64_t const be = impl::byte_swap(bits);
+    std::memcpy(out_cur_ + 1, &be, sizeof be);
+    out_cur_ += 1 + width;
+  }
+  void write_sequence_start_slow(unsigned count_hint);
+  [[noreturn]] static void throw_no_sequence_for_separator();
+  [[noreturn]] static void throw_too_many_elements(unsigned count_hint);
+  [[noreturn]] static void throw_no_sequence_to_close();
+  [[noreturn]] static void throw_count_mismatch(unsigned count_hint, unsigned separators);
+  void encode_signed_slow(std::int64_t v);
+  void encode_unsigned_slow(std::uint64_t v);
+  void encode_double_slow(double v);
+
  private:
   struct SequenceEntry {
     unsigned count_hint;
@@ -142,5 +313,51 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
 
   friend class BinaryStreamImpl;
 };
+
+// The structural operations are small and frequent: defined here so that callers holding a
+// concrete writer get them inline. The failures are out of line.
+
+inline void BinaryWriterBase::write_null() {
+  finalize_previous_element();
+  emit_byte(impl::kTagNull);
+}
+
+inline void BinaryWriterBase::write_binary(void const* data, unsigned size) {
+  finalize_previous_element();
+  write_binary_aux(ETypePrefix::Binary, data, size);
+}
+
+inline void BinaryWriterBase::write_sequence_start(unsigned count_hint) {
+  finalize_previous_element();
+  if (count_hint < 8) {
+    emit_byte(static_cast<unsigned char>(0xA0 | count_hint));
+    sequences_.push_back({count_hint, 0});
+  } else {
+    write_sequence_start_slow(count_hint);
+  }
+}
+
+inline void BinaryWriterBase::write_sequence_separator() {
+  finalize_previous_element();
+  if (sequences_.empty()) [[unlikely]]
+    throw_no_sequence_for_separator();
+  SequenceEntry& top = sequences_.back();
+  if (top.count_hint != 0 && top.separators >= top.count_hint - 1) [[unlikely]]
+    throw_too_many_elements(top.count_hint);
+  ++top.separators;
+  emit_byte(impl::kTagSequenceSeparator);
+}
+
+inline void BinaryWriterBase::write_sequence_end() {
+  finalize_previous_element();
+  if (sequences_.empty()) [[unlikely]]
+    throw_no_sequence_to_close();
+  // The sequence counts as closed even when the count check fails.
+  SequenceEntry const top = sequences_.back();
+  sequences_.pop_back();
+  if (top.count_hint != 0 && top.separators != top.count_hint - 1) [[unlikely]]
+    throw_count_mismatch(top.count_hint, top.separators);
+  emit_byte(impl::kTagSequenceEnd);
+}
 
 }  // namespace zoserialize

@@ -1,11 +1,11 @@
+#include <cwchar>
+#include <limits>
+#include <string>
+
 #include <zocore/error_composer.h>
 #include <zocore/wide_string.h>
 #include <zoserialize/error_codes.h>
 #include <zoserialize/writer.h>
-
-#include <cwchar>
-#include <limits>
-#include <string>
 
 namespace zoserialize {
 namespace {
@@ -23,14 +23,11 @@ void Writer::close() {}
 
 void Writer::flush() {}
 
-unsigned Writer::size_of(std::size_t n) {
-  if (n > std::numeric_limits<unsigned>::max()) [[unlikely]] {
-    zocore::ErrorComposer(
-        "Value is too large to be written whole; write it through a stream.  Size={@size}")
-        .add("size", static_cast<unsigned long long>(n))
-        .throw_error(error::zoserialize_writer_data_range, here("zoserialize::Writer::size_of()"));
-  }
-  return static_cast<unsigned>(n);
+void Writer::throw_too_large(std::size_t n) {
+  zocore::ErrorComposer(
+      "Value is too large to be written whole; write it through a stream.  Size={@size}")
+      .add("size", static_cast<unsigned long long>(n))
+      .throw_error(error::zoserialize_writer_data_range, here("zoserialize::Writer::size_of()"));
 }
 
 Writer& Writer::operator<<(SourceLocation const& location) {
@@ -56,7 +53,9 @@ void Writer::write_string_key(StringKey const& key) {
   write_string(text.data(), size_of(text.size()));
 }
 
-WriteMarker::WriteMarker(Writer& writer) : writer_(&writer) { writer.write_marker_start(); }
+WriteMarker::WriteMarker(Writer& writer) : writer_(&writer) {
+  writer.write_marker_start();
+}
 
 WriteMarker::~WriteMarker() {
   try {

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include <zocore/absolute_time.h>
 #include <zocore/relative_time.h>
@@ -31,24 +32,34 @@ using zocore::UuidKey;
 
 namespace impl {
 
-// Big-endian image of an integer, most significant byte first.
+// Byte order helpers: big-endian images of integers, most significant byte first.
+template <class U>
+constexpr U byte_swap(U u) noexcept {
+  if constexpr (sizeof(U) == 1) {
+    return u;
+  } else if constexpr (sizeof(U) == 2) {
+    return static_cast<U>(__builtin_bswap16(static_cast<std::uint16_t>(u)));
+  } else if constexpr (sizeof(U) == 4) {
+    return static_cast<U>(__builtin_bswap32(static_cast<std::uint32_t>(u)));
+  } else {
+    static_assert(sizeof(U) == 8);
+    return static_cast<U>(__builtin_bswap64(static_cast<std::uint64_t>(u)));
+  }
+}
+
 template <class T>
 inline void store_big_endian(T value, unsigned char* out) noexcept {
   using U = std::make_unsigned_t<T>;
-  U u = static_cast<U>(value);
-  for (unsigned i = sizeof(T); i-- > 0;) {
-    out[i] = static_cast<unsigned char>(u);
-    if constexpr (sizeof(T) > 1) u = static_cast<U>(u >> 8);
-  }
+  U const be = byte_swap(static_cast<U>(value));
+  std::memcpy(out, &be, sizeof be);
 }
 
 template <class T>
 inline T load_big_endian(unsigned char const* in) noexcept {
   using U = std::make_unsigned_t<T>;
-  U u = 0;
-  for (unsigned i = 0; i < sizeof(T); ++i)
-    u = static_cast<U>((u << 8) | in[i]);
-  return static_cast<T>(u);
+  U be;
+  std::memcpy(&be, in, sizeof be);
+  return static_cast<T>(byte_swap(be));
 }
 
 }  // namespace impl
@@ -174,6 +185,16 @@ class ZOSERIALIZE_API Writer {
   void write_string_key(StringKey const& key);
   void write_uuid_key(UuidKey const& key) { write_uuid(key.uuid()); }
 
+ protected:
+  // A length as the 32-bit size of the core interface; a larger value fails with
+  // error::zoserialize_writer_data_range (it must be written through a stream).
+  static unsigned size_of(std::size_t n) {
+    if (n > 0xFFFFFFFFu) [[unlikely]]
+      throw_too_large(n);
+    return static_cast<unsigned>(n);
+  }
+  [[noreturn]] static void throw_too_large(std::size_t n);
+
  private:
   template <class T>
   void write_signed(T v) {
@@ -187,7 +208,6 @@ class ZOSERIALIZE_API Writer {
     impl::store_big_endian(v, image);
     write_uint_big_endian(image, sizeof(T));
   }
-  static unsigned size_of(std::size_t n);
 };
 
 // Scope guard for a marker: the constructor writes the marker start, close() or the destructor

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include <zoserialize/writer.h>
+
 namespace zoserialize::impl {
 
 // The significant bytes of a big-endian two's-complement image: image[offset, offset + length).
@@ -20,7 +22,8 @@ inline SignedForm minimal_signed_form(unsigned char const* image, unsigned size)
   if (size == 0) return {0x00, 0, 0};
   unsigned char const sign = (image[0] & 0x80) ? 0xFF : 0x00;
   unsigned i = 0;
-  while (i < size && image[i] == sign) ++i;
+  while (i < size && image[i] == sign)
+    ++i;
   if (i == size) return {sign, size, 0};
   // A byte was dropped only if it equalled the sign, so image[i - 1] is that sign byte.
   if (i > 0 && ((image[i] ^ sign) & 0x80) != 0) --i;
@@ -36,20 +39,47 @@ struct UnsignedForm {
 
 inline UnsignedForm minimal_unsigned_form(unsigned char const* image, unsigned size) noexcept {
   unsigned i = 0;
-  while (i < size && image[i] == 0) ++i;
+  while (i < size && image[i] == 0)
+    ++i;
   return {i, size - i};
 }
 
 // Loads an image of at most 8 bytes as a sign-extended 64-bit value.
 inline std::int64_t load_signed(unsigned char const* image, unsigned size) noexcept {
+  switch (size) {
+    case 1:
+      return static_cast<std::int8_t>(image[0]);
+    case 2:
+      return load_big_endian<std::int16_t>(image);
+    case 4:
+      return load_big_endian<std::int32_t>(image);
+    case 8:
+      return load_big_endian<std::int64_t>(image);
+    default:
+      break;
+  }
   std::uint64_t u = (size != 0 && (image[0] & 0x80)) ? ~std::uint64_t{0} : 0;
-  for (unsigned i = 0; i < size; ++i) u = (u << 8) | image[i];
+  for (unsigned i = 0; i < size; ++i)
+    u = (u << 8) | image[i];
   return static_cast<std::int64_t>(u);
 }
 
 inline std::uint64_t load_unsigned(unsigned char const* image, unsigned size) noexcept {
+  switch (size) {
+    case 1:
+      return image[0];
+    case 2:
+      return load_big_endian<std::uint16_t>(image);
+    case 4:
+      return load_big_endian<std::uint32_t>(image);
+    case 8:
+      return load_big_endian<std::uint64_t>(image);
+    default:
+      break;
+  }
   std::uint64_t u = 0;
-  for (unsigned i = 0; i < size; ++i) u = (u << 8) | image[i];
+  for (unsigned i = 0; i < size; ++i)
+    u = (u << 8) | image[i];
   return u;
 }
 
