@@ -1,14 +1,14 @@
 // Binary reader over an input stream.
 #pragma once
 
+#include <cstdint>
+#include <memory>
+#include <vector>
+
 #include <zocore/ref_count_ptr.h>
 #include <zocore/stream.h>
 #include <zoserialize/binary_reader_base.h>
 #include <zoserialize/export.h>
-
-#include <cstdint>
-#include <memory>
-#include <vector>
 
 namespace zoserialize {
 
@@ -24,7 +24,7 @@ namespace zoserialize {
 // The source is treated as ended once a refill returns 0 bytes; it is not asked again. After
 // close() the reader holds no source, and every operation that needs one fails with
 // error::zoserialize_reader_closed. One thread at a time.
-class ZOSERIALIZE_API BinaryReader : public BinaryReaderBase {
+class ZOSERIALIZE_API BinaryReader final : public BinaryReaderBase {
  public:
   static constexpr unsigned kDefaultBufferSize = 16384;
 
@@ -67,7 +67,9 @@ class ZOSERIALIZE_API BinaryReader : public BinaryReaderBase {
     std::uint64_t end;    // start plus the declared size
   };
 
-  unsigned buffered() const noexcept { return static_cast<unsigned>(buffer_.get() + valid_ - in_cur_); }
+  unsigned buffered() const noexcept {
+    return static_cast<unsigned>(buffer_.get() + valid_ - in_cur_);
+  }
   // One source read into the buffer. Only called while the source has not reported its end.
   void refill() const;
   // Makes a byte available if the source can give one; false at the end of the data.
@@ -88,10 +90,10 @@ class ZOSERIALIZE_API BinaryReader : public BinaryReaderBase {
   InterfacePtr<IReadStream> source_;
   std::unique_ptr<unsigned char[]> buffer_;
   unsigned capacity_;
-  mutable unsigned valid_;                  // bytes the last refill delivered; 0: source ended
-  mutable std::uint64_t consumed_ = 0;      // position of mark_
-  mutable unsigned char const* mark_;       // where the window stood when consumed_ was last set
-  std::vector<MarkerRecord> markers_;       // innermost last
+  mutable unsigned valid_;              // bytes the last refill delivered; 0: source ended
+  mutable std::uint64_t consumed_ = 0;  // position of mark_
+  mutable unsigned char const* mark_;   // where the window stood when consumed_ was last set
+  std::vector<MarkerRecord> markers_;   // innermost last
   zocore::RefCountPtr<BinaryStreamImplBase> current_stream_;
 };
 

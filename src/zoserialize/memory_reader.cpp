@@ -382,19 +382,16 @@ void MemoryReader::read_binary_append_memory_list(MemoryListPtr const& list) {
     zocore::throw_with_nested_errno(error::zoserialize_reader, "NULL pMemoryList argument",
                                     here(kFunction), 22);
   }
-  // Appending to the very list being read: the range is taken as a sublist first, and the
-  // cursor found again afterwards (the segment array may have moved).
+  // The list being read must not change under the reader, nor under the payload streams and
+  // copies that share its cursors: appending to it could move its segment array.
+  if (list.get() == list_.get()) {
+    zocore::throw_with_nested_errno(error::zoserialize_reader,
+                                    "Cannot append a payload to the memory list that is being read",
+                                    here(kFunction), 22);
+  }
   auto const append_range = [&](unsigned length) {
     sync();
-    if (list.get() == list_.get()) {
-      unsigned const at = cursor_.position;
-      auto const range = list_->sublist(cursor_, length);
-      list->append_list(*range);
-      list_->set_read_cursor_to_pos(cursor_, at);
-      open_window();
-    } else {
-      list->append_list(*list_, cursor_, length);
-    }
+    list->append_list(*list_, cursor_, length);
     advance(length);
   };
   int const nibble = read_tag_check_type(kBinaryPrefix);

@@ -26,7 +26,7 @@ class MemoryWriter;
 //
 // One thread at a time per reader; several readers and streams may read the same list on
 // different threads.
-class ZOSERIALIZE_API MemoryReader : public BinaryReaderBase {
+class ZOSERIALIZE_API MemoryReader final : public BinaryReaderBase {
  public:
   // Reads `list` from its start (a null list reads as empty).
   explicit MemoryReader(ConstMemoryListPtr list);
@@ -54,7 +54,8 @@ class ZOSERIALIZE_API MemoryReader : public BinaryReaderBase {
   void read_marker_end() override;
 
   // Reads a Binary element and appends its payload to `list` by reference (no copy). A null
-  // list fails with error::zoserialize_reader (errno 22).
+  // list, or the list this reader reads, fails with error::zoserialize_reader (errno 22) before
+  // anything is read.
   void read_binary_append_memory_list(MemoryListPtr const& list);
   // Reads a Binary element as a new list sharing the payload's chunks.
   MemoryListPtr read_binary_as_memory_list();

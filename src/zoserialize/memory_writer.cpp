@@ -131,21 +131,10 @@ InterfacePtr<IWriteStream> MemoryWriter::write_binary() {
   return BinaryWriterBase::write_binary();
 }
 
-void MemoryWriter::write_marker_start() {
-  finalize_previous_element();
-  write_marker_start_tag();
-  ++open_markers_;
-}
-
-void MemoryWriter::write_marker_end() {
-  finalize_previous_element();
-  if (open_markers_ == 0) {
-    zocore::throw_error(error::zoserialize_writer_marker_nesting,
-                        "Attempt to close marker and none is open",
-                        here("zoserialize::MemoryWriter::write_marker_end()"));
-  }
-  --open_markers_;
-  write_marker_end_tag();
+void MemoryWriter::throw_no_marker_to_close() {
+  zocore::throw_error(error::zoserialize_writer_marker_nesting,
+                      "Attempt to close marker and none is open",
+                      here("zoserialize::MemoryWriter::write_marker_end()"));
 }
 
 void MemoryWriter::flush() {
@@ -191,7 +180,7 @@ void MemoryWriter::clear() {
   closed_ = false;
 }
 
-MemoryListPtr const& MemoryWriter::memory_list() {
+MemoryListPtr MemoryWriter::memory_list() {
   if (list_) drop_window();
   return list_;
 }

@@ -25,7 +25,7 @@ class MemoryReader;
 // States: open → closed (close(); writes then fail with error::zoserialize_writer_closed, the
 // list stays readable) → detached (close_and_detach_memory_list()). clear() returns the writer
 // to an open, empty state. One thread at a time.
-class ZOSERIALIZE_API MemoryWriter : public BinaryWriterBase {
+class ZOSERIALIZE_API MemoryWriter final : public BinaryWriterBase {
  public:
   using BinaryWriterBase::write_binary;
   using BinaryWriterBase::write_string_stream;
@@ -44,8 +44,18 @@ class ZOSERIALIZE_API MemoryWriter : public BinaryWriterBase {
   // Value streams; a closed writer refuses to hand one out.
   InterfacePtr<IWriteStream> write_string_stream() override;
   InterfacePtr<IWriteStream> write_binary() override;
-  void write_marker_start() override;
-  void write_marker_end() override;
+  void write_marker_start() override {
+    finalize_previous_element();
+    write_marker_start_tag();
+    ++open_markers_;
+  }
+  void write_marker_end() override {
+    finalize_previous_element();
+    if (open_markers_ == 0) [[unlikely]]
+      throw_no_marker_to_close();
+    --open_markers_;
+    write_marker_end_tag();
+  }
 
   // close(), then hands the list over; the writer keeps none.
   MemoryListPtr close_and_detach_memory_list();
@@ -53,8 +63,10 @@ class ZOSERIALIZE_API MemoryWriter : public BinaryWriterBase {
   // (or, when it is shared, starts a new one) and reopens a closed writer.
   void clear();
   bool is_complete() const noexcept { return open_markers_ == 0 && !has_open_sequences(); }
-  // The list written so far (null once detached). An open value stream is not finished.
-  MemoryListPtr const& memory_list();
+  // The list written so far (null once detached), shared with the caller: the writer copies it
+  // before it writes again (copy-on-write), so the caller's list never changes. An open value
+  // stream is not finished.
+  MemoryListPtr memory_list();
   // A sequential reader over the list; fails when sequences or markers are open.
   LinearReader create_raw_reader();
   // A memory reader over what has been written (an open value stream is finished first).
@@ -76,6 +88,7 @@ class ZOSERIALIZE_API MemoryWriter : public BinaryWriterBase {
 
  private:
   [[noreturn]] static void throw_closed_error();
+  [[noreturn]] static void throw_no_marker_to_close();
   // Makes the writer the list's only holder, replacing a shared list by a shallow clone.
   void make_unique_for_write();
   void clone_for_write_aux();

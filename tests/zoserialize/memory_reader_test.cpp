@@ -1301,28 +1301,19 @@ TEST(MemoryReaderTest, AppendKeepsWhatTheListHeld) {
   EXPECT_TRUE(reader.is_eof());
 }
 
-TEST(MemoryReaderTest, AppendIntoTheListBeingRead) {
-  // The payload is taken as a snapshot first; the reader goes on where it stood, over the range
-  // it had, although its list has grown. With 1-byte pieces, 48 to 52 leading nulls make the
-  // segment array outgrow its storage during one of the appends.
-  for (std::size_t nulls : {0u, 48u, 50u, 52u}) {
-    std::string const data =
-        std::string(nulls, '\0') + zotest::bytes("9B 02 AA BB 9D 01 CC 9F 92 DD EE 11");
-    for (zotest::ListLayout const& layout : zotest::list_layouts()) {
-      SCOPED_TRACE(::testing::Message() << layout.name << ", " << nulls << " nulls");
-      MemoryListPtr const list = layout.make(data);
-      MemoryReader reader{ConstMemoryListPtr(list)};
-      for (std::size_t i = 0; i < nulls; ++i)
-        reader.read_null();
-      reader.read_binary_append_memory_list(list);
-      EXPECT_EQ(reader.position(), nulls + 8);
-      reader.read_binary_append_memory_list(list);
-      EXPECT_TRUE(reader.read_bool());
-      EXPECT_TRUE(reader.is_eof());
-      EXPECT_EQ(zotest::hex(bytes_of(*list)), zotest::hex(data + zotest::bytes("AA BB CC DD EE")));
-      EXPECT_TRUE(list->validate_size());
-    }
-  }
+TEST(MemoryReaderTest, AppendIntoTheListBeingReadIsRefused) {
+  // Growing the list being read could move the segment array under the cursors of the reader,
+  // its copies and its payload streams.
+  std::string const data = zotest::bytes("92 AA BB 11");
+  MemoryListPtr const list = list_of(data);
+  MemoryReader reader{ConstMemoryListPtr(list)};
+  auto const info = ZO_EXPECT_ERROR(
+      reader.read_binary_append_memory_list(list), error::zoserialize_reader,
+      "Cannot append a payload to the memory list that is being read");
+  ASSERT_TRUE(info);
+  EXPECT_EQ(info->nested_errno(), 22);
+  EXPECT_EQ(reader.position(), 0u);
+  EXPECT_EQ(zotest::hex(bytes_of(*list)), zotest::hex(data));
 }
 
 // ---- Copies -------------------------------------------------------------------------------------
