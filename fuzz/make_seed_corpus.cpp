@@ -1,19 +1,27 @@
-// Writes the seed corpus of fuzz_binary_reader: every golden vector of the binary encoding that
-// is small enough for a fuzz input, and a few larger documents written with BinaryWriter, each
-// behind the fuzz target's header (read-ahead buffer size and control word) in three variants:
-// a well-behaved source with the default buffer, a tiny buffer with a source that sometimes
-// delivers short pieces, and a small buffer with a choppy source that hides its size.
+// Writes the seed corpus of a reader fuzz target: every golden vector of the binary encoding that
+// is small enough for a fuzz input, and a few larger documents, each behind the target's 6-byte
+// header in three variants.
 //
-// Usage: make_seed_corpus <output directory>
-// The files are committed under fuzz/corpus/binary_reader/; regenerate them after the golden
-// table changes (remove the old files first, so that renamed rows leave nothing behind).
+// fuzz_binary_reader (the default): a well-behaved source with the default buffer, a tiny buffer
+// with a source that sometimes delivers short pieces, and a small buffer with a choppy source
+// that hides its size.
+// fuzz_memory_reader: one list of pooled chunks, a list of 1-byte chunks (a seam behind every
+// byte), and pieces shared from a larger list read through a MemoryWriter that goes on writing;
+// its seeds also include documents that only a MemoryWriter writes (sized markers of forwarded
+// readers, embedded lists).
+//
+// Usage: make_seed_corpus <output directory> [binary_reader|memory_reader]
+// The files are committed under fuzz/corpus/<target>/; regenerate them after the golden table
+// changes (remove the old files first, so that renamed rows leave nothing behind).
 
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <support/binary_golden.h>
@@ -21,11 +29,16 @@
 #include <zocore/memory_stream.h>
 #include <zocore/ref_count_ptr.h>
 #include <zoserialize/binary_writer.h>
+#include <zoserialize/memory_list.h>
+#include <zoserialize/memory_reader.h>
+#include <zoserialize/memory_writer.h>
 
 namespace {
 
 namespace fs = std::filesystem;
 using zoserialize::BinaryWriter;
+using zoserialize::MemoryReader;
+using zoserialize::MemoryWriter;
 using zoserialize::Writer;
 
 // Larger inputs make every fuzz run slower (libFuzzer sizes its inputs after the largest seed)
@@ -34,16 +47,25 @@ constexpr std::size_t kMaxSeedBytes = 8192;
 
 struct Variant {
   char const* suffix;
-  unsigned char header[6];  // buffer size (2 bytes), control word (4 bytes, little-endian)
+  unsigned char header[6];  // target-specific (2 bytes), control word (4 bytes, little-endian)
 };
 
-constexpr Variant kVariants[] = {
+constexpr Variant kBinaryVariants[] = {
     // 0xC000: the default buffer; control 0: every read delivers what it asks for.
     {"plain", {0x00, 0xC0, 0x00, 0x00, 0x00, 0x00}},
     // 3-byte buffer; choppiness 1.
     {"tiny", {0x03, 0x00, 0x01, 0x5A, 0x00, 0x00}},
     // 0x8000 | 100: a 101-byte buffer; choppiness 3, size hidden.
     {"choppy", {0x64, 0x80, 0x07, 0xA5, 0x3C, 0x00}},
+};
+
+constexpr Variant kMemoryVariants[] = {
+    // Layout 0: pooled chunks.
+    {"plain", {0x00, 0x00, 0x00, 0x00, 0x00, 0x00}},
+    // Layout 2 with parameter 0: chunks of 1 byte from the list's factory.
+    {"tiny", {0x02, 0x00, 0x5A, 0x01, 0x00, 0x00}},
+    // Layout 3, pieces of 1-16 bytes shared from a larger list; read through a writer (0x80).
+    {"shared", {0x83, 0x0F, 0xA5, 0x3C, 0x07, 0x00}},
 };
 
 std::string written(std::function<void(Writer&)> const& write) {
@@ -141,8 +163,46 @@ std::vector<std::pair<std::string, std::string>> documents() {
   return docs;
 }
 
-bool write_seed(fs::path const& dir, std::string const& name, std::string const& bytes) {
-  for (Variant const& v : kVariants) {
+// Documents that only a MemoryWriter writes: the rest of a reader forwarded as a sized marker,
+// in front of an embedded list and behind a marker taken out as a sub-reader.
+std::vector<std::pair<std::string, std::string>> memory_documents() {
+  auto const bytes_of = [](zoserialize::MemoryListBaseType const& list) {
+    std::string out(list.size(), '\0');
+    out.resize(list.read_at(0, out.data(), list.size()));
+    return out;
+  };
+  MemoryWriter inner;
+  inner.write_marker_start();
+  inner << 7 << "inner";
+  inner.write_sequence_start(2);
+  inner << 1.5;
+  inner.write_sequence_separator();
+  inner << true;
+  inner.write_sequence_end();
+  inner.write_marker_end();
+  inner << "after";
+  MemoryReader source = inner.reader();
+  MemoryReader const contents = source.read_memory_reader();
+
+  std::string const text = zotest::golden_text(1500);
+  zoserialize::MemoryListPtr const payload = zoserialize::MemoryList::create();
+  payload->append(text.data(), static_cast<unsigned>(text.size()));
+
+  MemoryWriter outer;
+  outer.write_sequence_start(3);
+  outer.write_memory_reader(contents);
+  outer.write_sequence_separator();
+  outer.write_binary(zoserialize::ConstMemoryListPtr(payload));
+  outer.write_sequence_separator();
+  outer.write_memory_reader(source);
+  outer.write_sequence_end();
+  outer.close();
+  return {{"doc_forwarded", bytes_of(*outer.memory_list())}};
+}
+
+bool write_seed(fs::path const& dir, std::span<Variant const> variants, std::string const& name,
+                std::string const& bytes) {
+  for (Variant const& v : variants) {
     fs::path const path = dir / (name + "." + v.suffix);
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(reinterpret_cast<char const*>(v.header), sizeof v.header);
@@ -158,10 +218,14 @@ bool write_seed(fs::path const& dir, std::string const& name, std::string const&
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: %s <output directory>\n", argv[0]);
+  std::string const target = argc == 3 ? argv[2] : "binary_reader";
+  if ((argc != 2 && argc != 3) || (target != "binary_reader" && target != "memory_reader")) {
+    std::fprintf(stderr, "usage: %s <output directory> [binary_reader|memory_reader]\n", argv[0]);
     return 2;
   }
+  bool const memory = target == "memory_reader";
+  std::span<Variant const> const variants = memory ? std::span<Variant const>(kMemoryVariants)
+                                                   : std::span<Variant const>(kBinaryVariants);
   fs::path const dir = argv[1];
   std::error_code ec;
   fs::create_directories(dir, ec);
@@ -177,14 +241,19 @@ int main(int argc, char** argv) {
       ++skipped;
       continue;
     }
-    if (!write_seed(dir, "golden_" + row.name, row.bytes)) return 1;
+    if (!write_seed(dir, variants, "golden_" + row.name, row.bytes)) return 1;
     ++seeds;
   }
-  for (auto const& [name, bytes] : documents()) {
-    if (!write_seed(dir, name, bytes)) return 1;
+  auto docs = documents();
+  if (memory) {
+    for (auto& doc : memory_documents())
+      docs.push_back(std::move(doc));
+  }
+  for (auto const& [name, bytes] : docs) {
+    if (!write_seed(dir, variants, name, bytes)) return 1;
     ++seeds;
   }
   std::printf("make_seed_corpus: %zu seeds x %zu variants in %s (%zu golden rows too large)\n",
-              seeds, sizeof kVariants / sizeof kVariants[0], dir.c_str(), skipped);
+              seeds, variants.size(), dir.c_str(), skipped);
   return 0;
 }
