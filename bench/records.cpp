@@ -100,8 +100,11 @@ bool read_blob(zocore::IReadStream& stream, std::vector<char>& out) {
   return true;
 }
 
-void msgpack_encode(std::span<Record const> records, msgpack::sbuffer& out) {
-  msgpack::packer<msgpack::sbuffer> pk(out);
+namespace {
+
+template <class Buffer>
+void encode_msgpack_into(std::span<Record const> records, Buffer& out) {
+  msgpack::packer<Buffer> pk(out);
   pk.pack_array(static_cast<std::uint32_t>(records.size()));
   for (Record const& r : records) {
     pk.pack_array(7);
@@ -123,6 +126,16 @@ void msgpack_encode(std::span<Record const> records, msgpack::sbuffer& out) {
     pk.pack_str(static_cast<std::uint32_t>(r.nested.label.size()));
     pk.pack_str_body(r.nested.label.data(), static_cast<std::uint32_t>(r.nested.label.size()));
   }
+}
+
+}  // namespace
+
+void msgpack_encode(std::span<Record const> records, msgpack::sbuffer& out) {
+  encode_msgpack_into(records, out);
+}
+
+void msgpack_encode(std::span<Record const> records, msgpack::vrefbuffer& out) {
+  encode_msgpack_into(records, out);
 }
 
 }  // namespace zobench

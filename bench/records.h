@@ -136,7 +136,11 @@ std::size_t read_records(R& rd, Record& scratch, F&& on_record) {
 // The whole is an array; each record a positional array of seven elements (no field names):
 // id, flag, score, name, tags (array of str), blob (bin), nested (array of int, int, str).
 
+// Into a contiguous buffer, or into a vrefbuffer, which refers to payloads of at least its
+// ref_size (32 bytes by default) instead of copying them and hands the result out as an iovec
+// array for writev(); such a vrefbuffer must not outlive `records`.
 void msgpack_encode(std::span<Record const> records, msgpack::sbuffer& out);
+void msgpack_encode(std::span<Record const> records, msgpack::vrefbuffer& out);
 
 // How msgpack's unpacker places str and bin payloads: copied into its zone (the library's
 // default) or referring into the input buffer, which must then outlive the decode.
