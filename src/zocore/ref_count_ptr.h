@@ -40,7 +40,7 @@ class RefCountPtr {
   }
 
   RefCountPtr& operator=(RefCountPtr const& other) noexcept {
-    RefCountPtr(other).swap(*this);
+    if (this != &other) RefCountPtr(other).swap(*this);
     return *this;
   }
   RefCountPtr& operator=(RefCountPtr&& other) noexcept {

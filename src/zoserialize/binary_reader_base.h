@@ -193,7 +193,8 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
           v = -1, length = 1;
           break;
         case 0x24:
-          v = static_cast<std::int8_t>(in_cur_[1]), length = 2;
+          // Sign extension of one byte, without a detour through signed char.
+          v = static_cast<std::int64_t>(in_cur_[1] ^ 0x80) - 0x80, length = 2;
           break;
         case 0x25:
           v = impl::load_big_endian<std::int16_t>(in_cur_ + 1), length = 3;

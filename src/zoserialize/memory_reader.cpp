@@ -172,11 +172,6 @@ MemoryReader& MemoryReader::operator=(MemoryReader const& other) {
   return *this;
 }
 
-MemoryReader& MemoryReader::operator=(MemoryReader&& other) {
-  if (this != &other) *this = static_cast<MemoryReader const&>(other);
-  return *this;
-}
-
 MemoryReader::~MemoryReader() = default;
 
 void MemoryReader::copy_state_from(MemoryReader const& other) {

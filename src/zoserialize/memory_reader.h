@@ -38,7 +38,6 @@ class ZOSERIALIZE_API MemoryReader final : public BinaryReaderBase {
   // Allowed only while this reader has no open sequence and no open marker: copies the list, the
   // position and the current tag (not the scopes of `other`).
   MemoryReader& operator=(MemoryReader const& other);
-  MemoryReader& operator=(MemoryReader&& other);
   ~MemoryReader() override;
 
   // A copy positioned like this reader; with `with_scopes` it also takes over the open

@@ -35,7 +35,6 @@ using zoserialize::BinaryWriter;
 using zoserialize::InterfacePtr;
 using zoserialize::IReadStream;
 using zoserialize::Reader;
-using zoserialize::Writer;
 using zotest::ByteSource;
 using Call = ByteSource::Call;
 using EToken = Reader::EToken;

@@ -1363,10 +1363,10 @@ TEST(MemoryReaderTest, AssignmentCopiesListPositionAndRange) {
   EXPECT_TRUE(target.is_eof());
   EXPECT_EQ(contents.position(), 1u);
 
-  MemoryReader moved = reader_of_hex("00");
-  moved = std::move(target);
-  EXPECT_TRUE(moved.is_eof());
-  EXPECT_EQ(moved.size(), 2u);
+  MemoryReader assigned = reader_of_hex("00");
+  assigned = target;
+  EXPECT_TRUE(assigned.is_eof());
+  EXPECT_EQ(assigned.size(), 2u);
 }
 
 TEST(MemoryReaderTest, MoveAndSwapExchangeEverything) {
