@@ -1,5 +1,5 @@
 // Memory lists for tests: bytes cut into segments at chosen places, lists whose chunk factory
-// hands out tiny chunks, and the byte contents of a list.
+// hands out tiny chunks, and what a list holds.
 #pragma once
 
 #include <cstddef>
@@ -14,20 +14,20 @@ namespace zotest {
 
 // Every byte of `list`, in order.
 std::string bytes_of(zoserialize::MemoryListBaseType const& list);
+// The chunks that the list's segments live in, in order.
+std::vector<void const*> chunks_of(zoserialize::MemoryListBaseType const& list);
 
-// A list holding `data` cut into pieces of the given sizes (the last size repeats until the data
-// is used up; a size of 0 counts as 1). Each piece lives in a heap chunk of its own of exactly its
-// size, so no segment has room behind it and every piece boundary is a segment boundary.
+// `data` cut into pieces of the given sizes (the last size repeats; 0 counts as 1), each in a
+// heap chunk of exactly its size: every piece boundary is a segment boundary with no room behind.
 zoserialize::MemoryListPtr list_in_pieces(std::string_view data,
                                           std::vector<std::size_t> const& sizes);
 // `data` as two segments, [0, cut) and [cut, size); a cut at 0 or at the end gives one segment.
 zoserialize::MemoryListPtr list_cut_at(std::string_view data, std::size_t cut);
-// `data` appended to a fresh MemoryList: segments as the pooled chunks make them.
-zoserialize::MemoryListPtr list_of(std::string_view data);
+// `data` appended to `list` (null: a fresh MemoryList, cut as the pooled chunks cut it).
+zoserialize::MemoryListPtr list_of(std::string_view data, zoserialize::MemoryListPtr list = {});
 
-// An empty list whose chunk factory hands out heap chunks of exactly `chunk_size` bytes, whatever
-// the request (chunk_size one of 1, 2, 3, 7, 64). Lists derived from it (clones, sublists) keep
-// the factory, so whatever is appended to them spreads over chunks of that size.
+// An empty list whose factory hands out heap chunks of exactly `chunk_size` bytes (1, 3, 7 or
+// 64), whatever the request. Clones and sublists keep the factory.
 zoserialize::MemoryListPtr tiny_chunk_list(unsigned chunk_size);
 
 // A way to lay out bytes as a list, for running reader tests over every kind of seam.
@@ -35,10 +35,10 @@ struct ListLayout {
   std::string name;
   std::function<zoserialize::MemoryListPtr(std::string_view)> make;
 };
-// One segment; pieces of 1, 2, 3 and 7 bytes; 1-byte and 3-byte chunks with room behind the
-// last segment; irregular pieces (1, 4, 2, 9, 1, 100, 3, ...).
+// large_list_layouts() plus pieces of 1, 2, 3 and 7 bytes and 1- and 3-byte chunks.
 std::vector<ListLayout> const& list_layouts();
-// The layouts that stay affordable for payloads of hundreds of kilobytes.
+// Affordable for hundreds of kilobytes: one segment; pooled chunks; irregular pieces (1, 4, 2,
+// 9, 1, 100, 3, 4093, 5, 65536); 64-byte chunks with room behind the last segment.
 std::vector<ListLayout> const& large_list_layouts();
 
 }  // namespace zotest
