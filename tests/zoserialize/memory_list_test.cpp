@@ -1,6 +1,5 @@
-#include <algorithm>
+#include <array>
 #include <atomic>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +11,7 @@
 #include <string>
 #include <thread>
 #include <typeinfo>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -165,27 +165,24 @@ TEST(MemoryListTest, AppendingListsAndChunksSharesTheChunks) {
 TEST(MemoryListTest, EraseFrontAndResizeMoveTheWriteCursor) {
   struct Case {
     unsigned write_position;
-    void (*op)(MemoryListBaseType&);
+    char op;  // e: erase_front(n), r: resize(n), b: resize_to_chunk_boundary(n), c: clear()
+    unsigned n;
     char const* remaining;
     unsigned new_write_position;
   };
   Case const cases[] = {
-      {2, [](MemoryListBaseType& l) { l.erase_front(3); }, "3456789", 0},
-      {7, [](MemoryListBaseType& l) { l.erase_front(3); }, "3456789", 4},
-      {10, [](MemoryListBaseType& l) { l.erase_front(4); }, "456789", 6},
-      {4, [](MemoryListBaseType& l) { l.erase_front(10); }, "", 0},
-      {9, [](MemoryListBaseType& l) { l.resize(7); }, "0123456", 7},
-      {3, [](MemoryListBaseType& l) { l.resize(4); }, "0123", 3},
-      {10, [](MemoryListBaseType& l) { l.resize_to_chunk_boundary(8); }, "01234567", 8},
-      {5, [](MemoryListBaseType& l) { l.resize(0); }, "", 0},
-      {5, [](MemoryListBaseType& l) { l.clear(); }, "", 0},
-  };
+      {2, 'e', 3, "3456789", 0},   {7, 'e', 3, "3456789", 4}, {10, 'e', 4, "456789", 6},
+      {4, 'e', 10, "", 0},         {9, 'r', 7, "0123456", 7}, {3, 'r', 4, "0123", 3},
+      {10, 'b', 8, "01234567", 8}, {5, 'r', 0, "", 0},        {5, 'c', 0, "", 0}};
   for (Case const& c : cases) {
     MemoryListPtr const list = list_in_pieces("0123456789", {4});
     list->write_seek(c.write_position);
-    c.op(*list);
-    EXPECT_EQ(bytes_of(*list), c.remaining);
-    EXPECT_EQ(list->get_write_position(), c.new_write_position) << c.remaining;
+    c.op == 'e'   ? list->erase_front(c.n)
+    : c.op == 'r' ? list->resize(c.n)
+    : c.op == 'b' ? list->resize_to_chunk_boundary(c.n)
+                  : list->clear();
+    EXPECT_EQ(bytes_of(*list), c.remaining) << c.op << c.n;
+    EXPECT_EQ(list->get_write_position(), c.new_write_position) << c.op << c.n;
     EXPECT_TRUE(list->validate_size());
     EXPECT_EQ(list->empty(), list->segment_count() == 0);
     EXPECT_EQ(list->is_eof(list->begin_cursor()), list->empty());
@@ -194,7 +191,7 @@ TEST(MemoryListTest, EraseFrontAndResizeMoveTheWriteCursor) {
 
 // ---- Errors
 
-TEST(MemoryListTest, ElementAtOutsideTheListThrowsRangeError) {
+TEST(MemoryListTest, BadPositionsSizeLimitAndFactoriesWithoutStorageThrow) {
   MemoryListPtr const list = list_in_pieces("abcd", {2});
   EXPECT_EQ(list->element_at(3), 'd');
   for (unsigned pos : {4U, 5U, kToEnd}) {
@@ -203,9 +200,7 @@ TEST(MemoryListTest, ElementAtOutsideTheListThrowsRangeError) {
   }
   expect_std_error<std::range_error>([&] { MemoryList::create()->element_at(0); },
                                      "zoserialize::MemoryList: Invalid element offset");
-}
 
-TEST(MemoryListTest, GrowingBeyondTheSizeLimitThrowsLengthError) {
   struct Case {
     unsigned start_size;
     void (*grow)(MemoryListBaseType&);
@@ -213,40 +208,33 @@ TEST(MemoryListTest, GrowingBeyondTheSizeLimitThrowsLengthError) {
   Case const cases[] = {
       {kMaxSize - 1, [](MemoryListBaseType& l) { l.append("ab", 2); }},
       {kMaxSize, [](MemoryListBaseType& l) { l.push_back('x'); }},
-      {kMaxSize - 1,
-       [](MemoryListBaseType& l) {
-         l.write_seek(kMaxSize - 2);
-         l.write("abc", 3);
-       }},
+      {kMaxSize - 1, [](MemoryListBaseType& l) { l.write_seek(kMaxSize - 2), l.write("abc", 3); }},
       {kMaxSize, [](MemoryListBaseType& l) { l.get_append_write_ptr(nullptr, 1); }},
       {0, [](MemoryListBaseType& l) { l.resize(kToEnd); }},
       {0x80000000U, [](MemoryListBaseType& l) { l.append_list(l); }},
       {kMaxSize - 10, [](MemoryListBaseType& l) { l.append(create_memory_chunk(1), 0, 11); }},
   };
   for (Case const& c : cases) {
-    MemoryListPtr const list = MemoryList::create_with_factory(&same_chunk_factory);
-    list->resize(c.start_size);
-    expect_std_error<std::length_error>([&] { c.grow(*list); },
+    MemoryListPtr const big = MemoryList::create_with_factory(&same_chunk_factory);
+    big->resize(c.start_size);
+    expect_std_error<std::length_error>([&] { c.grow(*big); },
                                         "zoserialize::MemoryList: Size limit exceeded");
-    EXPECT_EQ(list->size(), c.start_size);
-    EXPECT_TRUE(list->validate_size());
+    EXPECT_EQ(big->size(), c.start_size);
+    EXPECT_TRUE(big->validate_size());
+    big->resize(kMaxSize - 1);
+    big->push_back('z');  // the last byte below the limit
+    EXPECT_EQ(big->element_at(kMaxSize - 1), 'z');
   }
-  MemoryListPtr const list = MemoryList::create_with_factory(&same_chunk_factory);
-  list->resize(kMaxSize - 1);
-  list->push_back('z');
-  EXPECT_EQ(list->element_at(kMaxSize - 1), 'z');
-}
 
-TEST(MemoryListTest, AFactoryWithoutStorageThrowsLogicError) {
   for (MemoryChunkFactory factory : {+[](unsigned) { return MemoryChunkPtr(); },
                                      +[](unsigned) { return impl::create_heap_memory_chunk(0); }}) {
-    MemoryListPtr const list = MemoryList::create_with_factory(factory);
-    for (auto const& grow : {+[](MemoryListBaseType& l) { l.append("a", 1); },
-                             +[](MemoryListBaseType& l) { l.resize(5); }}) {
-      expect_std_error<std::logic_error>(
-          [&] { grow(*list); }, "zoserialize::MemoryList: Chunk factory returned no storage");
-    }
-    EXPECT_EQ(list->size(), 0U);
+    MemoryListPtr const empty = MemoryList::create_with_factory(factory);
+    expect_std_error<std::logic_error>(
+        [&] { empty->append("a", 1); },
+        "zoserialize::MemoryList: Chunk factory returned no storage");
+    expect_std_error<std::logic_error>(
+        [&] { empty->resize(5); }, "zoserialize::MemoryList: Chunk factory returned no storage");
+    EXPECT_EQ(empty->size(), 0U);
   }
 }
 
@@ -469,38 +457,30 @@ struct Model {
   unsigned write_position = 0;
 };
 
-struct LooseChunk {
-  MemoryChunkPtr chunk;
-  std::string bytes;
-};
-
 unsigned size_of(std::string const& s) {
   return static_cast<unsigned>(s.size());
 }
 
 class ModelRun {
  public:
-  ModelRun(MemoryChunkFactory factory, unsigned seed, unsigned max_size)
-      : factory_(factory), rng_(seed), max_size_(max_size) {
+  ModelRun(MemoryChunkFactory factory, unsigned seed) : factory_(factory), rng_(seed) {
     for (Model& m : models_)
       m.list = MemoryList::create_with_factory(factory_);
   }
 
-  void run(unsigned steps) {
+  void run(unsigned steps, unsigned max_size) {
     for (unsigned step = 0; step < steps && !::testing::Test::HasFailure(); ++step) {
-      char const* const what = apply_random_operation();
+      char const* const what = apply_random_operation(max_size);
       SCOPED_TRACE(::testing::Message() << "step " << step << " after " << what);
       for (Model const& m : models_) {
-        MemoryListBaseType const& list = *m.list;
-        ASSERT_TRUE(list.validate_size());
-        ASSERT_EQ(list.size(), m.bytes.size());
-        ASSERT_EQ(list.get_write_position(), m.write_position);
-        ASSERT_TRUE(bytes_of(list) == m.bytes);
-        for (auto const& s : list)
+        ASSERT_TRUE(m.list->validate_size());
+        ASSERT_EQ(m.list->get_write_position(), m.write_position);
+        ASSERT_TRUE(bytes_of(*m.list) == m.bytes);
+        for (auto const& s : *m.list)
           ASSERT_TRUE(!s.empty() && s.last() <= s.chunk()->size());
       }
-      for (LooseChunk const& c : loose_)
-        ASSERT_EQ(std::string(c.chunk->data(), c.bytes.size()), c.bytes);
+      for (auto const& [chunk, bytes] : loose_)
+        ASSERT_EQ(std::string(chunk->data(), bytes.size()), bytes);
     }
   }
 
@@ -508,8 +488,7 @@ class ModelRun {
   unsigned pick(unsigned n) { return static_cast<unsigned>(rng_() % n); }
 
   unsigned length() {
-    unsigned const limits[] = {kToEnd, 4, 40, 400, 3000};
-    unsigned const limit = limits[pick(5)];
+    unsigned const limit = std::array<unsigned, 5>{kToEnd, 4, 40, 400, 3000}[pick(5)];
     return limit == kToEnd ? kToEnd : pick(limit);
   }
 
@@ -520,17 +499,16 @@ class ModelRun {
     return out;
   }
 
-  static std::string clipped(Model const& m, unsigned pos, unsigned length) {
-    std::size_t const start = std::min<std::size_t>(pos, m.bytes.size());
-    return m.bytes.substr(start, std::min<std::size_t>(length, m.bytes.size() - start));
+  static std::string clipped(std::string const& bytes, unsigned pos, unsigned length) {
+    return pos >= bytes.size() ? std::string() : bytes.substr(pos, length);
   }
 
-  static void model_write(Model& m, std::string const& data) {
+  static void write(Model& m, std::string const& data) {
     m.bytes.replace(m.write_position, data.size(), data);
     m.write_position += size_of(data);
   }
 
-  static void model_append(Model& m, std::string const& data) {
+  static void append(Model& m, std::string const& data) {
     m.bytes += data;
     m.write_position = size_of(m.bytes);
   }
@@ -542,38 +520,34 @@ class ModelRun {
   }
 
   // Bytes a list exposed by growing are unspecified: the model takes them from the list.
-  static void adopt_new_bytes(Model& m) {
-    std::string added(m.list->size() - size_of(m.bytes), '\0');
-    m.list->read_at(size_of(m.bytes), added.data(), size_of(added));
-    m.bytes += added;
-  }
+  static void adopt_new_bytes(Model& m) { m.bytes += bytes_of(*m.list).substr(m.bytes.size()); }
 
-  char const* apply_random_operation() {
+  char const* apply_random_operation(unsigned max_size) {
     Model& h = models_[pick(kModels)];
     Model& src = models_[pick(kModels)];  // may be h itself
-    if (size_of(h.bytes) > max_size_) {
-      erase_front(h, size_of(h.bytes) - max_size_ / 2);
+    if (size_of(h.bytes) > max_size) {
+      erase_front(h, size_of(h.bytes) - max_size / 2);
       return "erase_front(bound)";
     }
     unsigned const pos = pick(size_of(src.bytes) + 4);
     unsigned const len = length();
-    std::string data = clipped(src, pos, len);
-    unsigned const hpos = pick(size_of(h.bytes) + 4);
-    unsigned avail = 0;
-    switch (pick(26)) {
+    std::string data = clipped(src.bytes, pos, len);
+    unsigned const at = pick(size_of(h.bytes) + 4);
+    unsigned n = 0;
+    switch (pick(22)) {
       case 0:
         data = random_bytes(length() % 5000);
         h.list->append(data.data(), size_of(data));
-        model_append(h, data);
+        append(h, data);
         return "append";
       case 1:
         data = random_bytes(length() % 5000);
         h.list->write(data.data(), size_of(data));
-        model_write(h, data);
+        write(h, data);
         return "write";
       case 2:
-        h.write_position = std::min(hpos, size_of(h.bytes));
-        EXPECT_EQ(h.list->write_seek(hpos), h.write_position);
+        h.write_position = std::min(at, size_of(h.bytes));
+        EXPECT_EQ(h.list->write_seek(at), h.write_position);
         return "write_seek";
       case 3:
         erase_front(h, pick(size_of(h.bytes) + 5));
@@ -584,152 +558,102 @@ class ModelRun {
         return "resize(grow)";
       case 5:
         h.bytes.resize(pick(size_of(h.bytes) + 1));
-        h.list->resize(size_of(h.bytes));
+        pick(2) ? h.list->resize(size_of(h.bytes))
+                : h.list->resize_to_chunk_boundary(size_of(h.bytes));
         h.write_position = std::min(h.write_position, size_of(h.bytes));
         return "resize(shrink)";
       case 6:
-        avail = h.list->remaining_space_last_chunk();
+        n = h.list->remaining_space_last_chunk();
         h.list->resize_to_chunk_boundary(kToEnd);
-        EXPECT_GE(h.list->size(), size_of(h.bytes) + avail);
+        EXPECT_GE(h.list->size(), size_of(h.bytes) + n);
         EXPECT_EQ(h.list->remaining_space_last_chunk(), 0U);
         adopt_new_bytes(h);
         return "resize_to_chunk_boundary";
       case 7:
-        h = Model{pick(2) ? src.list->sublist(pos, len)
-                          : src.list->sublist(src.list->cursor_at(pos), len),
-                  data, size_of(data)};
+        h = {pick(2) ? src.list->sublist(pos, len)
+                     : src.list->sublist(src.list->cursor_at(pos), len),
+             data, size_of(data)};
         return "sublist";
       case 8:
-        h = Model{src.list->shallow_clone(), src.bytes, src.write_position};
+        h = {src.list->shallow_clone(), src.bytes, src.write_position};
         return "shallow_clone";
       case 9:
-        h = Model{src.list->deep_clone(pos, len), data, size_of(data)};
+        h = {src.list->deep_clone(pos, len), data, size_of(data)};
         for (auto const& segment : *h.list)
           EXPECT_TRUE(segment.chunk()->is_unique());
         return "deep_clone";
       case 10:
-        h.list->append_list(*src.list, pos, len);
-        model_append(h, data);
-        return "append_list(pos)";
+        pick(2) ? h.list->append_list(*src.list, pos, len)
+                : h.list->append(*src.list, src.list->cursor_at(pos), len);
+        append(h, data);
+        return "append_list";
       case 11:
-        if (pick(2)) {
-          h.list->append(*src.list, src.list->cursor_at(pos), len);
-        } else {
-          h.list->append_list(*src.list, src.list->cursor_at(pos), len);
-        }
-        model_append(h, data);
-        return "append_list(cursor)";
-      case 12:
         data = src.bytes;
-        h.list->append(*src.list);
-        model_append(h, data);
-        return "append(list)";
-      case 13:
-        if (pick(2)) {
-          h.list->append_defragmented(*src.list, pos, len);
-        } else {
-          h.list->append_list_defragmented(*src.list, src.list->cursor_at(pos), len);
-        }
-        model_append(h, data);
+        pick(2) ? h.list->append(*src.list) : h.list->append_defragmented(*src.list);
+        append(h, data);
+        return "append(whole list)";
+      case 12:
+        pick(2) ? h.list->append_defragmented(*src.list, pos, len)
+                : h.list->append_list_defragmented(*src.list, src.list->cursor_at(pos), len);
+        append(h, data);
         return "append_defragmented";
-      case 14:
-        if (pick(2)) {
-          h.list->write_defragmented(src.list.get(), pos, len);
-        } else {
-          h.list->write_list_defragmented(*src.list, src.list->cursor_at(pos), len);
-        }
-        model_write(h, data);
+      case 13:
+        pick(2) ? h.list->write_defragmented(src.list.get(), pos, len)
+                : h.list->write_list_defragmented(*src.list, src.list->cursor_at(pos), len);
+        write(h, data);
         return "write_defragmented";
-      case 15:
-        for (unsigned n = 1 + pick(40); n != 0; --n) {
+      case 14:
+        for (n = 1 + pick(40); n != 0; --n) {
           h.list->push_back(static_cast<char>(n));
-          model_append(h, std::string(1, static_cast<char>(n)));
+          append(h, std::string(1, static_cast<char>(n)));
         }
         return "push_back";
-      case 16: {
-        char* const p = h.list->get_append_write_ptr(&avail, pick(5000));
-        EXPECT_GT(avail, 0U);
-        EXPECT_TRUE((h.list->end() - 1)->chunk()->is_unique());
-        data = random_bytes(pick(std::min(avail, 600U) + 1));
+      case 15: {
+        char* const p = h.list->get_append_write_ptr(&n, pick(5000));
+        EXPECT_TRUE(n > 0 && (h.list->end() - 1)->chunk()->is_unique());
+        data = random_bytes(pick(std::min(n, 600U) + 1));
         std::copy(data.begin(), data.end(), p);
         h.list->commit_append_write(size_of(data));
-        model_append(h, data);
+        append(h, data);
         return "append_window";
       }
-      case 17:
-        if (pick(2)) {
-          h.list->clear();
-        } else {
-          h.list->resize(0);
-        }
-        h.bytes.clear();
-        h.write_position = 0;
+      case 16:
+        pick(2) ? h.list->clear() : h.list->resize(0);
+        h = {pick(2) ? h.list : MemoryList::create_with_factory(factory_), {}, 0};
         return "clear";
-      case 18:
+      case 17:
         data = random_bytes(pick(60));
-        avail = hpos >= size_of(h.bytes) ? 0 : std::min(size_of(data), size_of(h.bytes) - hpos);
-        EXPECT_EQ(h.list->overwrite_at(hpos, data.data(), size_of(data)), avail);
-        if (avail != 0) h.bytes.replace(hpos, avail, data.substr(0, avail));
+        n = at >= size_of(h.bytes) ? 0 : std::min(size_of(data), size_of(h.bytes) - at);
+        EXPECT_EQ(h.list->overwrite_at(at, data.data(), size_of(data)), n);
+        h.bytes.replace(std::min(at, size_of(h.bytes)), n, data.substr(0, n));
         return "overwrite_at";
-      case 19: {
+      case 18: {
         if (h.bytes.empty()) return "writable_ptr_at(empty)";
-        unsigned const at = hpos % size_of(h.bytes);
-        char* const p = h.list->writable_ptr_at(at, &avail);
-        EXPECT_TRUE(avail >= 1 && avail <= size_of(h.bytes) - at);
-        data = random_bytes(std::min(avail, 3U));
+        char* const p = h.list->writable_ptr_at(at % size_of(h.bytes), &n);
+        EXPECT_TRUE(n >= 1 && n <= size_of(h.bytes) - at % size_of(h.bytes));
+        data = random_bytes(std::min(n, 3U));
         std::copy(data.begin(), data.end(), p);
-        h.bytes.replace(at, data.size(), data);
+        h.bytes.replace(at % size_of(h.bytes), data.size(), data);
         return "writable_ptr_at";
       }
-      case 20: {
+      case 19: {
         MemoryChunkSegment const segment = src.list->get_range_as_segment(pos, len);
         EXPECT_TRUE(segment.size() == data.size() &&
                     (data.empty() || std::string(segment.data(), segment.size()) == data));
         h.list->append(segment);
-        model_append(h, data);
+        append(h, data);
         return "append(segment)";
       }
-      case 21: {
+      case 20: {
         // A chunk also held outside any list, appended to one: no write may reach it.
-        LooseChunk loose{create_memory_chunk(pick(3000)), {}};
-        loose.bytes = random_bytes(loose.chunk->size());
-        std::memcpy(loose.chunk->data(), loose.bytes.data(), loose.bytes.size());
-        unsigned const offset = pick(loose.chunk->size() + 2);
-        h.list->append(loose.chunk, offset, len);
-        model_append(h, loose.bytes.substr(std::min(offset, loose.chunk->size()), len));
-        loose_.push_back(std::move(loose));
+        auto& [chunk, bytes] = loose_.emplace_back(create_memory_chunk(pick(3000)), "");
+        bytes = random_bytes(chunk->size());
+        std::memcpy(chunk->data(), bytes.data(), bytes.size());
+        n = pick(chunk->size() + 2);
+        h.list->append(chunk, n, len);
+        append(h, clipped(bytes, n, len));
         if (loose_.size() > 6) loose_.erase(loose_.begin() + pick(7));
         return "append(chunk)";
-      }
-      case 22:
-        h = Model{MemoryList::create_with_factory(factory_), {}, 0};
-        return "replace";
-      case 23: {
-        LinearReader reader = h.list->reader(hpos, len);
-        std::string got;
-        char buffer[64];
-        while (!reader.is_eof()) {
-          if (pick(4) == 0) {
-            char const* p = reader.contiguous(&avail);
-            unsigned const n = std::min(avail, 1 + pick(avail));
-            got.append(p, n);
-            reader.skip(n);
-          } else {
-            got.append(buffer, reader.read(buffer, 1 + pick(64)));
-          }
-        }
-        EXPECT_TRUE(got == clipped(h, hpos, len));
-        return "reader";
-      }
-      case 24: {
-        std::string got;
-        for (auto it = h.list->segment_read_iterator(h.list->cursor_at(hpos), len); !it.at_end();
-             ++it) {
-          EXPECT_GT(it.size(), 0U);
-          got.append(it.data(), it.size());
-        }
-        EXPECT_TRUE(got == clipped(h, hpos, len));
-        return "segment_read_iterator";
       }
       default:
         h.list->copy_from(*src.list);
@@ -742,17 +666,13 @@ class ModelRun {
   static constexpr unsigned kModels = 5;
   MemoryChunkFactory factory_;
   std::mt19937 rng_;
-  unsigned max_size_;
   Model models_[kModels];
-  std::vector<LooseChunk> loose_;
+  std::vector<std::pair<MemoryChunkPtr, std::string>> loose_;
 };
 
-TEST(MemoryListModelTest, RandomOperationsOnListsSharingPooledChunks) {
-  ModelRun(&create_memory_chunk, 20240601, 40000).run(20000);
-}
-
-TEST(MemoryListModelTest, RandomOperationsOnListsWithManySmallSegments) {
-  ModelRun(&small_chunk_factory, 77, 6000).run(10000);
+TEST(MemoryListModelTest, RandomOperationsOnListsSharingChunks) {
+  ModelRun(&create_memory_chunk, 20240601).run(20000, 40000);
+  ModelRun(&small_chunk_factory, 77).run(10000, 6000);
 }
 
 // ---- Release after the pools are gone
@@ -784,13 +704,12 @@ TEST(MemoryListDeathTest, ListsAndChunksReleasedAfterThePoolsAreDeleted) {
 
 // ---- Threads
 
-// Lists and chunks travel between threads through shared queues; a list object that is shared is
-// cloned before writing, chunks are shared and cloned on write. Every holder's bytes must stay
-// what it wrote.
+// Lists travel between threads through a shared queue, so list objects and chunks are released,
+// pooled and taken again on every thread. A holder writes only into a list object nobody else
+// holds (cloning it first), and chunks are copied on write: every holder keeps its bytes.
 TEST(MemoryThreadsTest, ListsAndChunksSharedBetweenThreadsStayIntact) {
   std::mutex mutex;
-  std::vector<Model> lists;
-  std::vector<LooseChunk> chunks;
+  std::vector<Model> queue;
   std::atomic<int> failures{0};
   auto check = [&](Model const& m) {
     if (bytes_of(*m.list) != m.bytes || !m.list->validate_size()) ++failures;
@@ -798,73 +717,48 @@ TEST(MemoryThreadsTest, ListsAndChunksSharedBetweenThreadsStayIntact) {
   auto worker = [&](unsigned seed) {
     std::mt19937 rng(seed);
     auto pick = [&](std::size_t n) { return static_cast<unsigned>(rng() % n); };
-    std::vector<Model> mine;
-    for (int step = 0; step < 3000; ++step) {
+    std::vector<Model> mine = {{list_of("seed"), "seed"}};
+    for (int step = 0; step < 6000; ++step) {
       std::string const data = pattern_string(rng(), pick(5000));
-      Model* const m = mine.empty() ? nullptr : &mine[pick(mine.size())];
-      unsigned const pos = m ? pick(m->bytes.size() + 1) : 0;
-      switch (pick(7)) {
-        case 0:
+      Model& m = mine[pick(mine.size())];
+      unsigned const pos = pick(m.bytes.size() + 1);
+      switch (pick(6)) {
+        case 0: {  // publish a list this thread keeps holding too, or take one
+          std::lock_guard<std::mutex> lock(mutex);
+          if (pick(2)) {
+            queue.push_back(m);
+          } else if (!queue.empty()) {
+            mine.push_back(std::move(queue.front()));
+            queue.erase(queue.begin());
+          }
+          if (queue.size() > 32) queue.erase(queue.begin());
+          break;
+        }
+        case 1:
+          if (!m.list->is_unique()) m.list = m.list->shallow_clone();
+          if (pick(2)) {
+            m.list->write_seek(pos);
+            m.list->write(data.data(), size_of(data));
+            m.bytes.replace(pos, data.size(), data);
+          } else {
+            m.list->erase_front(pos);
+            m.bytes.erase(0, pos);
+          }
+          check(m);
+          break;
+        case 2:
+          mine.push_back({pick(2) ? m.list->sublist(pos, 4000) : m.list->deep_clone(pos, 4000),
+                          m.bytes.substr(pos, 4000)});
+          break;
+        case 3:
           mine.push_back({list_of(data), data});
           break;
-        case 1: {  // publish a list this thread keeps holding too, or take one
-          std::lock_guard<std::mutex> lock(mutex);
-          if (m && pick(2)) {
-            lists.push_back(*m);
-          } else if (!lists.empty()) {
-            mine.push_back(std::move(lists.front()));
-            lists.erase(lists.begin());
-          }
-          if (lists.size() > 32) lists.erase(lists.begin());
-          break;
-        }
-        case 2:
-          if (!m) break;
-          if (!m->list->is_unique()) m->list = m->list->shallow_clone();
-          if (pick(3) == 0) {
-            m->list->erase_front(pos);
-            m->bytes.erase(0, pos);
-          } else if (pick(2)) {
-            m->list->write_seek(pos);
-            m->list->write(data.data(), size_of(data));
-            m->bytes.replace(pos, data.size(), data);
-          } else {
-            m->list->append(data.data(), size_of(data));
-            m->bytes += data;
-          }
-          check(*m);
-          break;
-        case 3:  // derive lists sharing the chunks, or copying them
-          if (!m) break;
-          mine.push_back({pick(2) ? m->list->sublist(pos, 4000) : m->list->deep_clone(pos, 4000),
-                          m->bytes.substr(pos, 4000)});
-          check(mine.back());
-          break;
-        case 4: {  // chunks on their own: publish, or read and clone one still shared
-          std::unique_lock<std::mutex> lock(mutex);
-          if (pick(2)) {
-            LooseChunk c{create_memory_chunk(pick(70000)), data.substr(0, 64)};
-            std::memcpy(c.chunk->data(), c.bytes.data(), c.bytes.size());
-            chunks.push_back(std::move(c));
-            if (chunks.size() > 32) chunks.erase(chunks.begin());
-          } else if (!chunks.empty()) {
-            LooseChunk const taken = chunks[pick(chunks.size())];
-            lock.unlock();
-            MemoryChunkPtr const copy = taken.chunk->clone_range(0, size_of(taken.bytes));
-            if (std::string(taken.chunk->data(), taken.bytes.size()) != taken.bytes ||
-                std::string(copy->data(), taken.bytes.size()) != taken.bytes) {
-              ++failures;
-            }
-          }
-          break;
-        }
-        case 5:
-          if (m) mine.erase(mine.begin() + (m - mine.data()));
+        case 4:
+          if (mine.size() > 1) mine.erase(mine.begin() + pick(mine.size()));
           break;
         default:
           for (Model const& each : mine)
             check(each);
-          break;
       }
       if (mine.size() > 12) mine.erase(mine.begin());
     }
@@ -874,7 +768,7 @@ TEST(MemoryThreadsTest, ListsAndChunksSharedBetweenThreadsStayIntact) {
     threads.emplace_back(worker, seed);
   for (std::thread& t : threads)
     t.join();
-  for (Model const& m : lists)
+  for (Model const& m : queue)
     check(m);
   EXPECT_EQ(failures, 0);
 }

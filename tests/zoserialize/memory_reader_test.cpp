@@ -223,38 +223,6 @@ TEST(MemoryReaderTest, RandomDocumentsRoundTripOverEveryLayoutAndFailWhenCut) {
 
 // ---- Every tag byte, against the stream reader --------------------------------------------------
 
-// What one operation did: the value it read or its failure, and where the reader stood after it.
-struct Outcome {
-  bool ok = false;
-  std::string value, code, message;
-  std::map<std::string, std::string> params;
-  std::uint64_t position = 0;
-};
-
-std::ostream& operator<<(std::ostream& os, Outcome const& o) {
-  if (o.ok) return os << "ok " << o.value << " at " << o.position;
-  os << o.code << " \"" << o.message << "\"";
-  for (auto const& [name, value] : o.params)
-    os << ' ' << name << '=' << value;
-  return os;
-}
-
-template <class R>
-Outcome run(R& reader, std::function<std::string(Reader&)> const& op) {
-  Outcome o;
-  try {
-    o.value = op(reader);
-    o.ok = true;
-  } catch (zocore::ErrorException const& e) {
-    o.code = std::string(e.info()->code().view());
-    o.message = std::string(e.info()->message().view());
-    for (auto const& [name, value] : e.info()->params())
-      o.params[std::string(name.view())] = value;
-  }
-  o.position = reader.position();
-  return o;
-}
-
 constexpr char kTypeMismatch[] =
     "Current tag has unexpected type prefix.  Expected={@expectedType}, Actual={@actualType} "
     "(ActualTag={@actualTag})";
@@ -270,77 +238,26 @@ constexpr char kEofError[] =
     "End of data reached reading from source.  ExpectedBytes={@expected}, ReadBytes={@actual}";
 constexpr char kNoMarkers[] = "No markers are currently open";
 
-void expect_same_outcome(Outcome stream, Outcome const& memory) {
-  if (memory.ok) {
-    EXPECT_TRUE(stream.ok) << "stream reader: " << stream << ", memory reader: " << memory;
-    EXPECT_EQ(stream.value, memory.value);
-    EXPECT_EQ(stream.position, memory.position);
-    return;
-  }
-  // The memory reader checks marker sizes and lengths against the data at once, and walks a
-  // chunked payload when it hands out its stream: the stream reader runs into the end, or into
-  // whatever bad byte comes first, later (and accepts a marker whose end tag comes early). Which
-  // of two faults of a text is found first depends on where the validator's pieces are cut.
-  if (memory.message == kMarkerSize) return;
-  EXPECT_FALSE(stream.ok) << "stream reader: " << stream << ", memory reader: " << memory;
-  if (memory.message == kBlobLength || memory.message == kEofError) return;
-  if (memory.code == "error.zocore.utf8" || stream.code == "error.zocore.utf8") return;
-  // The stream reader's words for the same failures.
-  if (stream.message == "Unable to read tag byte, reader is EOF") stream.message = kTagAtEnd;
-  if (stream.message.starts_with("Invalid tag in chunked element.")) stream.message = kTypeMismatch;
-  if (stream.message.starts_with("Unexpected tag.  Expecting chunk continuation or end tag.")) {
-    stream.message = kUnexpectedTag;
-    stream.params = {{"tagType", stream.params["type"]}, {"tagValue", stream.params["value"]}};
-  }
-  EXPECT_EQ(stream.code, memory.code) << "stream reader: " << stream << ", memory: " << memory;
-  EXPECT_EQ(stream.message, memory.message);
-  EXPECT_EQ(stream.params, memory.params);
-}
-
-std::string hex_of(IReadStream& stream) {
-  return zotest::hex(zotest::read_all(stream, 3));
-}
-
-// Reads one element with the operation of type prefix `index` and describes the value.
-std::string read_by_prefix(Reader& r, unsigned index) {
-  std::string out;
-  switch (index) {
-    case 1:
-      return r.read_bool() ? "true" : "false";
-    case 2:
-      return std::to_string(r.read_int64());
-    case 3:
-      return std::to_string(r.read_uint64());
-    case 4:
-      return std::to_string(std::bit_cast<std::uint64_t>(r.read_double()));
-    case 5:
-      return zotest::hex(r.read_string());
-    case 6:
-      return std::to_string(r.read_absolute_time().count());
-    case 7:
-      return std::to_string(r.read_relative_time().count());
-    case 8:
-      return r.read_uuid().as_string();
-    case 9:
-      return hex_of(*r.read_binary());
-    case 10:
-      out = "hint " + std::to_string(r.read_sequence_start());
-      while (r.read_sequence_next()) {
-        r.skip_element();
-        out += " element";
-      }
-      return out;
-    case 11:
-      r.read_marker_start();
-      while (!r.read_marker_is_end()) {
-        r.skip_element();
-        out += " element";
-      }
-      r.read_marker_end();
-      return "marker" + out;
-    default:
-      r.read_null();
-      return "null";
+// What `op` did: "ok", its value and the position after it, or the failure's code, message and
+// parameters, where the stream reader's words for the failures both readers share are replaced
+// by the memory reader's.
+template <class R>
+std::string outcome(R& reader, std::function<std::string(Reader&)> const& op) {
+  try {
+    std::string const value = op(reader);
+    return "ok " + value + " at " + std::to_string(reader.position());
+  } catch (zocore::ErrorException const& e) {
+    std::string message(e.info()->message().view());
+    bool const chunk_tag = message.starts_with("Unexpected tag.  Expecting chunk continuation");
+    if (message == "Unable to read tag byte, reader is EOF") message = kTagAtEnd;
+    if (message.starts_with("Invalid tag in chunked element.")) message = kTypeMismatch;
+    if (chunk_tag) message = kUnexpectedTag;
+    std::string out = std::string(e.info()->code().view()) + " \"" + message + "\"";
+    for (auto const& [name, value] : e.info()->params()) {
+      std::string const key(name.view());
+      out += " " + (chunk_tag ? key == "type" ? "tagType" : "tagValue" : key) + "=" + value;
+    }
+    return out;
   }
 }
 
@@ -383,32 +300,40 @@ class MemoryReaderTagTest : public ::testing::TestWithParam<int> {};
 
 TEST_P(MemoryReaderTagTest, EveryOperationAgreesWithTheStreamReader) {
   auto const tag = static_cast<unsigned>(GetParam());
-  std::vector<std::function<std::string(Reader&)>> ops = {
+  std::function<std::string(Reader&)> const ops[] = {
       [](Reader& r) { return std::to_string(static_cast<int>(r.next_token())); },
-      [tag](Reader& r) { return read_by_prefix(r, tag >> 4); },
       [](Reader& r) {
         r.skip_element();
-        return std::string("skipped");
+        return std::string();
       },
       [](Reader& r) { return zotest::hex(copy_all(r)); },
-  };
-  if ((tag & 0xF0) == 0x50)
-    ops.emplace_back([](Reader& r) { return hex_of(*r.read_string_stream()); });
-  if ((tag & 0xF0) == 0x90) {
-    ops.emplace_back([](Reader& r) {
-      auto* memory = dynamic_cast<MemoryReader*>(&r);
-      return memory ? zotest::hex(bytes_of(*memory->read_binary_as_memory_list()))
-                    : hex_of(*r.read_binary());
-    });
-  }
+      [tag](Reader& r) {
+        auto* const memory = dynamic_cast<MemoryReader*>(&r);
+        if ((tag & 0xF0) == 0x50) return zotest::hex(zotest::read_all(*r.read_string_stream(), 3));
+        if ((tag & 0xF0) != 0x90) return std::string();
+        return zotest::hex(memory ? bytes_of(*memory->read_binary_as_memory_list())
+                                  : zotest::read_all(*r.read_binary(), 3));
+      }};
   for (std::string const& tail : tails()) {
     std::string const data = std::string(1, static_cast<char>(tag)) + tail;
-    SCOPED_TRACE(::testing::Message() << "element " << zotest::hex(data.substr(0, 16)));
-    for (std::size_t i = 0; i < ops.size(); ++i) {
-      Outcome const expected = run(*stream_reader_of(data), ops[i]);
+    for (auto const& op : ops) {
+      std::string const stream = outcome(*stream_reader_of(data), op);
       for (MemoryListPtr const& list : {list_of(data), list_in_pieces(data, {1})}) {
         MemoryReader reader{ConstMemoryListPtr(list)};
-        expect_same_outcome(expected, run(reader, ops[i]));
+        std::string const memory = outcome(reader, op);
+        SCOPED_TRACE(zotest::hex(data.substr(0, 16)) + "\nstream reader: " + stream +
+                     "\nmemory reader: " + memory);
+        // The memory reader checks marker sizes and lengths against the data at once and walks a
+        // chunked payload when it hands out its stream: the stream reader runs into the end, or
+        // into another bad byte, later (and accepts a marker whose end tag comes early). Which of
+        // two faults of a text is found first depends on where the validator's pieces are cut.
+        if (memory.find(kMarkerSize) != std::string::npos) continue;
+        EXPECT_EQ(stream.starts_with("ok"), memory.starts_with("ok"));
+        if (memory.find(kBlobLength) == std::string::npos &&
+            memory.find(kEofError) == std::string::npos &&
+            (memory + stream).find("error.zocore.utf8") == std::string::npos) {
+          EXPECT_EQ(stream, memory);
+        }
       }
     }
   }
@@ -419,7 +344,8 @@ TEST_P(MemoryReaderTagTest, EveryOperationAgreesWithTheStreamReader) {
                                     error::zoserialize_reader_data_type_mismatch, kTypeMismatch);
   ASSERT_TRUE(info);
   EXPECT_EQ(zotest::param(info, "expectedType"), is_bool ? "Null" : "Boolean");
-  EXPECT_EQ(zotest::param(info, "actualType"), zoserialize::impl::type_prefix_name(int(tag)));
+  EXPECT_EQ(zotest::param(info, "actualType"),
+            zoserialize::impl::type_prefix_name(static_cast<int>(tag)));
   EXPECT_EQ(zotest::param(info, "actualTag"), std::to_string(tag));
   EXPECT_EQ(reader.position(), 0U);
 }
