@@ -1,114 +1,111 @@
+#include <cctype>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include <gtest/gtest.h>
 
 #include <support/error_matchers.h>
 #include <zocore/base64.h>
 #include <zocore/core_errors.h>
+#include <zocore/hex.h>
 
 namespace {
 
-constexpr char kInvalid[] = "Invalid base64 text at offset {@offset}";
-
-struct Vector {
-  char const* data;
-  char const* padded;
-  char const* unpadded;
+// RFC 4648, section 10: data, base64 padded and unpadded, base16 (hex) in either case.
+std::tuple<std::string, std::string, std::string, std::string> const kRfcVectors[] = {
+    {"", "", "", ""},
+    {"f", "Zg==", "Zg", "66"},
+    {"fo", "Zm8=", "Zm8", "666F"},
+    {"foo", "Zm9v", "Zm9v", "666F6f"},
+    {"foob", "Zm9vYg==", "Zm9vYg", "666F6f62"},
+    {"fooba", "Zm9vYmE=", "Zm9vYmE", "666F6f6261"},
+    {"foobar", "Zm9vYmFy", "Zm9vYmFy", "666F6f626172"},
 };
 
-// RFC 4648, section 10.
-constexpr Vector kRfcVectors[] = {
-    {"", "", ""},
-    {"f", "Zg==", "Zg"},
-    {"fo", "Zm8=", "Zm8"},
-    {"foo", "Zm9v", "Zm9v"},
-    {"foob", "Zm9vYg==", "Zm9vYg"},
-    {"fooba", "Zm9vYmE=", "Zm9vYmE"},
-    {"foobar", "Zm9vYmFy", "Zm9vYmFy"},
-};
-
-class Base64VectorTest : public ::testing::TestWithParam<Vector> {};
-
-TEST_P(Base64VectorTest, EncodesBothForms) {
-  std::string const data = GetParam().data;
-  EXPECT_EQ(zocore::base64_encode(data.data(), data.size()), GetParam().padded);
-  EXPECT_EQ(zocore::base64_encode(data.data(), data.size(), false), GetParam().unpadded);
-  EXPECT_EQ(zocore::base64_encoded_size(data.size()), std::string(GetParam().padded).size());
-  EXPECT_EQ(zocore::base64_encoded_size(data.size(), false),
-            std::string(GetParam().unpadded).size());
-}
-
-TEST_P(Base64VectorTest, EncodeIntoBufferWritesExactlyTheSize) {
-  std::string const data = GetParam().data;
-  std::string out(16, '#');
-  std::size_t const n = zocore::base64_encode(data.data(), data.size(), out.data());
-  EXPECT_EQ(out.substr(0, n), GetParam().padded);
-  EXPECT_EQ(out.substr(n), std::string(16 - n, '#'));
-}
-
-TEST_P(Base64VectorTest, DecodesBothForms) {
-  EXPECT_EQ(zocore::base64_decode(GetParam().padded), GetParam().data);
-  EXPECT_EQ(zocore::base64_decode(GetParam().unpadded), GetParam().data);
-}
-
-INSTANTIATE_TEST_SUITE_P(Rfc4648, Base64VectorTest, ::testing::ValuesIn(kRfcVectors));
-
-TEST(Base64Test, FullAlphabetAndEveryByteValue) {
+std::string all_bytes() {
   std::string all;
   for (int i = 0; i < 256; ++i)
     all.push_back(static_cast<char>(i));
+  return all;
+}
+
+TEST(Base64Test, Rfc4648VectorsInBothFormsAndIntoABuffer) {
+  for (auto const& [data, padded, unpadded, hex] : kRfcVectors) {
+    EXPECT_EQ(zocore::base64_encode(data.data(), data.size()), padded);
+    EXPECT_EQ(zocore::base64_encode(data.data(), data.size(), false), unpadded);
+    EXPECT_EQ(zocore::base64_encoded_size(data.size()), padded.size());
+    EXPECT_EQ(zocore::base64_encoded_size(data.size(), false), unpadded.size());
+    std::string out(16, '#');
+    out.resize(zocore::base64_encode(data.data(), data.size(), out.data()) + 1);
+    EXPECT_EQ(out, padded + "#");
+    EXPECT_EQ(zocore::base64_decode(padded), data);
+    EXPECT_EQ(zocore::base64_decode(unpadded), data);
+  }
+  std::string const all = all_bytes();
   std::string const encoded = zocore::base64_encode(all.data(), all.size());
   EXPECT_EQ(encoded.substr(0, 24), "AAECAwQFBgcICQoLDA0ODxAR");
   EXPECT_EQ(encoded.substr(encoded.size() - 8), "/P3+/w==");
   EXPECT_EQ(zocore::base64_decode(encoded), all);
-
   std::string const alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string const decoded = zocore::base64_decode(alphabet);
   EXPECT_EQ(zocore::base64_encode(decoded.data(), decoded.size()), alphabet);
 }
 
-TEST(Base64Test, RoundTripsEveryTailLength) {
-  for (std::size_t size = 0; size <= 20; ++size) {
-    std::string data;
-    for (std::size_t i = 0; i < size; ++i)
-      data.push_back(static_cast<char>(0xF7 - 13 * i));
-    for (bool pad : {true, false}) {
-      std::string const text = zocore::base64_encode(data.data(), data.size(), pad);
-      EXPECT_EQ(text.size(), zocore::base64_encoded_size(size, pad));
-      EXPECT_EQ(zocore::base64_decode(text), data) << "size " << size << " pad " << pad;
-    }
+TEST(Base64Test, InvalidTextIsRejectedWithItsOffset) {
+  // Characters outside the alphabet (URL-safe ones and whitespace too), a lone final character,
+  // misplaced, incomplete or followed padding, and bits beyond the last byte that are not zero.
+  // clang-format off
+  std::pair<char const*, std::size_t> const cases[] = {
+      {"Zm9v!mFy", 4}, {"Zm9vYmF-", 7}, {"Zm9_", 3}, {"Zm9v YmFy", 4}, {"Zm9v\n", 4},
+      {"\xC3\xA9", 0}, {"!=", 0}, {"Z", 1}, {"Zm9vY", 5}, {"Zm9vY===", 5}, {"Zm9vY=", 5}, {"=", 0},
+      {"====", 0}, {"Zm9v=", 4}, {"Zm9v====", 4}, {"Zg=", 3}, {"Zg=A", 3}, {"Zg===", 4},
+      {"Zm8==", 4}, {"Zg==Zg==", 4}, {"Zm8=Zm8=", 4}, {"Zh==", 1}, {"Zh", 1}, {"Zm9=", 2},
+      {"Zm9", 2}, {"Zm9vYmF=", 6},
+  };
+  // clang-format on
+  for (auto const& [text, offset] : cases) {
+    auto const info = ZO_EXPECT_ERROR(zocore::base64_decode(text), zocore::error::zocore_format,
+                                      "Invalid base64 text at offset {@offset}");
+    ASSERT_TRUE(info) << text;
+    EXPECT_EQ(zotest::param(info, "offset"), std::to_string(offset)) << text;
+    EXPECT_EQ(info->location().function().view(), "zocore::base64_decode()");
   }
 }
 
-struct Reject {
-  char const* text;
-  std::size_t offset;
-};
-
-class Base64RejectTest : public ::testing::TestWithParam<Reject> {};
-
-TEST_P(Base64RejectTest, ThrowsWithOffset) {
-  auto const info = ZO_EXPECT_ERROR(zocore::base64_decode(GetParam().text),
-                                    zocore::error::zocore_format, kInvalid);
-  ASSERT_TRUE(info);
-  EXPECT_EQ(zotest::param(info, "offset"), std::to_string(GetParam().offset));
-  EXPECT_EQ(info->location().function().view(), "zocore::base64_decode()");
+TEST(HexTest, EncodesLowercaseAndDecodesEitherCase) {
+  for (auto const& [data, padded, unpadded, hex] : kRfcVectors) {
+    std::string lower = hex;
+    for (char& c : lower)
+      c = static_cast<char>(std::tolower(c));
+    EXPECT_EQ(zocore::hex_encode(data), lower);
+    EXPECT_EQ(zocore::hex_decode(hex), data);
+  }
+  std::string const all = all_bytes();
+  std::string buffer(514, '#');
+  zocore::hex_encode(all.data(), all.size(), buffer.data());
+  EXPECT_EQ(buffer.substr(0, 8) + buffer.substr(504), "00010203fcfdfeff##");
+  EXPECT_EQ(zocore::hex_decode(buffer.substr(0, 512)), all);
+  std::string const digits = "0123456789abcdef";
+  for (int c = 0; c < 256; ++c) {
+    std::size_t const value = digits.find(static_cast<char>(std::tolower(c)));
+    EXPECT_EQ(zocore::hex_digit_value(static_cast<char>(c)),
+              value == std::string::npos ? -1 : static_cast<int>(value))
+        << c;
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Texts, Base64RejectTest,
-    ::testing::Values(
-        // Characters outside the alphabet, including the URL-safe ones and whitespace.
-        Reject{"Zm9v!mFy", 4}, Reject{"Zm9v!!!!", 4}, Reject{"Zm9vYmF-", 7}, Reject{"Zm9_", 3},
-        Reject{"Zm9v YmFy", 4}, Reject{"Zm9v\n", 4}, Reject{"\xC3\xA9", 0}, Reject{"!=", 0},
-        // A lone final character cannot make a byte.
-        Reject{"Z", 1}, Reject{"Zm9vY", 5}, Reject{"Zm9vY===", 5}, Reject{"Zm9vY=", 5},
-        // Padding in the wrong place, incomplete, or followed by more text.
-        Reject{"=", 0}, Reject{"====", 0}, Reject{"Zm9v=", 4}, Reject{"Zm9v====", 4},
-        Reject{"Zg=", 3}, Reject{"Zg=A", 3}, Reject{"Zg===", 4}, Reject{"Zm8==", 4},
-        Reject{"Zg==Zg==", 4}, Reject{"Zm8=Zm8=", 4}, Reject{"Zg=9", 3},
-        // Bits beyond the last byte must be zero.
-        Reject{"Zh==", 1}, Reject{"Zh", 1}, Reject{"Zm9=", 2}, Reject{"Zm9", 2},
-        Reject{"Zm9vYmF=", 6}));
+TEST(HexTest, InvalidTextIsRejectedWithItsOffset) {
+  for (auto const& [text, offset] :
+       {std::pair{"g0", 0}, std::pair{"0g", 1}, std::pair{"00 11", 2}, std::pair{"0x10", 1},
+        std::pair{"abcdeG", 5}, std::pair{"a", 1}, std::pair{"abc", 3}, std::pair{"abz", 2},
+        std::pair{"ab\xC3\xA9", 2}, std::pair{"-1", 0}}) {
+    auto const info = ZO_EXPECT_ERROR(zocore::hex_decode(text), zocore::error::zocore_format,
+                                      "Invalid hexadecimal text at offset {@offset}");
+    ASSERT_TRUE(info) << text;
+    EXPECT_EQ(zotest::param(info, "offset"), std::to_string(offset)) << text;
+    EXPECT_EQ(info->location().function().view(), "zocore::hex_decode()");
+  }
+}
 
 }  // namespace

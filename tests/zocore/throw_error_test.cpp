@@ -1,102 +1,92 @@
+#include <cstdint>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include <support/error_matchers.h>
 #include <zocore/core_errors.h>
+#include <zocore/error_composer.h>
 #include <zocore/throw_error.h>
 
 namespace {
 
-using zocore::ErrorCode;
-using zocore::ErrorInfo;
-using zocore::ErrorParams;
-using zocore::SourceLocation;
-using zocore::SourceString;
+using zocore::ErrorComposer;
 
 constexpr char kFile[] = "$Id: tests/zocore/throw_error_test.cpp $";
-constinit ErrorCode const kCode("error.test.throw", true);  // NOLINT(cert-err58-cpp)
+constinit zocore::ErrorCode const kCode("error.test.throw", true);  // NOLINT(cert-err58-cpp)
+zocore::SourceLocation const kHere("ns::C::f()", kFile, 10);
 
-void expect_location(zotest::ErrorPtr const& info, char const* function, unsigned line) {
-  ASSERT_TRUE(info);
-  EXPECT_EQ(info->location().function().view(), function);
-  EXPECT_EQ(info->location().file().view(), kFile);
-  EXPECT_EQ(info->location().line(), line);
-}
-
-TEST(ThrowErrorTest, PlainFormCarriesCodeMessageAndLocation) {
-  static char const kMessage[] = "Plain failure";
-  auto const info = ZO_EXPECT_ERROR(
-      zocore::throw_error(kCode, kMessage, SourceLocation("ns::plain()", kFile, 10)), kCode,
-      "Plain failure");
-  expect_location(info, "ns::plain()", 10);
-  ASSERT_TRUE(info);
-  EXPECT_EQ(info->message().data(), kMessage);  // kept, not copied
-  EXPECT_TRUE(info->params().empty());
-  EXPECT_FALSE(info->nested());
-  EXPECT_EQ(info->nested_errno(), 0);
-}
-
-TEST(ThrowErrorTest, ParameterFormRendersTheMessage) {
-  ErrorParams params;
+// Every form keeps the code, the message template and the location, renders the parameters, and
+// nests the given cause or an errno record made at the same location.
+TEST(ThrowErrorTest, EveryFormBuildsItsRecord) {
+  static char const kPlain[] = "Plain failure";
+  auto const cause = zocore::ErrorInfo::create(kCode, {}, {}, {});
+  zocore::ErrorParams params;
   params.set("maxBits", 512).set("actualBits", 520);
-  auto const info =
-      ZO_EXPECT_ERROR(zocore::throw_error(kCode, "Max={@maxBits}bits, Given={@actualBits}bits",
-                                          params, SourceLocation("ns::params()", kFile, 20)),
-                      kCode, "Max={@maxBits}bits, Given={@actualBits}bits");
-  expect_location(info, "ns::params()", 20);
-  EXPECT_EQ(zotest::param(info, "maxBits"), "512");
-  EXPECT_EQ(zotest::param(info, "actualBits"), "520");
-  ASSERT_TRUE(info);
-  EXPECT_EQ(info->rendered(), "Max=512bits, Given=520bits");
+  constexpr char kWithParams[] = "Max={@maxBits}bits, Given={@actualBits}bits";
+  constexpr char kKinds[] = "{@count} of {@size} from '{@name}', {@ratio} {@path} {@id}";
+  ErrorComposer composer(kKinds);
+  EXPECT_EQ(&composer.add("count", 12), &composer);
+  composer.add("size", 4096u).add("name", "archive").add("ratio", 0.25);
+  composer.add("path", std::string("/tmp/x")).add("id", std::uint64_t{1} << 40);
+  struct Case {
+    std::function<void()> call;
+    char const* message;
+    std::string rendered;
+    std::string nested;  // "cause", "code@function" of the nested record, or ""
+    int err = 0;
+  };
+  std::vector<Case> cases = {
+      {[&] { zocore::throw_error(kCode, kPlain, kHere); }, kPlain, kPlain, ""},
+      {[&] { zocore::throw_error(kCode, kWithParams, params, kHere); }, kWithParams,
+       "Max=512bits, Given=520bits", ""},
+      {[&] { zocore::throw_error(kCode, "Outer {@maxBits}", params, kHere, cause); },
+       "Outer {@maxBits}", "Outer 512", "cause"},
+      {[&] { composer.throw_error(kCode, kHere); }, kKinds,
+       "12 of 4096 from 'archive', 0.25 /tmp/x 1099511627776", ""},
+      {[&] { ErrorComposer("Outer {@n}").add("n", 3).throw_error(kCode, kHere, cause); },
+       "Outer {@n}", "Outer 3", "cause"},
+  };
+  for (int const err : {22, 34}) {
+    cases.push_back({[=] { zocore::throw_with_nested_errno(kCode, "Out of range", kHere, err); },
+                     "Out of range", "Out of range", "error.zocore.errno@ns::C::f()", err});
+    cases.push_back(
+        {[=] { ErrorComposer("{@n}").add("n", 5).throw_with_nested_errno(kCode, kHere, err); },
+         "{@n}", "5", "error.zocore.errno@ns::C::f()", err});
+  }
+  for (Case const& c : cases) {
+    auto const info = ZO_EXPECT_ERROR(c.call(), kCode, c.message);
+    ASSERT_TRUE(info) << c.message;
+    EXPECT_EQ(info->location().function().view(), "ns::C::f()");
+    EXPECT_EQ(info->location().file().view(), kFile);
+    EXPECT_EQ(info->location().line(), 10u);
+    EXPECT_EQ(info->rendered(), c.rendered);
+    EXPECT_EQ(info->nested_errno(), c.err);
+    auto const& nested = info->nested();
+    EXPECT_EQ(!nested ? ""
+              : nested == cause
+                  ? "cause"
+                  : std::string(nested->code().view()) + "@" + nested->location().function().str(),
+              c.nested);
+  }
+  auto const info = ZO_EXPECT_ERROR(zocore::throw_error(kCode, kPlain, kHere), kCode, kPlain);
+  EXPECT_EQ(info ? info->message().data() : nullptr, kPlain);  // kept, not copied
 }
 
-TEST(ThrowErrorTest, NestedFormKeepsTheCause) {
-  auto const cause = ErrorInfo::create(ErrorCode("error.test.cause", true),
-                                       SourceString("cause", true), {}, SourceLocation());
-  ErrorParams params;
-  params.set("name", "x");
-  auto const info =
-      ZO_EXPECT_ERROR(zocore::throw_error(kCode, "Outer {@name}", params,
-                                          SourceLocation("ns::nested()", kFile, 30), cause),
-                      kCode, "Outer {@name}");
-  expect_location(info, "ns::nested()", 30);
-  ASSERT_TRUE(info);
-  EXPECT_EQ(info->nested().get(), cause.get());
-  EXPECT_EQ(info->rendered(), "Outer x");
+TEST(ThrowErrorTest, BareErrnoForInvalidArgumentAndRange) {
+  for (int const err : {22, 34}) {
+    auto const info = ZO_EXPECT_ERROR(zocore::throw_errno(kHere, err), zocore::error::zocore_errno,
+                                      "System error {@errno}: {@description}");
+    ASSERT_TRUE(info);
+    EXPECT_EQ(info->location().function().view(), "ns::C::f()");
+    EXPECT_EQ(info->nested_errno(), err);
+    EXPECT_EQ(zotest::param(info, "errno"), std::to_string(err));
+    EXPECT_EQ(info->rendered(), "System error " + std::to_string(err) + ": " + std::strerror(err));
+    EXPECT_FALSE(info->nested());
+  }
 }
-
-class ThrowErrnoTest : public ::testing::TestWithParam<int> {};
-
-TEST_P(ThrowErrnoTest, NestedErrnoFormNestsAnErrnoRecord) {
-  int const err = GetParam();
-  auto const info = ZO_EXPECT_ERROR(
-      zocore::throw_with_nested_errno(kCode, "Value out of range",
-                                      SourceLocation("ns::with_errno()", kFile, 40), err),
-      kCode, "Value out of range");
-  expect_location(info, "ns::with_errno()", 40);
-  ASSERT_TRUE(info);
-  EXPECT_EQ(info->nested_errno(), err);
-  ASSERT_TRUE(info->nested());
-  EXPECT_EQ(info->nested()->code(), zocore::error::zocore_errno);
-  EXPECT_EQ(info->nested()->location().function().view(), "ns::with_errno()");
-  EXPECT_EQ(info->rendered(), "Value out of range");
-}
-
-TEST_P(ThrowErrnoTest, BareErrnoFormThrowsTheErrnoRecordItself) {
-  int const err = GetParam();
-  auto const info =
-      ZO_EXPECT_ERROR(zocore::throw_errno(SourceLocation("ns::bare()", kFile, 50), err),
-                      zocore::error::zocore_errno, "System error {@errno}: {@description}");
-  expect_location(info, "ns::bare()", 50);
-  ASSERT_TRUE(info);
-  EXPECT_EQ(info->nested_errno(), err);
-  EXPECT_EQ(zotest::param(info, "errno"), std::to_string(err));
-  EXPECT_EQ(zotest::param(info, "description"), std::strerror(err));
-  EXPECT_FALSE(info->nested());
-}
-
-INSTANTIATE_TEST_SUITE_P(InvalidArgumentAndRange, ThrowErrnoTest, ::testing::Values(22, 34));
 
 }  // namespace

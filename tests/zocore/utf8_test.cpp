@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -9,151 +11,99 @@
 #include <support/hex_bytes.h>
 #include <zocore/core_errors.h>
 #include <zocore/utf8.h>
+#include <zocore/wide_string.h>
 
 namespace {
 
-using zocore::find_invalid_utf8;
+static_assert(sizeof(wchar_t) == 4, "these tests assume the 32-bit wchar_t of Linux");
 
 std::size_t first_invalid(std::string const& text) {
-  return find_invalid_utf8(text.data(), text.size());
+  return zocore::find_invalid_utf8(text.data(), text.size());
 }
 
 // Prefixes that put the sequence under test at every position within an 8-byte word and behind
-// multibyte text, so that the word-at-a-time ASCII skip and the per-sequence decoder both lead
-// up to it.
+// multibyte text, so that both the word-at-a-time ASCII skip and the decoder lead up to it.
 std::vector<std::string> prefixes() {
-  std::vector<std::string> result;
+  std::vector<std::string> result{zotest::bytes("C3 A9"), zotest::bytes("41 E2 82 AC F0 9F 98 80")};
   for (std::size_t n = 0; n <= 17; ++n)
-    result.push_back(std::string(n, 'a'));
-  result.push_back(zotest::bytes("C3 A9"));
-  result.push_back(zotest::bytes("41 E2 82 AC 42 F0 9F 98 80"));
+    result.emplace_back(n, 'a');
   return result;
 }
 
-struct ValidCase {
-  char const* name;
-  char const* hex;
-};
-
-class Utf8ValidTest : public ::testing::TestWithParam<ValidCase> {};
-
-TEST_P(Utf8ValidTest, AcceptedBehindEveryPrefix) {
-  std::string const text = zotest::bytes(GetParam().hex);
-  for (std::string const& prefix : prefixes()) {
-    std::string const whole = prefix + text + "tail";
-    EXPECT_EQ(first_invalid(whole), whole.size()) << "prefix size " << prefix.size();
-    EXPECT_TRUE(zocore::is_valid_utf8(whole.data(), whole.size()));
-    EXPECT_NO_THROW(zocore::check_valid_utf8(whole.data(), static_cast<unsigned>(whole.size())));
+// Encodes exactly the scalar values, only when the room suffices, writing nothing past the
+// sequence; the encodings at the boundaries of every length class are valid behind any prefix.
+TEST(Utf8Test, ScalarValuesAtEveryBoundaryEncodeAndValidate) {
+  // clang-format off
+  std::pair<unsigned, char const*> const cases[] = {
+      {0x0, "00"}, {0x7F, "7F"}, {0x80, "C2 80"}, {0x7FF, "DF BF"}, {0x800, "E0 A0 80"},
+      {0xD7FF, "ED 9F BF"}, {0xD800, ""}, {0xDFFF, ""}, {0xE000, "EE 80 80"}, {0xFFFF, "EF BF BF"},
+      {0x10000, "F0 90 80 80"}, {0x40000, "F1 80 80 80"}, {0xFFFFF, "F3 BF BF BF"},
+      {0x10FFFF, "F4 8F BF BF"}, {0x110000, ""}, {0xFFFFFFFF, ""},
+  };
+  // clang-format on
+  for (auto const& [ucs4, hex] : cases) {
+    std::string const expected = zotest::bytes(hex);
+    std::string buf(8, '\x55');
+    unsigned const room = expected.empty() ? 8 : static_cast<unsigned>(expected.size());
+    unsigned const n = zocore::ucs4_char_to_utf8(ucs4, buf.data(), buf.data() + room);
+    EXPECT_EQ(zotest::hex(buf), zotest::hex(expected + std::string(8 - n, '\x55')));
+    buf.assign(8, '\x55');
+    EXPECT_EQ(zocore::ucs4_char_to_utf8(ucs4, buf.data(), buf.data() + room - 1), 0u) << hex;
+    EXPECT_EQ(buf, std::string(8, '\x55')) << hex;
+    for (std::string const& prefix : prefixes()) {
+      std::string const text = prefix + expected + "tail";
+      EXPECT_EQ(first_invalid(text), text.size()) << hex << " behind " << prefix.size();
+      EXPECT_NO_THROW(zocore::check_valid_utf8(text.data(), static_cast<unsigned>(text.size())));
+    }
   }
+  EXPECT_EQ(zocore::ucs4_char_to_utf8(0x41, nullptr, nullptr), 0u);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    LengthClassesAndBoundaries, Utf8ValidTest,
-    ::testing::Values(ValidCase{"Empty", ""}, ValidCase{"Nul", "00"}, ValidCase{"U007F", "7F"},
-                      ValidCase{"U0080", "C2 80"}, ValidCase{"U07FF", "DF BF"},
-                      ValidCase{"U0800", "E0 A0 80"}, ValidCase{"UD7FF", "ED 9F BF"},
-                      ValidCase{"UE000", "EE 80 80"}, ValidCase{"UFFFD", "EF BF BD"},
-                      ValidCase{"UFFFF", "EF BF BF"}, ValidCase{"U10000", "F0 90 80 80"},
-                      ValidCase{"U1F600", "F0 9F 98 80"}, ValidCase{"U40000", "F1 80 80 80"},
-                      ValidCase{"UFFFFF", "F3 BF BF BF"}, ValidCase{"U100000", "F4 80 80 80"},
-                      ValidCase{"U10FFFF", "F4 8F BF BF"},
-                      ValidCase{"Mixed", "48 C3 A9 E2 82 AC F0 9F 98 80 21"},
-                      ValidCase{"LongAscii", "41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50"}),
-    [](auto const& p) { return std::string(p.param.name); });
-
-struct InvalidCase {
-  char const* name;
-  char const* hex;
-  std::size_t offset;  // of the first bad byte within `hex`
-};
-
-class Utf8InvalidTest : public ::testing::TestWithParam<InvalidCase> {};
-
-TEST_P(Utf8InvalidTest, ReportsFirstBadByteBehindEveryPrefix) {
-  std::string const text = zotest::bytes(GetParam().hex);
-  for (std::string const& prefix : prefixes()) {
-    std::string const whole = prefix + text;
-    EXPECT_EQ(first_invalid(whole), prefix.size() + GetParam().offset)
-        << "prefix size " << prefix.size();
-    EXPECT_FALSE(zocore::is_valid_utf8(whole.data(), whole.size()));
-  }
-}
-
-TEST_P(Utf8InvalidTest, CheckThrowsWithOffset) {
-  std::string const text = "ok " + zotest::bytes(GetParam().hex);
-  auto const info =
-      ZO_EXPECT_ERROR(zocore::check_valid_utf8(text.data(), static_cast<unsigned>(text.size())),
-                      zocore::error::zocore_utf8, "Invalid UTF-8 sequence at offset {@offset}");
-  ASSERT_TRUE(info);
-  EXPECT_EQ(zotest::param(info, "offset"), std::to_string(3 + GetParam().offset));
-  EXPECT_EQ(info->location().function().view(), "zocore::check_valid_utf8()");
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rejects, Utf8InvalidTest,
-    ::testing::Values(
-        // Bytes that never start a sequence.
-        InvalidCase{"StrayContinuation80", "80", 0}, InvalidCase{"StrayContinuationBF", "BF", 0},
-        InvalidCase{"ContinuationAfterComplete", "C3 A9 A9", 2},
-        InvalidCase{"ContinuationAfterAscii", "41 42 80 43", 2}, InvalidCase{"FE", "FE", 0},
-        InvalidCase{"FF", "FF", 0}, InvalidCase{"F5", "F5 80 80 80", 0},
-        InvalidCase{"F7", "F7 BF BF BF", 0}, InvalidCase{"FiveByteForm", "F8 88 80 80 80", 0},
-        InvalidCase{"SixByteForm", "FC 84 80 80 80 80", 0},
-        // Overlong forms.
-        InvalidCase{"OverlongC0", "C0 80", 0}, InvalidCase{"OverlongC1", "C1 BF", 0},
-        InvalidCase{"OverlongE0_80", "E0 80 80", 0}, InvalidCase{"OverlongE0_9F", "E0 9F BF", 0},
-        InvalidCase{"OverlongF0_80", "F0 80 80 80", 0},
-        InvalidCase{"OverlongF0_8F", "F0 8F BF BF", 0},
-        // UTF-16 surrogates.
-        InvalidCase{"SurrogateD800", "ED A0 80", 0}, InvalidCase{"SurrogateDBFF", "ED AF BF", 0},
-        InvalidCase{"SurrogateDC00", "ED B0 80", 0}, InvalidCase{"SurrogateDFFF", "ED BF BF", 0},
-        InvalidCase{"SurrogatePair", "ED A0 BD ED B8 80", 0},
-        // Beyond U+10FFFF.
-        InvalidCase{"Above10FFFF", "F4 90 80 80", 0}, InvalidCase{"F4_BF", "F4 BF BF BF", 0},
-        // Lead bytes followed by something other than a continuation byte.
-        InvalidCase{"TwoByteThenAscii", "C3 41", 0},
-        InvalidCase{"ThreeByteThenAscii", "E2 82 41", 0},
-        InvalidCase{"FourByteThirdBad", "F0 9F 41 80", 0},
-        InvalidCase{"FourByteFourthBad", "F0 9F 98 C0", 0},
-        InvalidCase{"LeadAfterLead", "C3 C3 A9", 0},
-        InvalidCase{"BadAfterValid", "E2 82 AC F0 9F 98", 3}),
-    [](auto const& p) { return std::string(p.param.name); });
-
-// A sequence cut short, whether by the end of the text or by the next character, is bad from
-// its first byte.
-TEST(Utf8Test, TruncatedAtEveryPosition) {
-  for (char const* hex : {"C2 80", "DF BF", "E0 A0 80", "ED 9F BF", "EF BF BF", "F0 90 80 80",
-                          "F4 8F BF BF", "F3 BF BF BF"}) {
-    std::string const seq = zotest::bytes(hex);
-    for (std::size_t cut = 1; cut < seq.size(); ++cut) {
-      for (std::string const& prefix : prefixes()) {
-        std::string const at_end = prefix + seq.substr(0, cut);
-        EXPECT_EQ(first_invalid(at_end), prefix.size()) << hex << " cut " << cut;
-        std::string const before_ascii = at_end + "xyz";
-        EXPECT_EQ(first_invalid(before_ascii), prefix.size()) << hex << " cut " << cut;
-      }
+// Checked by find_invalid_utf8 behind every prefix, and by every function that raises the error.
+TEST(Utf8Test, InvalidTextReportsItsFirstBadByte) {
+  // Hex bytes and the offset of the first bad byte: stray continuation and never-lead bytes,
+  // overlong forms, surrogates, code points above U+10FFFF, sequences cut short by the end or by
+  // a byte that is no continuation.
+  // clang-format off
+  std::pair<char const*, std::size_t> const cases[] = {
+      {"80", 0}, {"BF", 0}, {"C3 A9 A9", 2}, {"41 42 80 43", 2}, {"FE", 0}, {"FF", 0},
+      {"F5 80 80 80", 0}, {"F8 88 80 80 80", 0}, {"C0 80", 0}, {"C1 BF", 0}, {"E0 80 80", 0},
+      {"E0 9F BF", 0}, {"F0 80 80 80", 0}, {"F0 8F BF BF", 0}, {"ED A0 80", 0}, {"ED BF BF", 0},
+      {"F4 90 80 80", 0}, {"F7 BF BF BF", 0}, {"C3 41", 0}, {"E2 82 41", 0}, {"F0 9F 41 80", 0},
+      {"F0 9F 98 C0", 0}, {"C3 C3 A9", 0}, {"E2 82 AC F0 9F 98", 3}, {"DF", 0}, {"ED 9F", 0},
+      {"F4", 0}, {"F4 8F", 0}, {"F4 8F BF", 0}, {"F4 8F BF 78", 0},
+  };
+  // clang-format on
+  for (auto const& [hex, offset] : cases) {
+    for (std::string const& prefix : prefixes()) {
+      std::string const text = prefix + zotest::bytes(hex);
+      EXPECT_EQ(first_invalid(text), prefix.size() + offset) << hex << " behind " << prefix.size();
+      EXPECT_FALSE(zocore::is_valid_utf8(text.data(), text.size()));
+    }
+    std::string const text = "ok " + zotest::bytes(hex);
+    auto const size = static_cast<unsigned>(text.size());
+    std::pair<std::function<void()>, char const*> const calls[] = {
+        {[&] { zocore::check_valid_utf8(text.data(), size); }, "zocore::check_valid_utf8()"},
+        {[&] { zocore::to_wstring(text); }, "zocore::to_wstring()"},
+        {[&] { zocore::to_u16string(text.data(), size); }, "zocore::to_u16string()"},
+    };
+    for (auto const& [call, function] : calls) {
+      auto const info = ZO_EXPECT_ERROR(call(), zocore::error::zocore_utf8,
+                                        "Invalid UTF-8 sequence at offset {@offset}");
+      EXPECT_EQ(zotest::param(info, "offset"), std::to_string(3 + offset)) << hex;
+      EXPECT_EQ(info ? info->location().function().str() : "", function);
     }
   }
 }
 
 // Independent reference: decode arithmetically and apply the RFC 3629 rules to the value.
 bool reference_valid(unsigned char const* s, std::size_t n) {
-  std::size_t len;
-  std::uint32_t cp;
   if (s[0] < 0x80) return n == 1;
-  if ((s[0] & 0xE0) == 0xC0) {
-    len = 2;
-    cp = s[0] & 0x1Fu;
-  } else if ((s[0] & 0xF0) == 0xE0) {
-    len = 3;
-    cp = s[0] & 0x0Fu;
-  } else if ((s[0] & 0xF8) == 0xF0) {
-    len = 4;
-    cp = s[0] & 0x07u;
-  } else {
-    return false;
-  }
-  if (n != len) return false;
+  std::size_t len = 0;  // leading one bits of the lead byte
+  while (len < 8 && ((s[0] << len) & 0x80) != 0)
+    ++len;
+  if (len < 2 || len > 4 || n != len) return false;
+  std::uint32_t cp = s[0] & (0x7Fu >> len);
   for (std::size_t i = 1; i < len; ++i) {
     if ((s[i] & 0xC0) != 0x80) return false;
     cp = (cp << 6) | (s[i] & 0x3Fu);
@@ -162,24 +112,18 @@ bool reference_valid(unsigned char const* s, std::size_t n) {
   return cp >= min_for_length[len] && cp <= 0x10FFFF && !(cp >= 0xD800 && cp <= 0xDFFF);
 }
 
-// Every lead and second byte, completed to the length the lead byte announces with either
-// extreme of the continuation range, agrees with the reference.
+// Every lead and second byte, completed to the announced length with either extreme of the
+// continuation range, agrees with the reference.
 TEST(Utf8Test, AllLeadAndSecondBytesAgreeWithReference) {
   for (unsigned lead = 0; lead < 256; ++lead) {
-    unsigned const len = std::max(2u, zocore::utf8_sequence_length(static_cast<char>(lead)));
+    std::size_t const n = std::clamp(zocore::utf8_sequence_length(static_cast<char>(lead)), 2u, 4u);
     for (unsigned second = 0; second < 256; ++second) {
-      for (unsigned char filler : {0x80, 0xBF}) {
-        unsigned char seq[6] = {static_cast<unsigned char>(lead),
-                                static_cast<unsigned char>(second),
-                                filler,
-                                filler,
-                                filler,
-                                filler};
-        std::size_t const n = std::min(len, 4u);
-        bool const expected =
-            reference_valid(seq, n) || (lead < 0x80 && second < 0x80);  // two ASCII characters
-        bool const got = zocore::is_valid_utf8(reinterpret_cast<char const*>(seq), n);
-        ASSERT_EQ(got, expected) << std::hex << lead << " " << second << " " << unsigned(filler);
+      for (unsigned char const filler : {0x80, 0xBF}) {
+        unsigned char const seq[4] = {static_cast<unsigned char>(lead),
+                                      static_cast<unsigned char>(second), filler, filler};
+        bool const expected = reference_valid(seq, n) || (lead < 0x80 && second < 0x80);
+        ASSERT_EQ(zocore::is_valid_utf8(reinterpret_cast<char const*>(seq), n), expected)
+            << std::hex << lead << " " << second << " " << unsigned{filler};
       }
     }
   }
@@ -187,77 +131,62 @@ TEST(Utf8Test, AllLeadAndSecondBytesAgreeWithReference) {
 
 TEST(Utf8Test, SequenceLengthByLeadByte) {
   for (unsigned c = 0; c < 256; ++c) {
-    unsigned expected = 0;
-    if (c < 0x80) {
-      expected = 1;
-    } else if (c >= 0xC0 && c <= 0xDF) {
-      expected = 2;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-      expected = 3;
-    } else if (c >= 0xF0 && c <= 0xF7) {
-      expected = 4;
-    } else if (c >= 0xF8 && c <= 0xFB) {
-      expected = 5;
-    } else if (c == 0xFC || c == 0xFD) {
-      expected = 6;
-    }
-    EXPECT_EQ(zocore::utf8_sequence_length(static_cast<char>(c)), expected) << std::hex << c;
+    char const expected = c < 0xF8 ? "11111111111111110000000022223345"[c >> 3] : "55556600"[c & 7];
+    EXPECT_EQ(zocore::utf8_sequence_length(static_cast<char>(c)), unsigned(expected - '0')) << c;
   }
 }
 
-struct EncodeCase {
-  unsigned ucs4;
-  char const* hex;  // empty: not encodable
-};
-
-class Ucs4ToUtf8Test : public ::testing::TestWithParam<EncodeCase> {};
-
-TEST_P(Ucs4ToUtf8Test, EncodesExactlyWhenItFits) {
-  std::string const expected = zotest::bytes(GetParam().hex);
-  char buf[8];
-  std::fill(std::begin(buf), std::end(buf), '\x55');
-  unsigned const n = zocore::ucs4_char_to_utf8(GetParam().ucs4, buf, buf + sizeof buf);
-  ASSERT_EQ(n, expected.size());
-  EXPECT_EQ(std::string(buf, n), expected);
-  EXPECT_EQ(buf[n], '\x55') << "wrote past the sequence";
-  if (expected.empty()) return;
-  // One byte short of room writes nothing; exactly enough room succeeds.
-  std::fill(std::begin(buf), std::end(buf), '\x55');
-  EXPECT_EQ(zocore::ucs4_char_to_utf8(GetParam().ucs4, buf, buf + n - 1), 0u);
-  EXPECT_EQ(std::string(buf, n), std::string(n, '\x55'));
-  EXPECT_EQ(zocore::ucs4_char_to_utf8(GetParam().ucs4, buf, buf + n), n);
+TEST(WideStringTest, ConvertsBothWaysIncludingSurrogatePairs) {
+  using namespace std::string_literals;
+  std::u16string const utf16 = u"\u0000A\u00E9\u07FF\u0800\uD7FF\uE000\uFFFF\U00010000\U0010FFFF"s;
+  std::wstring const wide = L"\u0000A\u00E9\u07FF\u0800\uD7FF\uE000\uFFFF\U00010000\U0010FFFF"s;
+  std::string const utf8 = zotest::bytes(
+      "00 41 C3 A9 DF BF E0 A0 80 ED 9F BF EE 80 80 EF BF BF F0 90 80 80 F4 8F BF BF");
+  EXPECT_EQ(zotest::hex(zocore::to_string(wide)), zotest::hex(utf8));
+  EXPECT_EQ(zotest::hex(zocore::to_string(utf16.data(), static_cast<unsigned>(utf16.size()))),
+            zotest::hex(utf8));
+  // UTF-16 data carried in wchar_t units converts like char16_t text.
+  EXPECT_EQ(zocore::to_string(std::wstring(utf16.begin(), utf16.end())), utf8);
+  EXPECT_EQ(zocore::to_wstring(utf8), wide);
+  EXPECT_EQ(zocore::to_u16string(utf8.data(), static_cast<unsigned>(utf8.size())), utf16);
+  EXPECT_EQ(zocore::to_string(std::wstring()) + zocore::to_string(u"", 0), "");
+  EXPECT_TRUE(zocore::to_wstring("").empty() && zocore::to_u16string("", 0).empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    CodePoints, Ucs4ToUtf8Test,
-    ::testing::Values(EncodeCase{0x0, "00"}, EncodeCase{0x41, "41"}, EncodeCase{0x7F, "7F"},
-                      EncodeCase{0x80, "C2 80"}, EncodeCase{0x7FF, "DF BF"},
-                      EncodeCase{0x800, "E0 A0 80"}, EncodeCase{0x20AC, "E2 82 AC"},
-                      EncodeCase{0xD7FF, "ED 9F BF"}, EncodeCase{0xD800, ""},
-                      EncodeCase{0xDBFF, ""}, EncodeCase{0xDC00, ""}, EncodeCase{0xDFFF, ""},
-                      EncodeCase{0xE000, "EE 80 80"}, EncodeCase{0xFFFF, "EF BF BF"},
-                      EncodeCase{0x10000, "F0 90 80 80"}, EncodeCase{0x1F600, "F0 9F 98 80"},
-                      EncodeCase{0x10FFFF, "F4 8F BF BF"}, EncodeCase{0x110000, ""},
-                      EncodeCase{0xFFFFFFFF, ""}));
-
-TEST(Utf8Test, EveryScalarValueEncodesToValidUtf8) {
-  char buf[4];
-  for (unsigned cp = 0; cp <= 0x10FFFF; ++cp) {
-    unsigned const n = zocore::ucs4_char_to_utf8(cp, buf, buf + sizeof buf);
-    if (cp >= 0xD800 && cp <= 0xDFFF) {
-      ASSERT_EQ(n, 0u) << std::hex << cp;
-      continue;
-    }
-    ASSERT_EQ(n, cp < 0x80 ? 1u : cp < 0x800 ? 2u : cp < 0x10000 ? 3u : 4u) << std::hex << cp;
-    ASSERT_EQ(zocore::utf8_sequence_length(buf[0]), n) << std::hex << cp;
-    ASSERT_TRUE(zocore::is_valid_utf8(buf, n)) << std::hex << cp;
+TEST(WideStringTest, UnpairedSurrogatesAndInvalidUnitsAreRejectedWithTheirIndex) {
+  // Code units and the index of the bad one.
+  std::pair<std::u32string, unsigned> const cases[] = {
+      {{U'a', 0xD83D}, 1},       {{0xD83D, U'a'}, 0},   {{0xD83D, 0xD83D, 0xDE00}, 0},
+      {{U'a', U'b', 0xDE00}, 2}, {{0xDC00, 0xD800}, 0}, {{0xD83D, 0xDE00, 0xDFFF}, 2},
+      {{U'a', 0x110000}, 1},     {{0xFFFFFFFF}, 0},     {{0xD800, 0x1DC00}, 0},
+  };
+  constexpr char kMessage[] =
+      "Invalid UTF-16 text: unpaired surrogate or invalid code unit at index {@index}";
+  for (auto const& [units, index] : cases) {
+    auto info = ZO_EXPECT_ERROR(zocore::to_string(std::wstring(units.begin(), units.end())),
+                                zocore::error::zocore_utf8, kMessage);
+    EXPECT_EQ(zotest::param(info, "index"), std::to_string(index));
+    EXPECT_EQ(info ? info->location().function().str() : "", "zocore::to_string()");
+    if (std::ranges::any_of(units, [](char32_t unit) { return unit > 0xFFFF; })) continue;
+    std::u16string const narrow(units.begin(), units.end());
+    info = ZO_EXPECT_ERROR(zocore::to_string(narrow.data(), static_cast<unsigned>(narrow.size())),
+                           zocore::error::zocore_utf8, kMessage);
+    EXPECT_EQ(zotest::param(info, "index"), std::to_string(index));
   }
 }
 
-TEST(Utf8Test, NoRoomOrNullBufferWritesNothing) {
-  char buf[4];
-  EXPECT_EQ(zocore::ucs4_char_to_utf8(0x41, buf, buf), 0u);
-  EXPECT_EQ(zocore::ucs4_char_to_utf8(0x41, nullptr, nullptr), 0u);
+// Every Unicode scalar value survives UTF-32 -> UTF-8 -> UTF-16 -> UTF-8 -> UTF-32.
+TEST(WideStringTest, AllScalarValuesRoundTrip) {
+  std::wstring all;
+  for (wchar_t c = 0; c <= 0x10FFFF; c = c == 0xD7FF ? 0xE000 : c + 1)
+    all.push_back(c);
+  std::string const utf8 = zocore::to_string(all);
+  std::u16string const utf16 =
+      zocore::to_u16string(utf8.data(), static_cast<unsigned>(utf8.size()));
+  EXPECT_EQ(utf16.size(), all.size() + (0x110000 - 0x10000));
+  std::string const again = zocore::to_string(utf16.data(), static_cast<unsigned>(utf16.size()));
+  EXPECT_EQ(again, utf8);
+  EXPECT_TRUE(zocore::to_wstring(again) == all);
 }
 
 }  // namespace
