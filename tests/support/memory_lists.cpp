@@ -62,33 +62,28 @@ MemoryListPtr tiny_chunk_list(unsigned chunk_size) {
                                                            : &heap_chunk_of<64>);
 }
 
-std::vector<ListLayout> const& list_layouts() {
-  static std::vector<ListLayout> const layouts = [] {
-    std::vector<ListLayout> out = large_list_layouts();
+std::vector<ListLayout> const& list_layouts(bool large) {
+  static std::vector<ListLayout> const all = [] {
+    std::vector<ListLayout> out = {
+        {"OneSegment", [](std::string_view d) { return list_in_pieces(d, {d.size()}); }},
+        {"Pooled", [](std::string_view d) { return list_of(d); }},
+        {"Irregular",
+         [](std::string_view d) {
+           return list_in_pieces(d, {1, 4, 2, 9, 1, 100, 3, 4093, 5, 65536});
+         }},
+    };
+    for (unsigned chunk : {64U, 1U, 3U}) {
+      out.push_back({"Chunks" + std::to_string(chunk),
+                     [chunk](std::string_view d) { return list_of(d, tiny_chunk_list(chunk)); }});
+    }
     for (std::size_t piece : {1U, 2U, 3U, 7U}) {
       out.push_back({"Pieces" + std::to_string(piece),
                      [piece](std::string_view d) { return list_in_pieces(d, {piece}); }});
     }
-    for (unsigned chunk : {1U, 3U}) {
-      out.push_back({"Chunks" + std::to_string(chunk),
-                     [chunk](std::string_view d) { return list_of(d, tiny_chunk_list(chunk)); }});
-    }
     return out;
   }();
-  return layouts;
-}
-
-std::vector<ListLayout> const& large_list_layouts() {
-  static std::vector<ListLayout> const layouts = {
-      {"OneSegment", [](std::string_view d) { return list_in_pieces(d, {d.size()}); }},
-      {"Pooled", [](std::string_view d) { return list_of(d); }},
-      {"Irregular",
-       [](std::string_view d) {
-         return list_in_pieces(d, {1, 4, 2, 9, 1, 100, 3, 4093, 5, 65536});
-       }},
-      {"Chunks64", [](std::string_view d) { return list_of(d, tiny_chunk_list(64)); }},
-  };
-  return layouts;
+  static std::vector<ListLayout> const affordable(all.begin(), all.begin() + 4);
+  return large ? affordable : all;
 }
 
 }  // namespace zotest

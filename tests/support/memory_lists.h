@@ -1,5 +1,5 @@
-// Memory lists for tests: bytes cut into segments at chosen places, lists whose chunk factory
-// hands out tiny chunks, and what a list holds.
+// Memory lists for tests: bytes cut into segments at chosen places, lists of tiny chunks, and
+// what a list holds.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,6 @@
 
 namespace zotest {
 
-// Every byte of `list`, in order.
 std::string bytes_of(zoserialize::MemoryListBaseType const& list);
 // The chunks that the list's segments live in, in order.
 std::vector<void const*> chunks_of(zoserialize::MemoryListBaseType const& list);
@@ -25,20 +24,18 @@ zoserialize::MemoryListPtr list_in_pieces(std::string_view data,
 zoserialize::MemoryListPtr list_cut_at(std::string_view data, std::size_t cut);
 // `data` appended to `list` (null: a fresh MemoryList, cut as the pooled chunks cut it).
 zoserialize::MemoryListPtr list_of(std::string_view data, zoserialize::MemoryListPtr list = {});
-
 // An empty list whose factory hands out heap chunks of exactly `chunk_size` bytes (1, 3, 7 or
 // 64), whatever the request. Clones and sublists keep the factory.
 zoserialize::MemoryListPtr tiny_chunk_list(unsigned chunk_size);
 
-// A way to lay out bytes as a list, for running reader tests over every kind of seam.
+// Ways to lay out bytes as a list, for running reader tests over every kind of seam: one segment;
+// pooled chunks; irregular pieces (1, 4, 2, 9, 1, 100, 3, 4093, 5, 65536); 64-byte chunks with
+// room behind the last segment; unless `large` (for hundreds of kilobytes), also pieces of 1, 2,
+// 3 and 7 bytes and 1- and 3-byte chunks.
 struct ListLayout {
   std::string name;
   std::function<zoserialize::MemoryListPtr(std::string_view)> make;
 };
-// large_list_layouts() plus pieces of 1, 2, 3 and 7 bytes and 1- and 3-byte chunks.
-std::vector<ListLayout> const& list_layouts();
-// Affordable for hundreds of kilobytes: one segment; pooled chunks; irregular pieces (1, 4, 2,
-// 9, 1, 100, 3, 4093, 5, 65536); 64-byte chunks with room behind the last segment.
-std::vector<ListLayout> const& large_list_layouts();
+std::vector<ListLayout> const& list_layouts(bool large = false);
 
 }  // namespace zotest

@@ -91,7 +91,7 @@ INSTANTIATE_TEST_SUITE_P(Written, MemoryWriterGoldenTest,
                          ::testing::ValuesIn(zotest::binary_golden_written_cases()),
                          [](auto const& p) { return p.param.name; });
 
-TEST(MemoryWriterTest, RandomDocumentsMatchTheStreamWriter) {
+TEST(MemoryWriterTest, RandomDocumentsMatchTheStreamWriterAndReadBack) {
   for (std::uint64_t seed = 1; seed <= 40; ++seed) {
     std::vector<std::size_t> stream_ends;
     std::string const expected = stream_bytes([&](auto& stream, auto const& sink) {
@@ -103,6 +103,8 @@ TEST(MemoryWriterTest, RandomDocumentsMatchTheStreamWriter) {
     writer.close();
     EXPECT_EQ(ends, stream_ends) << "seed " << seed;
     EXPECT_TRUE(written(writer) == expected) << "seed " << seed;
+    MemoryReader reader = writer.reader();
+    zotest::RandomDocument(seed).read(reader);
   }
 }
 
@@ -379,7 +381,7 @@ TEST(MemoryWriterTest, RestOfAReaderBecomesOneSizedMarker) {
     std::string header(1, static_cast<char>(0xB0 + (width == 4 ? 6 : width == 0 ? 0 : 3 + width)));
     for (unsigned i = width; i-- > 0;)
       header += static_cast<char>(size >> (8 * i));
-    for (zotest::ListLayout const& layout : zotest::large_list_layouts()) {
+    for (zotest::ListLayout const& layout : zotest::list_layouts(true)) {
       MemoryListPtr const source = layout.make(zotest::bytes("21 22") + rest);
       MemoryReader reader{ConstMemoryListPtr(source)};
       reader.read_int32();
