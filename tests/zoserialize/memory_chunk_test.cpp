@@ -132,16 +132,5 @@ TEST(MemoryChunkCloneTest, CopiesTheRangeToTheStartOfTheNewChunk) {
   }
 }
 
-TEST(MemoryChunkCloneTest, HeapChunkHasExactlyTheRequestedZeroedStorage) {
-  MemoryChunkPtr const chunk = impl::create_heap_memory_chunk(100000);
-  ASSERT_EQ(chunk->size(), 100000U);
-  EXPECT_EQ(bytes_of(*chunk, 0, 100000), std::string(100000, '\0'));
-  fill_pattern(*chunk, 9);
-  MemoryChunkPtr const copy = chunk->clone_range(99990, kToEnd);
-  ASSERT_EQ(copy->size(), 100000U);
-  EXPECT_EQ(bytes_of(*copy, 0, 20), bytes_of(*chunk, 99990, 10) + std::string(10, '\0'));
-  EXPECT_EQ(chunk->clone_range(100000, 5)->size(), 100000U);
-}
-
 }  // namespace
 }  // namespace zoserialize

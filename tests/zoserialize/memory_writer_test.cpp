@@ -110,12 +110,14 @@ TEST(MemoryWriterTest, RandomDocumentsMatchTheStreamWriterAndReadBack) {
 
 // ---- Where writing starts and what it shares ----------------------------------------------------
 
-TEST(MemoryWriterTest, ContinuesAtTheWritePositionAndLeavesASharedListUnchanged) {
+// A writer continues a list at its write position and clears a list; a list it shares with
+// another holder stays as it was.
+TEST(MemoryWriterTest, ContinuesAtTheWritePositionAndClearsLeavingASharedListUnchanged) {
   std::string const twenty = pattern_string(0, 20);
   for (bool shared : {false, true}) {
     MemoryListPtr list = list_of(twenty);
     list->write_seek(10);
-    MemoryListBaseType const* const raw = list.get();
+    MemoryListBaseType const* raw = list.get();
     MemoryWriter writer(shared ? list : std::move(list));
     EXPECT_EQ(writer.memory_list().get() == raw, !shared);
     EXPECT_EQ(written(writer), twenty.substr(0, 10));
@@ -123,6 +125,14 @@ TEST(MemoryWriterTest, ContinuesAtTheWritePositionAndLeavesASharedListUnchanged)
     writer << true << zotest::golden_text(3000);
     EXPECT_EQ(written(writer).substr(0, 11), twenty.substr(0, 10) + "\x11");
     EXPECT_TRUE(!shared || (bytes_of(*list) == twenty && list->get_write_position() == 10));
+    MemoryListPtr const copy = shared ? writer.memory_list() : nullptr;
+    std::string const before = written(writer);
+    raw = writer.memory_list().get();
+    writer.clear();
+    EXPECT_EQ(writer.memory_list().get() == raw, !shared);
+    writer << false;
+    EXPECT_EQ(hex_written(writer), "10");
+    EXPECT_TRUE(!shared || bytes_of(*copy) == before);
   }
 }
 
@@ -236,20 +246,6 @@ TEST(MemoryWriterTest, RefusalsComeBeforeAnyChange) {
     EXPECT_EQ(written(writer), before + std::string(1, '\0') +
                                    zotest::bytes(c.open & kMarker ? "BF" : "") +
                                    zotest::bytes(c.open & kSequence ? "AF" : ""));
-  }
-}
-
-TEST(MemoryWriterTest, ClearEmptiesItsOwnListAndLeavesASharedOne) {
-  for (bool shared : {false, true}) {
-    MemoryWriter writer;
-    writer << std::string("abc");
-    MemoryListPtr const copy = shared ? writer.memory_list() : nullptr;
-    MemoryListBaseType const* const list = writer.memory_list().get();
-    writer.clear();
-    EXPECT_EQ(writer.memory_list().get() == list, !shared);
-    writer << true;
-    EXPECT_EQ(hex_written(writer), "11");
-    EXPECT_TRUE(!shared || zotest::hex(bytes_of(*copy)) == "53 61 62 63");
   }
 }
 
