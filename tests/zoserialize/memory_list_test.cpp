@@ -417,7 +417,7 @@ class ModelRun {
     std::string data = clipped(src.bytes, pos, len);
     unsigned const at = pick(size_of(h.bytes) + 4);
     unsigned n = 0;
-    switch (pick(22)) {
+    switch (pick(21)) {
       case 0:
         data = random_bytes(length() % 5000);
         h.list->append(data.data(), size_of(data));
@@ -466,8 +466,11 @@ class ModelRun {
           EXPECT_TRUE(segment.chunk()->is_unique());
         return "deep_clone";
       case 10:
-        pick(2) ? h.list->append_list(*src.list, pos, len)
-                : h.list->append(*src.list, src.list->cursor_at(pos), len);
+        n = pick(4);
+        n == 0   ? h.list->append_list(*src.list, pos, len)
+        : n == 1 ? h.list->append(*src.list, src.list->cursor_at(pos), len)
+        : n == 2 ? h.list->append_defragmented(*src.list, pos, len)
+                 : h.list->append_list_defragmented(*src.list, src.list->cursor_at(pos), len);
         append(h, data);
         return "append_list";
       case 11:
@@ -476,22 +479,17 @@ class ModelRun {
         append(h, data);
         return "append(whole list)";
       case 12:
-        pick(2) ? h.list->append_defragmented(*src.list, pos, len)
-                : h.list->append_list_defragmented(*src.list, src.list->cursor_at(pos), len);
-        append(h, data);
-        return "append_defragmented";
-      case 13:
         pick(2) ? h.list->write_defragmented(src.list.get(), pos, len)
                 : h.list->write_list_defragmented(*src.list, src.list->cursor_at(pos), len);
         write(h, data);
         return "write_defragmented";
-      case 14:
+      case 13:
         for (n = 1 + pick(40); n != 0; --n) {
           h.list->push_back(static_cast<char>(n));
           append(h, std::string(1, static_cast<char>(n)));
         }
         return "push_back";
-      case 15: {
+      case 14: {
         char* const p = h.list->get_append_write_ptr(&n, pick(5000));
         EXPECT_TRUE(n > 0 && (h.list->end() - 1)->chunk()->is_unique());
         data = random_bytes(pick(std::min(n, 600U) + 1));
@@ -500,17 +498,17 @@ class ModelRun {
         append(h, data);
         return "append_window";
       }
-      case 16:
+      case 15:
         pick(2) ? h.list->clear() : h.list->resize(0);
         h = {pick(2) ? h.list : MemoryList::create_with_factory(factory_), {}, 0};
         return "clear";
-      case 17:
+      case 16:
         data = random_bytes(pick(60));
         n = at >= size_of(h.bytes) ? 0 : std::min(size_of(data), size_of(h.bytes) - at);
         EXPECT_EQ(h.list->overwrite_at(at, data.data(), size_of(data)), n);
         h.bytes.replace(std::min(at, size_of(h.bytes)), n, data.substr(0, n));
         return "overwrite_at";
-      case 18: {
+      case 17: {
         if (h.bytes.empty()) return "writable_ptr_at(empty)";
         char* const p = h.list->writable_ptr_at(at % size_of(h.bytes), &n);
         EXPECT_TRUE(n >= 1 && n <= size_of(h.bytes) - at % size_of(h.bytes));
@@ -519,7 +517,7 @@ class ModelRun {
         h.bytes.replace(at % size_of(h.bytes), data.size(), data);
         return "writable_ptr_at";
       }
-      case 19: {
+      case 18: {
         MemoryChunkSegment const segment = src.list->get_range_as_segment(pos, len);
         EXPECT_TRUE(segment.size() == data.size() &&
                     (data.empty() || std::string(segment.data(), segment.size()) == data));
@@ -527,7 +525,7 @@ class ModelRun {
         append(h, data);
         return "append(segment)";
       }
-      case 20: {
+      case 19: {
         // A chunk also held outside any list, appended to one: no write may reach it.
         auto& [chunk, bytes] = loose_.emplace_back(create_memory_chunk(pick(3000)), "");
         bytes = random_bytes(chunk->size());
