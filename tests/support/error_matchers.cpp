@@ -1,31 +1,26 @@
-#include <support/error_matchers.h>
-
 #include <gtest/gtest.h>
+
+#include <support/error_matchers.h>
 
 namespace zotest {
 
 ErrorPtr expect_error(std::function<void()> const& fn, zocore::ErrorCode const& code,
                       std::string_view message, char const* file, int line) {
-  ::testing::ScopedTrace trace(file, line,
-                               "expected error here");
+  ::testing::ScopedTrace const trace(file, line, "expected error here");
   try {
     fn();
   } catch (zocore::ErrorException const& e) {
     ErrorPtr const& info = e.info();
-    if (!info) {
-      ADD_FAILURE() << "ErrorException without a record";
-      return nullptr;
-    }
+    EXPECT_TRUE(info) << "ErrorException without a record";
+    if (!info) return nullptr;
     EXPECT_EQ(info->code().view(), code.view()) << "message: " << info->rendered();
     EXPECT_EQ(info->message().view(), message);
-    if (info->code() == code && info->message().view() == message) return info;
-    return nullptr;
+    return info->code() == code && info->message().view() == message ? info : nullptr;
   } catch (std::exception const& e) {
     ADD_FAILURE() << "expected ErrorException " << code << ", got std::exception: " << e.what();
     return nullptr;
   }
-  ADD_FAILURE() << "expected ErrorException " << code << " (\"" << message
-                << "\"), nothing was thrown";
+  ADD_FAILURE() << "expected ErrorException " << code << " (\"" << message << "\"), none thrown";
   return nullptr;
 }
 

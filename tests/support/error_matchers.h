@@ -1,24 +1,24 @@
 // Assertions on thrown framework errors.
 #pragma once
 
+#include <functional>
+#include <string_view>
+
 #include <zocore/error_code.h>
 #include <zocore/error_exception.h>
 #include <zocore/error_info.h>
-
-#include <functional>
-#include <string_view>
 
 namespace zotest {
 
 using ErrorPtr = zocore::RefCountPtr<zocore::ErrorInfo const>;
 
-// Runs `fn` and records a test failure unless it throws a zocore::ErrorException whose code is
-// exactly `code` and whose message template (placeholders not substituted) is exactly
-// `message`. Returns the thrown record, or null when the expectation failed, so that a test can
-// go on to check parameters, errno and location.
+// Runs `fn` and records a test failure unless it throws a zocore::ErrorException with exactly
+// `code` and exactly the message template `message` (placeholders not substituted). Returns the
+// thrown record, or null when the expectation failed, so a test can go on to check parameters,
+// errno and location.
 ErrorPtr expect_error(std::function<void()> const& fn, zocore::ErrorCode const& code,
-                      std::string_view message,
-                      char const* file = __builtin_FILE(), int line = __builtin_LINE());
+                      std::string_view message, char const* file = __builtin_FILE(),
+                      int line = __builtin_LINE());
 
 // The value of parameter `name` of `info`, or "<missing>".
 std::string param(ErrorPtr const& info, std::string_view name);

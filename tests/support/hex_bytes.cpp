@@ -1,16 +1,15 @@
-#include <support/hex_bytes.h>
-
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
+
+#include <support/hex_bytes.h>
 
 namespace zotest {
 namespace {
 
-int digit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
+[[noreturn]] void malformed(std::string_view hex) {
+  std::fprintf(stderr, "zotest::bytes: malformed hex text \"%.*s\"\n", int(hex.size()), hex.data());
+  std::abort();
 }
 
 }  // namespace
@@ -20,11 +19,8 @@ std::string bytes(std::string_view hex) {
   int high = -1;
   for (char const c : hex) {
     if (c == ' ') continue;
-    int const d = digit(c);
-    if (d < 0) {
-      std::fprintf(stderr, "zotest::bytes: bad hex text \"%.*s\"\n", int(hex.size()), hex.data());
-      std::abort();
-    }
+    int d = 0;
+    if (std::from_chars(&c, &c + 1, d, 16).ec != std::errc()) malformed(hex);
     if (high < 0) {
       high = d;
     } else {
@@ -32,10 +28,7 @@ std::string bytes(std::string_view hex) {
       high = -1;
     }
   }
-  if (high >= 0) {
-    std::fprintf(stderr, "zotest::bytes: odd digit count in \"%.*s\"\n", int(hex.size()), hex.data());
-    std::abort();
-  }
+  if (high >= 0) malformed(hex);
   return out;
 }
 
@@ -43,9 +36,9 @@ std::string hex(std::string_view bytes) {
   static constexpr char kDigits[] = "0123456789ABCDEF";
   std::string out;
   for (unsigned char const b : bytes) {
-    if (!out.empty()) out.push_back(' ');
-    out.push_back(kDigits[b >> 4]);
-    out.push_back(kDigits[b & 15]);
+    if (!out.empty()) out += ' ';
+    out += kDigits[b >> 4];
+    out += kDigits[b & 15];
   }
   return out;
 }

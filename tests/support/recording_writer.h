@@ -11,80 +11,68 @@
 
 namespace zotest {
 
-// Code of the failures RecordingWriter raises itself (misuse of a value stream, injected
-// failures).
+// Code of the failures RecordingWriter raises itself.
 extern zocore::ErrorCode const recording_writer_error;  // "error.zotest.recording_writer"
 
-// RecordingWriter implements every core operation of zoserialize::Writer by appending one line
-// to calls(), so a test states the expected traffic as a vector of strings. The lines are:
-//
-//   "close"  "flush"  "null"  "bool true"  "bool false"
-//   "int 00 00 00 05"  "uint FF"         the image exactly as handed over (hex pairs); "int"
-//                                          alone for an empty image
-//   "double 3FB99999A0000000"            the binary64 bits
-//   "string \"abc\""                     write_string(data, size)
-//   "string_stream \"abc\""              write_string_stream(): the bytes written into the
-//                                          returned stream
-//   "string_from \"abc\""                write_string_stream(IReadStream&)
-//   "binary 01 02"  "binary_stream 01 02"  "binary_from 01 02"   the same for binaries
-//   "absolute_time 1500"  "relative_time -5"   the nanosecond counts
-//   "uuid 123e4567-e89b-12d3-a456-426614174000"
-//   "sequence_start 3"  "sequence_start"  "sequence_separator"  "sequence_end"
-//   "marker_start"  "marker_end"
-//
-// Text is quoted with printable ASCII as is and every other byte, '"' and '\' escaped as \xHH,
-// so a log is plain ASCII and shows the exact bytes.
-//
-// A stream returned by write_string_stream() / write_binary() is recorded when it is finished:
-// when it is closed or when the writer's next core call starts (that call's line follows it).
-// Writing into a finished stream fails. With merge_value_forms(true) the stream and from-stream
-// forms are recorded as "string ..." / "binary ...", so tests of archive copies need not care
-// which form a reader chose.
-//
-// Not thread-safe; the handed-out streams may outlive the writer (they then only fail).
+// Each core call appends one line to calls(): "null", "bool true", "int FF FE" (the image as
+// handed over), "double 3FB99999A0000000" (the bits), "string \"a\x0A\"" (printable ASCII but '"'
+// and '\' as is, other bytes as \xHH), "binary 01 02", "absolute_time 1500" (nanoseconds),
+// "uuid 123e4567-...", "sequence_start 3" or "sequence_start" without a hint, "marker_end", ...
+// Value streams are recorded as "string_stream ..." / "binary_stream ..." once finished (closed,
+// or the next core call starts: that call's line follows), the from-stream forms as
+// "string_from ..." / "binary_from ..."; with merge_value_forms(true) all as "string ..." /
+// "binary ...". Not thread-safe; handed-out streams may outlive the writer (they then only fail).
 class RecordingWriter : public zoserialize::Writer {
  public:
+  using Stream = zoserialize::InterfacePtr<zoserialize::IWriteStream>;
+
   RecordingWriter();
   RecordingWriter(RecordingWriter const&) = delete;
   RecordingWriter& operator=(RecordingWriter const&) = delete;
   ~RecordingWriter() override;
 
   std::vector<std::string> const& calls() const noexcept { return calls_; }
-  // Returns the log and starts a new one.
-  std::vector<std::string> take_calls();
-  void clear() { calls_.clear(); }
-
   void merge_value_forms(bool merge) noexcept { merge_ = merge; }
-
-  // The next core call named `call` (the first word of its line: "marker_end", "int",
-  // "string_stream", ...) throws recording_writer_error instead of being recorded; only once.
+  // The next core call whose line starts with `call` ("marker_end", "int", ...) throws
+  // recording_writer_error instead; only once.
   void fail_on(std::string call) { fail_on_ = std::move(call); }
 
-  // Text as it appears inside the quotes of a "string" line.
-  static std::string quote(std::string_view text);
-
-  void close() override;
-  void flush() override;
-  void write_null() override;
-  void write_bool(bool value) override;
-  void write_int_big_endian(void const* data, unsigned size) override;
-  void write_uint_big_endian(void const* data, unsigned size) override;
+  void close() override { record("close"); }
+  void flush() override { record("flush"); }
+  void write_null() override { record("null"); }
+  void write_bool(bool value) override { record(value ? "bool true" : "bool false"); }
+  void write_int_big_endian(void const* data, unsigned size) override {
+    record(image("int", data, size));
+  }
+  void write_uint_big_endian(void const* data, unsigned size) override {
+    record(image("uint", data, size));
+  }
   void write_double(double value) override;
-  void write_string(char const* data, unsigned size) override;
-  zoserialize::InterfacePtr<zoserialize::IWriteStream> write_string_stream() override;
+  void write_string(char const* data, unsigned size) override {
+    record(text("string", std::string_view(data, size)));
+  }
+  Stream write_string_stream() override { return open_stream(true); }
   void write_string_stream(zoserialize::IReadStream& source) override;
-  void write_absolute_time(zoserialize::AbsoluteTime const& value) override;
-  void write_relative_time(zoserialize::RelativeTime const& value) override;
-  void write_uuid(zoserialize::Uuid const& value) override;
-  zoserialize::InterfacePtr<zoserialize::IWriteStream> write_binary() override;
+  void write_absolute_time(zoserialize::AbsoluteTime const& value) override {
+    record("absolute_time " + std::to_string(value.count()));
+  }
+  void write_relative_time(zoserialize::RelativeTime const& value) override {
+    record("relative_time " + std::to_string(value.count()));
+  }
+  void write_uuid(zoserialize::Uuid const& value) override { record("uuid " + value.as_string()); }
+  Stream write_binary() override { return open_stream(false); }
   void write_binary(zoserialize::IReadStream& source) override;
-  void write_binary(void const* data, unsigned size) override;
-  void write_sequence_start(unsigned count_hint) override;
-  void write_sequence_start() override;
-  void write_sequence_separator() override;
-  void write_sequence_end() override;
-  void write_marker_start() override;
-  void write_marker_end() override;
+  void write_binary(void const* data, unsigned size) override {
+    record(image("binary", data, size));
+  }
+  void write_sequence_start(unsigned count_hint) override {
+    record("sequence_start " + std::to_string(count_hint));
+  }
+  void write_sequence_start() override { record("sequence_start"); }
+  void write_sequence_separator() override { record("sequence_separator"); }
+  void write_sequence_end() override { record("sequence_end"); }
+  void write_marker_start() override { record("marker_start"); }
+  void write_marker_end() override { record("marker_end"); }
 
   // The typed front end stays visible next to the overrides.
   using Writer::write_string;
@@ -94,10 +82,11 @@ class RecordingWriter : public zoserialize::Writer {
  private:
   friend class ValueStream;
 
-  // Every core call starts here: finishes an open value stream, then applies fail_on().
-  void begin(std::string_view call);
-  void record(std::string line) { calls_.push_back(std::move(line)); }
-  zoserialize::InterfacePtr<zoserialize::IWriteStream> open_stream(bool is_string);
+  static std::string image(char const* name, void const* data, std::size_t size);
+  static std::string text(char const* name, std::string_view bytes);
+  // Every core call ends here: finishes an open value stream, applies fail_on(), then logs.
+  void record(std::string line);
+  Stream open_stream(bool is_string);
   void finish_stream();
 
   std::vector<std::string> calls_;

@@ -1,13 +1,13 @@
-#include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <sstream>
+#include <stdexcept>
 #include <utility>
 
 #include <support/hex_bytes.h>
 #include <support/scripted_reader.h>
-#include <zocore/atomic_ref_count.h>
 #include <zocore/error_composer.h>
-#include <zocore/ref_count_ptr.h>
-#include <zocore/ref_counted.h>
+#include <zocore/memory_stream.h>
 
 namespace zotest {
 
@@ -20,82 +20,19 @@ zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE
   return {function, kModuleId, line};
 }
 
-unsigned char byte_at(std::string_view s, std::size_t i) {
-  return static_cast<unsigned char>(s[i]);
-}
-
-// Drops sign bytes that the next byte repeats; zero becomes the empty image.
-std::string_view minimal_signed(std::string_view image) {
-  while (!image.empty()) {
-    bool const next_negative = image.size() > 1 && (byte_at(image, 1) & 0x80) != 0;
-    unsigned char const sign_byte = next_negative ? 0xFF : 0x00;
-    if (byte_at(image, 0) != sign_byte) break;
-    image.remove_prefix(1);
-  }
-  return image;
-}
-
-std::string_view minimal_unsigned(std::string_view image) {
-  while (!image.empty() && byte_at(image, 0) == 0x00)
-    image.remove_prefix(1);
-  return image;
-}
-
-std::string full_image(unsigned long long value) {
-  std::string image(8, '\0');
-  for (unsigned i = 8; i-- > 0;) {
-    image[i] = static_cast<char>(value & 0xFF);
-    value >>= 8;
-  }
-  return image;
-}
-
-bool is_boundary(EToken t) {
-  return t == EToken::SequenceSeparator || t == EToken::SequenceEnd;
-}
-
-[[noreturn]] void throw_mismatch(EToken expected, EToken found, char const* function) {
+[[noreturn]] void fail(std::string const& expected, std::string const& found,
+                       char const* function) {
   zocore::ErrorComposer("Scripted reader: expected {@expected}, found {@found}")
-      .add("expected", zoserialize::token_name(expected))
-      .add("found", zoserialize::token_name(found))
+      .add("expected", expected)
+      .add("found", found)
       .throw_error(scripted_reader_error, here(function));
 }
 
-[[noreturn]] void throw_not_an_element(EToken found, char const* function) {
-  zocore::ErrorComposer("Scripted reader: {@found} does not start an element")
-      .add("found", zoserialize::token_name(found))
-      .throw_error(scripted_reader_error, here(function));
-}
-
-// The payload of a string or binary element, handed out as an independent stream.
-class BytesStream : public zocore::IReadStream, public zocore::RefCounted<zocore::AtomicRefCount> {
- public:
-  explicit BytesStream(std::string bytes) : bytes_(std::move(bytes)) {}
-
-  unsigned read(void* buffer, unsigned size) override {
-    unsigned const n = take(size);
-    std::memcpy(buffer, bytes_.data() + offset_ - n, n);
-    return n;
-  }
-  unsigned skip(unsigned size) override { return take(size); }
-  unsigned bytes_remaining() const override {
-    std::size_t const left = bytes_.size() - offset_;
-    return left >= kUnknownSize ? kUnknownSize : static_cast<unsigned>(left);
-  }
-
- private:
-  unsigned take(unsigned size) {
-    auto const n = static_cast<unsigned>(std::min<std::size_t>(size, bytes_.size() - offset_));
-    offset_ += n;
-    return n;
-  }
-
-  std::string bytes_;
-  std::size_t offset_ = 0;
-};
-
-zoserialize::InterfacePtr<zoserialize::IReadStream> stream_over(std::string const& bytes) {
-  return zocore::make_ref_counted<BytesStream>(bytes);
+std::string image_of(unsigned long long value) {
+  std::string image(8, '\0');
+  for (auto byte = image.rbegin(); byte != image.rend(); ++byte, value >>= 8)
+    *byte = static_cast<char>(value & 0xFF);
+  return image;
 }
 
 }  // namespace
@@ -103,407 +40,129 @@ zoserialize::InterfacePtr<zoserialize::IReadStream> stream_over(std::string cons
 // NOLINTNEXTLINE(cert-err58-cpp): constant-initialised, nothing runs at load
 constinit zocore::ErrorCode const scripted_reader_error("error.zotest.scripted_reader", true);
 
-namespace script {
-namespace {
-ScriptElement of(EToken token) {
-  ScriptElement e;
-  e.token = token;
-  return e;
-}
-}  // namespace
-
-ScriptElement null() {
-  return of(EToken::Null);
-}
-ScriptElement boolean(bool value) {
-  ScriptElement e = of(EToken::Boolean);
-  e.boolean = value;
-  return e;
-}
-ScriptElement sint(long long value) {
-  ScriptElement e = of(EToken::SignedInteger);
-  std::string const image = full_image(static_cast<unsigned long long>(value));
-  e.bytes = std::string(minimal_signed(image));
-  if (e.bytes.empty()) e.bytes.assign(1, '\0');
-  return e;
-}
-ScriptElement uint(unsigned long long value) {
-  ScriptElement e = of(EToken::UnsignedInteger);
-  std::string const image = full_image(value);
-  e.bytes = std::string(minimal_unsigned(image));
-  if (e.bytes.empty()) e.bytes.assign(1, '\0');
-  return e;
-}
-ScriptElement sint_image(std::string_view hex) {
-  ScriptElement e = of(EToken::SignedInteger);
-  e.bytes = bytes(hex);
-  return e;
-}
-ScriptElement uint_image(std::string_view hex) {
-  ScriptElement e = of(EToken::UnsignedInteger);
-  e.bytes = bytes(hex);
-  return e;
-}
-ScriptElement dbl(double value) {
-  ScriptElement e = of(EToken::Double);
-  e.number = value;
-  return e;
-}
-ScriptElement str(std::string_view text) {
-  ScriptElement e = of(EToken::String);
-  e.bytes = text;
-  return e;
-}
-ScriptElement bin(std::string_view bytes) {
-  ScriptElement e = of(EToken::Binary);
-  e.bytes = bytes;
-  return e;
-}
-ScriptElement abs_time(std::int64_t count) {
-  ScriptElement e = of(EToken::AbsoluteTime);
-  e.count = count;
-  return e;
-}
-ScriptElement rel_time(std::int64_t count) {
-  ScriptElement e = of(EToken::RelativeTime);
-  e.count = count;
-  return e;
-}
-ScriptElement uuid(zoserialize::Uuid const& value) {
-  ScriptElement e = of(EToken::Uuid);
-  e.uuid = value;
-  return e;
-}
-ScriptElement seq_start(unsigned count_hint) {
-  ScriptElement e = of(EToken::SequenceStart);
-  e.count = count_hint;
-  return e;
-}
-ScriptElement sep() {
-  return of(EToken::SequenceSeparator);
-}
-ScriptElement seq_end() {
-  return of(EToken::SequenceEnd);
-}
-ScriptElement marker_start() {
-  return of(EToken::MarkerStart);
-}
-ScriptElement marker_end() {
-  return of(EToken::MarkerEnd);
-}
-ScriptElement token(EToken token) {
-  return of(token);
-}
-}  // namespace script
-
-ScriptedReader::ScriptedReader(std::vector<ScriptElement> script) : script_(std::move(script)) {}
-
-EToken ScriptedReader::peek() const noexcept {
-  return pos_ < script_.size() ? script_[pos_].token : EToken::Eof;
+Script parse_script(std::string_view text) {
+  // The letter of each token at the token's value, from Unknown (0) to MarkerEnd (15).
+  static constexpr std::string_view kLetters = "?ntiudsargb[,]{}";
+  Script script;
+  std::istringstream items{std::string(text)};
+  for (std::string item; items >> item;) {
+    char const c = item[0];
+    std::string const arg = item.substr(1);
+    std::size_t const value = kLetters.find(c == 'f' ? 't' : c == 'I' ? 'i' : c == 'U' ? 'u' : c);
+    if (value == std::string_view::npos) throw std::invalid_argument("bad script item " + item);
+    ScriptElement& e = script.emplace_back(
+        ScriptElement{static_cast<EToken>(c == '?' ? std::stoi(arg) : static_cast<int>(value))});
+    if (c == 't') e.count = 1;
+    if (c == 'i') e.bytes = image_of(static_cast<unsigned long long>(std::stoll(arg)));
+    if (c == 'u') e.bytes = image_of(std::stoull(arg));
+    if (c == 'I' || c == 'U') e.bytes = bytes(arg);
+    if (c == 'd') e.number = std::strtod(arg.c_str(), nullptr);
+    if (c == 's' || c == 'b') e.bytes = arg;
+    if ((c == 'a' || c == 'r' || c == '[') && !arg.empty()) e.count = std::stoll(arg);
+    if (c == 'g') e.uuid = zoserialize::Uuid::from_string(arg.data(), unsigned(arg.size()));
+  }
+  return script;
 }
 
-ScriptElement const& ScriptedReader::take(EToken token) {
-  EToken const found = peek();
-  if (found != token) throw_mismatch(token, found, "zotest::ScriptedReader::take()");
+ScriptElement const& ScriptedReader::take(EToken token, std::string call) {
+  calls_.push_back(std::move(call));
+  if (next_token() != token) {
+    fail(zoserialize::token_name(token), zoserialize::token_name(next_token()),
+         "zotest::ScriptedReader::take()");
+  }
   return script_[pos_++];
 }
 
-ScriptedReader::Scope& ScriptedReader::innermost(bool is_sequence) {
-  if (scopes_.empty() || scopes_.back().is_sequence != is_sequence) {
-    zocore::ErrorComposer("Scripted reader: the innermost open scope is not a {@scope}")
-        .add("scope", is_sequence ? "sequence" : "marker")
-        .throw_error(scripted_reader_error, here("zotest::ScriptedReader::innermost()"));
+void ScriptedReader::read_integer(void* data, unsigned size, bool is_signed) {
+  std::string_view image =
+      take(is_signed ? EToken::SignedInteger : EToken::UnsignedInteger,
+           (is_signed ? "read_int_big_endian " : "read_uint_big_endian ") + std::to_string(size))
+          .bytes;
+  auto const byte = [&](std::size_t i) { return static_cast<unsigned char>(image[i]); };
+  bool const negative = is_signed && !image.empty() && (byte(0) & 0x80) != 0;
+  unsigned char const fill = negative ? 0xFF : 0x00;
+  // Leading bytes that only repeat the sign (zeros when unsigned) go while they do not fit.
+  while (image.size() > size && image.size() > 1 && byte(0) == fill &&
+         (!is_signed || ((byte(1) & 0x80) != 0) == negative))
+    image.remove_prefix(1);
+  if (image.size() > size) {
+    fail("at most " + std::to_string(size) + " bytes", std::to_string(image.size()) + " bytes",
+         "zotest::ScriptedReader::read_integer()");
   }
-  return scopes_.back();
+  auto* const out = static_cast<unsigned char*>(data);
+  std::memset(out, fill, size - image.size());
+  std::memcpy(out + size - image.size(), image.data(), image.size());
 }
 
-bool ScriptedReader::sequence_next() {
-  Scope& scope = innermost(true);
-  EToken const found = peek();
-  if (found == EToken::SequenceEnd) {
-    ++pos_;
-    scopes_.pop_back();
-    return false;
-  }
-  if (scope.before_first && found != EToken::Eof) {
-    scope.before_first = false;
-    return true;
-  }
-  if (found == EToken::SequenceSeparator) {
-    ++pos_;
-    return true;
-  }
-  zocore::ErrorComposer("Scripted reader: expected a sequence separator or end, found {@found}")
-      .add("found", zoserialize::token_name(found))
-      .throw_error(scripted_reader_error, here("zotest::ScriptedReader::sequence_next()"));
-}
-
-bool ScriptedReader::marker_is_end() {
-  innermost(false);
-  EToken const found = peek();
-  if (found == EToken::Eof) {
-    throw_mismatch(EToken::MarkerEnd, found, "zotest::ScriptedReader::marker_is_end()");
-  }
-  return found == EToken::MarkerEnd;
-}
-
-void ScriptedReader::marker_end() {
-  innermost(false);
-  while (!marker_is_end())
-    skip();
-  ++pos_;
-  scopes_.pop_back();
-}
-
-void ScriptedReader::skip() {
-  EToken const first = peek();
-  if (first != EToken::SequenceStart && first != EToken::MarkerStart) {
-    if (first == EToken::Eof || first == EToken::Unknown || is_boundary(first) ||
-        first == EToken::MarkerEnd) {
-      throw_not_an_element(first, "zotest::ScriptedReader::skip()");
+std::size_t ScriptedReader::element_end() const {
+  for (std::size_t i = pos_, depth = 0;;) {
+    EToken const t = i < script_.size() ? script_[i].token : EToken::Eof;
+    bool const opens = t == EToken::SequenceStart || t == EToken::MarkerStart;
+    bool const closes = t == EToken::SequenceEnd || t == EToken::MarkerEnd;
+    if (t == EToken::Eof ||
+        (depth == 0 && (closes || t == EToken::SequenceSeparator || t == EToken::Unknown))) {
+      fail("an element", zoserialize::token_name(t), "zotest::ScriptedReader::element_end()");
     }
-    ++pos_;
-    return;
+    depth = depth + (opens ? 1 : 0) - (closes ? 1 : 0);
+    if (++i, depth == 0) return i;
   }
-  // The end tokens still to come, innermost last.
-  std::vector<EToken> ends;
-  for (;;) {
-    EToken const t = peek();
-    if (t == EToken::SequenceStart) {
-      ends.push_back(EToken::SequenceEnd);
-    } else if (t == EToken::MarkerStart) {
-      ends.push_back(EToken::MarkerEnd);
-    } else if (t == EToken::SequenceSeparator) {
-      if (ends.back() != EToken::SequenceEnd) {
-        throw_mismatch(ends.back(), t, "zotest::ScriptedReader::skip()");
-      }
-    } else if (t == EToken::SequenceEnd || t == EToken::MarkerEnd || t == EToken::Eof) {
-      if (t != ends.back()) throw_mismatch(ends.back(), t, "zotest::ScriptedReader::skip()");
-      ends.pop_back();
-    }
-    ++pos_;
-    if (ends.empty()) return;
-  }
-}
-
-void ScriptedReader::copy(zoserialize::Writer& writer) {
-  EToken const token = peek();
-  switch (token) {
-    case EToken::Null:
-      take(token);
-      writer.write_null();
-      return;
-    case EToken::Boolean:
-      writer.write_bool(take(token).boolean);
-      return;
-    case EToken::SignedInteger: {
-      std::string const& image = take(token).bytes;
-      writer.write_int_big_endian(image.data(), static_cast<unsigned>(image.size()));
-      return;
-    }
-    case EToken::UnsignedInteger: {
-      std::string const& image = take(token).bytes;
-      writer.write_uint_big_endian(image.data(), static_cast<unsigned>(image.size()));
-      return;
-    }
-    case EToken::Double:
-      writer.write_double(take(token).number);
-      return;
-    case EToken::String: {
-      std::string const& text = take(token).bytes;
-      writer.write_string(text.data(), static_cast<unsigned>(text.size()));
-      return;
-    }
-    case EToken::Binary: {
-      std::string const& data = take(token).bytes;
-      writer.write_binary(data.data(), static_cast<unsigned>(data.size()));
-      return;
-    }
-    case EToken::AbsoluteTime:
-      writer.write_absolute_time(zoserialize::AbsoluteTime(take(token).count));
-      return;
-    case EToken::RelativeTime:
-      writer.write_relative_time(zoserialize::RelativeTime(take(token).count));
-      return;
-    case EToken::Uuid:
-      writer.write_uuid(take(token).uuid);
-      return;
-    case EToken::SequenceStart: {
-      auto const hint = static_cast<unsigned>(take(token).count);
-      scopes_.push_back({true, true});
-      if (hint != 0) {
-        writer.write_sequence_start(hint);
-      } else {
-        writer.write_sequence_start();
-      }
-      for (bool first = true; sequence_next(); first = false) {
-        if (!first) writer.write_sequence_separator();
-        while (!is_boundary(peek()))
-          copy(writer);
-      }
-      writer.write_sequence_end();
-      return;
-    }
-    case EToken::MarkerStart:
-      take(token);
-      scopes_.push_back({false, false});
-      writer.write_marker_start();
-      while (!marker_is_end())
-        copy(writer);
-      marker_end();
-      writer.write_marker_end();
-      return;
-    case EToken::Eof:
-    case EToken::Unknown:
-    case EToken::SequenceSeparator:
-    case EToken::SequenceEnd:
-    case EToken::MarkerEnd:
-      break;
-  }
-  throw_not_an_element(token, "zotest::ScriptedReader::copy()");
-}
-
-void ScriptedReader::close() {
-  log("close");
-}
-
-bool ScriptedReader::is_eof() const {
-  return pos_ >= script_.size();
-}
-
-EToken ScriptedReader::next_token() {
-  return peek();
 }
 
 void ScriptedReader::skip_element() {
-  log("skip_element");
-  skip();
+  calls_.emplace_back("skip_element");
+  pos_ = element_end();
 }
 
-void ScriptedReader::read_null() {
-  log("read_null");
-  take(EToken::Null);
-}
-
-bool ScriptedReader::try_read_null() {
-  log("try_read_null");
-  if (peek() != EToken::Null) return false;
-  ++pos_;
-  return true;
-}
-
-bool ScriptedReader::read_bool() {
-  log("read_bool");
-  return take(EToken::Boolean).boolean;
-}
-
-void ScriptedReader::read_int_big_endian(void* data, unsigned size) {
-  log("read_int_big_endian " + std::to_string(size));
-  std::string_view const image = minimal_signed(take(EToken::SignedInteger).bytes);
-  if (image.size() > size) {
-    zocore::ErrorComposer(
-        "Scripted reader: integer of {@needed} bytes does not fit into {@size} bytes")
-        .add("needed", image.size())
-        .add("size", size)
-        .throw_error(scripted_reader_error, here("zotest::ScriptedReader::read_int_big_endian()"));
-  }
-  auto* const out = static_cast<unsigned char*>(data);
-  bool const negative = !image.empty() && (byte_at(image, 0) & 0x80) != 0;
-  std::memset(out, negative ? 0xFF : 0x00, size - image.size());
-  if (!image.empty()) std::memcpy(out + size - image.size(), image.data(), image.size());
-}
-
-void ScriptedReader::read_uint_big_endian(void* data, unsigned size) {
-  log("read_uint_big_endian " + std::to_string(size));
-  std::string_view const image = minimal_unsigned(take(EToken::UnsignedInteger).bytes);
-  if (image.size() > size) {
-    zocore::ErrorComposer(
-        "Scripted reader: integer of {@needed} bytes does not fit into {@size} bytes")
-        .add("needed", image.size())
-        .add("size", size)
-        .throw_error(scripted_reader_error, here("zotest::ScriptedReader::read_uint_big_endian()"));
-  }
-  auto* const out = static_cast<unsigned char*>(data);
-  std::memset(out, 0, size - image.size());
-  if (!image.empty()) std::memcpy(out + size - image.size(), image.data(), image.size());
-}
-
-double ScriptedReader::read_double() {
-  log("read_double");
-  return take(EToken::Double).number;
-}
-
-void ScriptedReader::read_string(zoserialize::SourceString& out) {
-  log("read_string(SourceString&)");
-  out = zoserialize::SourceString(std::string_view(take(EToken::String).bytes));
-}
-
-void ScriptedReader::read_string(std::string& out) {
-  log("read_string(string&)");
-  out = take(EToken::String).bytes;
-}
-
-std::string ScriptedReader::read_string() {
-  log("read_string()");
-  return take(EToken::String).bytes;
-}
-
-zoserialize::InterfacePtr<zoserialize::IReadStream> ScriptedReader::read_string_stream() {
-  log("read_string_stream");
-  return stream_over(take(EToken::String).bytes);
-}
-
-zoserialize::AbsoluteTime ScriptedReader::read_absolute_time() {
-  log("read_absolute_time");
-  return zoserialize::AbsoluteTime(take(EToken::AbsoluteTime).count);
-}
-
-zoserialize::RelativeTime ScriptedReader::read_relative_time() {
-  log("read_relative_time");
-  return zoserialize::RelativeTime(take(EToken::RelativeTime).count);
-}
-
-zoserialize::Uuid ScriptedReader::read_uuid() {
-  log("read_uuid");
-  return take(EToken::Uuid).uuid;
-}
-
-zoserialize::InterfacePtr<zoserialize::IReadStream> ScriptedReader::read_binary() {
-  log("read_binary");
-  return stream_over(take(EToken::Binary).bytes);
-}
-
-unsigned ScriptedReader::read_sequence_start() {
-  log("read_sequence_start");
-  auto const hint = static_cast<unsigned>(take(EToken::SequenceStart).count);
-  scopes_.push_back({true, true});
-  return hint;
+ScriptedReader::Stream ScriptedReader::over(ScriptElement const& element) {
+  return zocore::make_ref_counted<zocore::MemoryReadStream>(std::string_view(element.bytes));
 }
 
 bool ScriptedReader::read_sequence_next() {
-  log("read_sequence_next");
-  return sequence_next();
-}
-
-void ScriptedReader::read_marker_start() {
-  log("read_marker_start");
-  take(EToken::MarkerStart);
-  scopes_.push_back({false, false});
+  calls_.emplace_back("read_sequence_next");
+  EToken const t = next_token();
+  if (t == EToken::Eof || t == EToken::MarkerEnd) {
+    fail("a sequence separator or end", zoserialize::token_name(t),
+         "zotest::ScriptedReader::read_sequence_next()");
+  }
+  if (t == EToken::SequenceSeparator || t == EToken::SequenceEnd) ++pos_;
+  return t != EToken::SequenceEnd;
 }
 
 bool ScriptedReader::read_marker_is_end() {
-  log("read_marker_is_end");
-  return marker_is_end();
+  calls_.emplace_back("read_marker_is_end");
+  return next_token() == EToken::MarkerEnd;
 }
 
 void ScriptedReader::read_marker_end() {
-  log("read_marker_end");
-  marker_end();
+  calls_.emplace_back("read_marker_end");
+  while (next_token() != EToken::MarkerEnd)
+    pos_ = element_end();
+  ++pos_;
 }
 
 void ScriptedReader::read_copy(zoserialize::Writer& writer) {
-  log("read_copy");
-  copy(writer);
+  calls_.emplace_back("read_copy");
+  for (std::size_t const end = element_end(); pos_ < end; ++pos_) {
+    ScriptElement const& e = script_[pos_];
+    EToken const t = e.token;
+    auto const size = static_cast<unsigned>(e.bytes.size());
+    if (t == EToken::Null) writer.write_null();
+    if (t == EToken::Boolean) writer.write_bool(e.count != 0);
+    if (t == EToken::SignedInteger) writer.write_int_big_endian(e.bytes.data(), size);
+    if (t == EToken::UnsignedInteger) writer.write_uint_big_endian(e.bytes.data(), size);
+    if (t == EToken::Double) writer.write_double(e.number);
+    if (t == EToken::String) writer.write_string(e.bytes.data(), size);
+    if (t == EToken::Binary) writer.write_binary(e.bytes.data(), size);
+    if (t == EToken::AbsoluteTime) writer.write_absolute_time(zoserialize::AbsoluteTime(e.count));
+    if (t == EToken::RelativeTime) writer.write_relative_time(zoserialize::RelativeTime(e.count));
+    if (t == EToken::Uuid) writer.write_uuid(e.uuid);
+    if (t == EToken::SequenceStart && e.count == 0) writer.write_sequence_start();
+    if (t == EToken::SequenceStart && e.count != 0) writer.write_sequence_start(unsigned(e.count));
+    if (t == EToken::SequenceSeparator) writer.write_sequence_separator();
+    if (t == EToken::SequenceEnd) writer.write_sequence_end();
+    if (t == EToken::MarkerStart) writer.write_marker_start();
+    if (t == EToken::MarkerEnd) writer.write_marker_end();
+  }
 }
 
 }  // namespace zotest

@@ -1,11 +1,12 @@
-// A Reader that replays a script of elements, for tests of code that consumes readers.
+// A Reader that replays a flat script of elements and logs the core calls made on it, for tests of
+// the Reader front end and of code that consumes readers.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <initializer_list>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <zocore/error_code.h>
@@ -14,123 +15,88 @@
 namespace zotest {
 
 // Code of the failures ScriptedReader raises: a read that does not match the script, a value
-// that does not fit, a sequence or marker operation outside its scope, running off the end.
+// that does not fit, running off the end.
 extern zocore::ErrorCode const scripted_reader_error;  // "error.zotest.scripted_reader"
 
-// One element of a script: the token next_token() reports and its payload. Only the payload
-// field of the token's kind is used.
+// One token of a script; only the payload of the token's kind is used.
 struct ScriptElement {
-  zoserialize::Reader::EToken token = zoserialize::Reader::EToken::Null;
-  bool boolean = false;
-  // Integer image (big-endian; two's complement for signed), or string or binary bytes.
-  std::string bytes;
-  double number = 0;
-  // Time count (nanoseconds) or sequence count hint.
-  std::int64_t count = 0;
-  zoserialize::Uuid uuid;
+  zoserialize::Reader::EToken token;
+  std::string bytes{};     // integer image (big-endian, two's complement if signed), payload
+  double number = 0;       // Double
+  std::int64_t count = 0;  // Boolean (0/1), time in nanoseconds, count hint (0: none)
+  zoserialize::Uuid uuid{};
 };
+using Script = std::vector<ScriptElement>;
 
-// Builders for script elements.
-namespace script {
-ScriptElement null();
-ScriptElement boolean(bool value);
-// The minimal image of the value ("00" for 0, "FF" for -1, "00 80" for 128).
-ScriptElement sint(long long value);
-ScriptElement uint(unsigned long long value);
-// An integer from an explicit image in hex ("00 00 00 05"), minimal or not.
-ScriptElement sint_image(std::string_view hex);
-ScriptElement uint_image(std::string_view hex);
-ScriptElement dbl(double value);
-ScriptElement str(std::string_view text);
-ScriptElement bin(std::string_view bytes);
-ScriptElement abs_time(std::int64_t count);
-ScriptElement rel_time(std::int64_t count);
-ScriptElement uuid(zoserialize::Uuid const& value);
-// count_hint 0: a sequence without a hint.
-ScriptElement seq_start(unsigned count_hint = 0);
-ScriptElement sep();
-ScriptElement seq_end();
-ScriptElement marker_start();
-ScriptElement marker_end();
-// A bare token (for example Unknown) with no payload.
-ScriptElement token(zoserialize::Reader::EToken token);
-}  // namespace script
+// A script from space-separated items: n (null), t f (booleans), i<dec> u<dec> (8-byte images),
+// I<hex> U<hex> (explicit images), d<strtod text> (nan, inf too), s<text> b<text>, a<ns> r<ns>,
+// g<uuid text>, [ or [<count hint>, "," ] { } (separator, ends, marker start), ?<n> (a bare
+// token value). Throws std::invalid_argument on a malformed item.
+Script parse_script(std::string_view text);
 
-// ScriptedReader implements every core operation of zoserialize::Reader over a vector of
-// ScriptElement, the way a real archive reader behaves:
-// - next_token() reports the token of the next element, EOF after the last; typed reads check
-//   the token and fail with scripted_reader_error on a mismatch (EOF included).
-// - read_int_big_endian / read_uint_big_endian sign- or zero-extend the script's image to the
-//   requested size and fail when the value needs more bytes than that.
-// - read_string_stream / read_binary consume the element and return a stream over a copy of
-//   its bytes (it stays valid after the reader is gone).
-// - read_sequence_next: directly after read_sequence_start it reports whether a first element
-//   follows and consumes only an immediate end; afterwards it consumes the separator (true) or
-//   the end (false). read_marker_end skips what is left of the marker, then its end.
-// - skip_element and read_copy take a whole sequence or marker; read_copy writes integers with
-//   the script's image and strings and binaries whole.
-//
-// calls() logs every core call except next_token() and is_eof(), one line each: "read_null",
-// "read_int_big_endian 4", "read_string_stream", "read_sequence_next", "read_copy", ... so tests
-// can check what the front end asked for. Calls made internally (read_copy's reads) are not
-// logged. Not thread-safe.
+// Behaves like an archive reader over the script: next_token() reports the next token (EOF after
+// the last); typed reads check it; integer reads sign- or zero-extend the image and fail when the
+// value needs more bytes; read_sequence_next consumes a separator (true) or the end (false) and
+// reports true without consuming before a first element; read_marker_is_end is false at the end
+// of the script (as a lenient archive might say) and read_marker_end skips to the marker's end;
+// skip_element and read_copy take whole sequences and markers. Payload streams borrow the script
+// and must not outlive the reader. calls() logs each core call but next_token() and is_eof():
+// "read_int_big_endian 4", "read_string(SourceString&)", "read_copy", ... Not thread-safe.
 class ScriptedReader : public zoserialize::Reader {
  public:
-  explicit ScriptedReader(std::vector<ScriptElement> script);
-  ScriptedReader(std::initializer_list<ScriptElement> script)
-      : ScriptedReader(std::vector<ScriptElement>(script)) {}
+  using Stream = zoserialize::InterfacePtr<zoserialize::IReadStream>;
+
+  explicit ScriptedReader(Script script) : script_(std::move(script)) {}
+  explicit ScriptedReader(std::string_view text) : script_(parse_script(text)) {}
 
   std::vector<std::string> const& calls() const noexcept { return calls_; }
-  // Index of the next element in the script.
+  // Index of the next token in the script.
   std::size_t position() const noexcept { return pos_; }
-  // Number of sequences and markers opened and not yet ended.
-  std::size_t depth() const noexcept { return scopes_.size(); }
 
-  void close() override;
-  bool is_eof() const override;
-  EToken next_token() override;
+  bool is_eof() const override { return pos_ >= script_.size(); }
+  EToken next_token() override { return is_eof() ? EToken::Eof : script_[pos_].token; }
   void skip_element() override;
-  void read_null() override;
-  bool try_read_null() override;
-  bool read_bool() override;
-  void read_int_big_endian(void* data, unsigned size) override;
-  void read_uint_big_endian(void* data, unsigned size) override;
-  double read_double() override;
-  void read_string(zoserialize::SourceString& out) override;
-  void read_string(std::string& out) override;
-  std::string read_string() override;
-  zoserialize::InterfacePtr<zoserialize::IReadStream> read_string_stream() override;
-  zoserialize::AbsoluteTime read_absolute_time() override;
-  zoserialize::RelativeTime read_relative_time() override;
-  zoserialize::Uuid read_uuid() override;
-  zoserialize::InterfacePtr<zoserialize::IReadStream> read_binary() override;
-  unsigned read_sequence_start() override;
+  void read_null() override { take(EToken::Null, "read_null"); }
+  bool try_read_null() override { return next_token() == EToken::Null && (read_null(), true); }
+  bool read_bool() override { return take(EToken::Boolean, "read_bool").count != 0; }
+  void read_int_big_endian(void* data, unsigned size) override { read_integer(data, size, true); }
+  void read_uint_big_endian(void* data, unsigned size) override { read_integer(data, size, false); }
+  double read_double() override { return take(EToken::Double, "read_double").number; }
+  void read_string(zoserialize::SourceString& out) override {
+    out = zoserialize::SourceString(take(EToken::String, "read_string(SourceString&)").bytes);
+  }
+  void read_string(std::string& out) override {
+    out = take(EToken::String, "read_string(string&)").bytes;
+  }
+  std::string read_string() override { return take(EToken::String, "read_string()").bytes; }
+  Stream read_string_stream() override { return over(take(EToken::String, "read_string_stream")); }
+  zoserialize::AbsoluteTime read_absolute_time() override {
+    return zoserialize::AbsoluteTime(take(EToken::AbsoluteTime, "read_absolute_time").count);
+  }
+  zoserialize::RelativeTime read_relative_time() override {
+    return zoserialize::RelativeTime(take(EToken::RelativeTime, "read_relative_time").count);
+  }
+  zoserialize::Uuid read_uuid() override { return take(EToken::Uuid, "read_uuid").uuid; }
+  Stream read_binary() override { return over(take(EToken::Binary, "read_binary")); }
+  unsigned read_sequence_start() override {
+    return static_cast<unsigned>(take(EToken::SequenceStart, "read_sequence_start").count);
+  }
   bool read_sequence_next() override;
-  void read_marker_start() override;
+  void read_marker_start() override { take(EToken::MarkerStart, "read_marker_start"); }
   bool read_marker_is_end() override;
   void read_marker_end() override;
   void read_copy(zoserialize::Writer& writer) override;
 
  private:
-  struct Scope {
-    bool is_sequence;
-    bool before_first;  // sequences: read_sequence_next not yet called
-  };
+  // Logs `call`, then consumes the next token, which must be `token`.
+  ScriptElement const& take(EToken token, std::string call);
+  static Stream over(ScriptElement const& element);
+  void read_integer(void* data, unsigned size, bool is_signed);
+  // Index just past the element that starts at pos_.
+  std::size_t element_end() const;
 
-  void log(std::string line) { calls_.push_back(std::move(line)); }
-  EToken peek() const noexcept;
-  // The next element, which must carry `token`; consumed.
-  ScriptElement const& take(EToken token);
-  Scope& innermost(bool is_sequence);
-  bool sequence_next();
-  bool marker_is_end();
-  void marker_end();
-  void skip();
-  void copy(zoserialize::Writer& writer);
-
-  std::vector<ScriptElement> script_;
+  Script script_;
   std::size_t pos_ = 0;
-  std::vector<Scope> scopes_;
   std::vector<std::string> calls_;
 };
 
