@@ -44,11 +44,6 @@ MemoryListPtr list_in_pieces(std::string_view data, std::vector<std::size_t> con
   return list;
 }
 
-MemoryListPtr list_cut_at(std::string_view data, std::size_t cut) {
-  if (cut == 0 || cut >= data.size()) return list_in_pieces(data, {data.size()});
-  return list_in_pieces(data, {cut, data.size() - cut});
-}
-
 MemoryListPtr list_of(std::string_view data, MemoryListPtr list) {
   if (!list) list = MemoryList::create();
   list->append(data.data(), static_cast<unsigned>(data.size()));

@@ -20,8 +20,6 @@ std::vector<void const*> chunks_of(zoserialize::MemoryListBaseType const& list);
 // heap chunk of exactly its size: every piece boundary is a segment boundary with no room behind.
 zoserialize::MemoryListPtr list_in_pieces(std::string_view data,
                                           std::vector<std::size_t> const& sizes);
-// `data` as two segments, [0, cut) and [cut, size); a cut at 0 or at the end gives one segment.
-zoserialize::MemoryListPtr list_cut_at(std::string_view data, std::size_t cut);
 // `data` appended to `list` (null: a fresh MemoryList, cut as the pooled chunks cut it).
 zoserialize::MemoryListPtr list_of(std::string_view data, zoserialize::MemoryListPtr list = {});
 // An empty list whose factory hands out heap chunks of exactly `chunk_size` bytes (1, 3, 7 or

@@ -83,12 +83,6 @@ std::size_t skip_all(Reader& reader) {
   return skipped;
 }
 
-// True when `e` is one of the archive's or the UTF-8 checker's failures.
-bool is_reader_failure(zocore::ErrorException const& e) {
-  auto const& code = e.info()->code();
-  return code.is_a(error::zoserialize) || code == zocore::error::zocore_utf8;
-}
-
 // Every position of short byte strings; for long ones a spread, both ends and the first chunk
 // boundary of streamed values.
 std::vector<std::size_t> cuts_of(std::size_t size) {
@@ -98,10 +92,6 @@ std::vector<std::size_t> cuts_of(std::size_t size) {
       cuts.push_back(i);
   }
   return cuts;
-}
-
-std::vector<zotest::ListLayout> const& layouts_for(std::string const& data) {
-  return data.size() <= 20000 ? zotest::list_layouts() : zotest::list_layouts(true);
 }
 
 // Reads a truncated list: `read` must fail with a reader error or notice a value it did not
@@ -116,22 +106,13 @@ void expect_truncated_read_fails(std::function<void(Reader&)> const& read, Memor
     try {
       read(reader);
       failed = noticed.size() != 0 || !reader.is_eof();
-    } catch (zocore::ErrorException const& e) {
-      failed = is_reader_failure(e);
+    } catch (zocore::ErrorException const& e) {  // the archive's or the UTF-8 checker's
+      failed = e.info()->code().is_a(error::zoserialize) ||
+               e.info()->code() == zocore::error::zocore_utf8;
     }
   }
   EXPECT_TRUE(failed) << "read back as complete, or failed with a foreign error";
   EXPECT_LE(reader.position(), prefix->size());
-  // Skipping and copying fail cleanly too.
-  MemoryReader skipper{ConstMemoryListPtr(prefix)};
-  MemoryReader copier{ConstMemoryListPtr(prefix)};
-  try {
-    skip_all(skipper);
-    copy_all(copier);
-  } catch (zocore::ErrorException const& e) {
-    EXPECT_TRUE(is_reader_failure(e)) << e.what();
-  }
-  EXPECT_LE(skipper.position(), prefix->size());
 }
 
 // ---- Golden vectors --------------------------------------------------------------------------
@@ -143,7 +124,7 @@ TEST_P(MemoryReaderGoldenTest, ReadsSkipsComparesAndCopiesLikeTheStreamReaderAnd
   BinaryGoldenCase const& row = GetParam();
   std::string const copied = row.copy == ECopy::kNone ? "" : copy_all(*stream_reader_of(row.bytes));
   EXPECT_TRUE(row.copy != ECopy::kIdentical || copied == row.bytes);
-  for (zotest::ListLayout const& layout : layouts_for(row.bytes)) {
+  for (zotest::ListLayout const& layout : zotest::list_layouts(row.bytes.size() > 20000)) {
     SCOPED_TRACE(layout.name);
     MemoryListPtr const list = layout.make(row.bytes);
     MemoryReader reader{ConstMemoryListPtr(list)};
@@ -167,7 +148,7 @@ TEST_P(MemoryReaderGoldenTest, ReadsSkipsComparesAndCopiesLikeTheStreamReaderAnd
   }
   for (std::size_t cut : cuts_of(row.bytes.size())) {
     SCOPED_TRACE(::testing::Message() << "at " << cut);
-    MemoryReader reader{ConstMemoryListPtr(zotest::list_cut_at(row.bytes, cut))};
+    MemoryReader reader{ConstMemoryListPtr(list_in_pieces(row.bytes, {cut, row.bytes.size()}))};
     row.read(reader);
     EXPECT_TRUE(reader.is_eof());
     std::string const prefix = row.bytes.substr(0, cut);
@@ -353,7 +334,7 @@ TEST(MemoryReaderTest, InvalidUtf8AnywhereFailsInReadStringStreamItself) {
   for (std::string const& e : {zotest::bytes("59 01 2C") + long_text, chunked_string(long_text, 7),
                                chunked_string(long_text, 1)}) {
     for (std::size_t cut : cuts_of(e.size())) {
-      MemoryReader reader{ConstMemoryListPtr(zotest::list_cut_at(e, cut))};
+      MemoryReader reader{ConstMemoryListPtr(list_in_pieces(e, {cut, e.size()}))};
       EXPECT_TRUE(zotest::read_all(*reader.read_string_stream(), 5) == long_text) << cut;
     }
   }
@@ -433,8 +414,7 @@ TEST(MemoryReaderTest, PayloadStreamsOutliveTheirPositionAndTheReader) {
     {
       MemoryReader reader{ConstMemoryListPtr(layout.make(doc))};
       plain = reader.read_binary();
-      char first[10];
-      ASSERT_EQ(plain->read(first, 10), 10U);
+      EXPECT_EQ(plain->skip(10), 10U);
       EXPECT_EQ(plain->bytes_remaining(), 590U);
       pieces = reader.read_binary();
       EXPECT_EQ(pieces->bytes_remaining(), 0xFFFFFFFFU);
@@ -492,9 +472,7 @@ TEST(MemoryReaderTest, CopiesKeepOrDropTheOpenScopes) {
   run_script(reader, "MAN");
   MemoryReader bare = reader.clone(false);
   for (MemoryReader copy : {MemoryReader(reader), reader.clone(true)}) {
-    run_script(copy, "iNi");
-    EXPECT_FALSE(copy.read_sequence_next());
-    run_script(copy, "En");
+    run_script(copy, "iNiNEn");  // both elements, the sequence end, the marker end, the null
     EXPECT_TRUE(copy.is_eof());
   }
   EXPECT_EQ(bare.read_int32(), 1);
@@ -508,9 +486,7 @@ TEST(MemoryReaderTest, CopiesKeepOrDropTheOpenScopes) {
   bare = contents;
   EXPECT_TRUE(bare.position() == 1 && bare.size() == 2 &&
               bare.memory_list() == outer.memory_list());
-  EXPECT_EQ(bare.read_int32(), -1);
-  EXPECT_TRUE(bare.is_eof());
-  EXPECT_EQ(contents.position(), 1U);
+  EXPECT_TRUE(bare.read_int32() == -1 && bare.is_eof() && contents.position() == 1);
 
   reader.swap(contents);
   EXPECT_EQ(reader.read_int32(), -1);

@@ -30,12 +30,10 @@ TEST(MemorySegmentTest, RangesAreClampedToTheChunkAndSubrangesToTheSegment) {
                                {1000, kToEnd, 1000, 24}, {2000, 5, 1024, 0}, {5, 0, 5, 0}};
   for (auto const& c : cases) {
     Segment const segment(create_memory_chunk(1), c[0], c[1]);
-    EXPECT_EQ(segment.first(), c[2]) << c[0] << "+" << c[1];
-    EXPECT_EQ(segment.size(), c[3]);
+    EXPECT_TRUE(segment.first() == c[2] && segment.size() == c[3]) << c[0] << "+" << c[1];
     EXPECT_EQ(segment.space_remaining(), 1024 - c[2] - c[3]);
   }
-  EXPECT_TRUE(Segment().empty() && Segment().data() == nullptr && !Segment().is_shared());
-  EXPECT_EQ(Segment().space_remaining(), 0U);
+  EXPECT_TRUE(Segment().empty() && !Segment().data() && Segment().space_remaining() == 0);
   Segment const segment(chunk_with("0123456789"), 2, 6);  // "234567"
   EXPECT_EQ(text_of(segment.subsegment(1, 3)), "345");
   EXPECT_EQ(text_of(segment.subsegment(4, kToEnd)), "67");
@@ -43,14 +41,12 @@ TEST(MemorySegmentTest, RangesAreClampedToTheChunkAndSubrangesToTheSegment) {
   EXPECT_TRUE(segment.subsegment(9, 1).empty());
   EXPECT_EQ(segment.subsegment(1, 3).chunk(), segment.chunk());
   EXPECT_EQ(text_of(Segment(segment, 1, kToEnd)), "34567");
-  EXPECT_EQ(Segment(segment.chunk()).size(), 1024U);
-  EXPECT_TRUE(Segment(segment.chunk()).is_shared());
+  EXPECT_TRUE(Segment(segment.chunk()).size() == 1024 && Segment(segment.chunk()).is_shared());
   Segment moved = segment.deep_clone();
   Segment const copy = std::move(moved);
   EXPECT_TRUE(moved.empty() && !moved.chunk());  // NOLINT(bugprone-use-after-move)
   EXPECT_EQ(text_of(copy), "234567");
-  EXPECT_EQ(copy.first(), 0U);
-  EXPECT_FALSE(copy.is_shared());
+  EXPECT_TRUE(copy.first() == 0 && !copy.is_shared());
 }
 
 TEST(MemorySegmentTest, WritesStayInsideTheSegmentAndItsChunksRoom) {
@@ -59,8 +55,7 @@ TEST(MemorySegmentTest, WritesStayInsideTheSegmentAndItsChunksRoom) {
   std::string const big(2000, 'x');
   EXPECT_EQ(segment.append(big.data(), 2000), 1022U);
   EXPECT_EQ(segment.chunk().get(), chunk);  // a private chunk is filled in place
-  EXPECT_EQ(segment.append("y", 1), 0U);
-  EXPECT_FALSE(segment.push_back('y'));
+  EXPECT_TRUE(segment.append("y", 1) == 0 && !segment.push_back('y'));
   segment.size(5000);
   EXPECT_EQ(segment.size(), 1024U);
   segment.size(1023);
@@ -73,9 +68,7 @@ TEST(MemorySegmentTest, WritesStayInsideTheSegmentAndItsChunksRoom) {
   EXPECT_EQ(*bcde.get_inplace_write_ptr(2, 2), 'd');
   EXPECT_EQ(bcde.overwrite(4, "x", 1), 0U);
   char out[8] = {};
-  EXPECT_EQ(bcde.copy_to(3, out, 8), 1U);
-  EXPECT_EQ(out[0], 'e');
-  EXPECT_EQ(bcde.copy_to(4, out, 8), 0U);
+  EXPECT_TRUE(bcde.copy_to(3, out, 8) == 1 && out[0] == 'e' && bcde.copy_to(4, out, 8) == 0);
 }
 
 TEST(MemorySegmentTest, EveryWritePathCopiesASharedChunkFirst) {
@@ -97,8 +90,7 @@ TEST(MemorySegmentTest, EveryWritePathCopiesASharedChunkFirst) {
     Segment writer(chunk, 2, 4);  // "cdef"
     c.write(writer);
     EXPECT_EQ(text_of(writer), c.expected);
-    EXPECT_EQ(writer.first(), 0U);
-    EXPECT_FALSE(writer.is_shared());
+    EXPECT_TRUE(writer.first() == 0 && !writer.is_shared());
     EXPECT_EQ(std::string(chunk->data(), 10), "abcdefgh..");
     EXPECT_EQ(text_of(other), "abcdefgh");
   }
