@@ -1,7 +1,4 @@
 #include <cctype>
-#include <string>
-#include <tuple>
-#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -12,26 +9,16 @@
 
 namespace {
 
-// RFC 4648, section 10: data, base64 padded and unpadded, base16 (hex) in either case.
-std::tuple<std::string, std::string, std::string, std::string> const kRfcVectors[] = {
-    {"", "", "", ""},
-    {"f", "Zg==", "Zg", "66"},
-    {"fo", "Zm8=", "Zm8", "666F"},
-    {"foo", "Zm9v", "Zm9v", "666F6f"},
-    {"foob", "Zm9vYg==", "Zm9vYg", "666F6f62"},
-    {"fooba", "Zm9vYmE=", "Zm9vYmE", "666F6f6261"},
-    {"foobar", "Zm9vYmFy", "Zm9vYmFy", "666F6f626172"},
-};
-
-std::string all_bytes() {
-  std::string all;
-  for (int i = 0; i < 256; ++i)
-    all.push_back(static_cast<char>(i));
-  return all;
-}
-
-TEST(Base64Test, Rfc4648VectorsInBothFormsAndIntoABuffer) {
-  for (auto const& [data, padded, unpadded, hex] : kRfcVectors) {
+// RFC 4648, section 10: data, base64 padded and unpadded, base16 in mixed case.
+TEST(Base64Test, Rfc4648VectorsInBase64AndHex) {
+  // clang-format off
+  std::tuple<std::string, std::string, std::string, std::string> const vectors[] = {
+      {"", "", "", ""}, {"f", "Zg==", "Zg", "66"}, {"fo", "Zm8=", "Zm8", "666F"},
+      {"foo", "Zm9v", "Zm9v", "666F6f"}, {"foob", "Zm9vYg==", "Zm9vYg", "666F6f62"},
+      {"fooba", "Zm9vYmE=", "Zm9vYmE", "666F6f6261"}, {"foobar", "Zm9vYmFy", "Zm9vYmFy", "666F6f626172"},
+  };
+  // clang-format on
+  for (auto const& [data, padded, unpadded, hex] : vectors) {
     EXPECT_EQ(zocore::base64_encode(data.data(), data.size()), padded);
     EXPECT_EQ(zocore::base64_encode(data.data(), data.size(), false), unpadded);
     EXPECT_EQ(zocore::base64_encoded_size(data.size()), padded.size());
@@ -41,20 +28,35 @@ TEST(Base64Test, Rfc4648VectorsInBothFormsAndIntoABuffer) {
     EXPECT_EQ(out, padded + "#");
     EXPECT_EQ(zocore::base64_decode(padded), data);
     EXPECT_EQ(zocore::base64_decode(unpadded), data);
+    std::string lower = hex;
+    for (char& c : lower)
+      c = static_cast<char>(std::tolower(c));
+    EXPECT_EQ(zocore::hex_encode(data), lower);
+    EXPECT_EQ(zocore::hex_decode(hex), data);
   }
-  std::string const all = all_bytes();
+}
+
+TEST(Base64Test, EveryByteValueAndTheWholeAlphabet) {
+  std::string all;
+  for (int i = 0; i < 256; ++i)
+    all.push_back(static_cast<char>(i));
   std::string const encoded = zocore::base64_encode(all.data(), all.size());
-  EXPECT_EQ(encoded.substr(0, 24), "AAECAwQFBgcICQoLDA0ODxAR");
-  EXPECT_EQ(encoded.substr(encoded.size() - 8), "/P3+/w==");
+  EXPECT_EQ(encoded.substr(0, 24) + encoded.substr(encoded.size() - 8),
+            "AAECAwQFBgcICQoLDA0ODxAR/P3+/w==");
   EXPECT_EQ(zocore::base64_decode(encoded), all);
   std::string const alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string const decoded = zocore::base64_decode(alphabet);
   EXPECT_EQ(zocore::base64_encode(decoded.data(), decoded.size()), alphabet);
+  std::string hex(514, '#');
+  zocore::hex_encode(all.data(), all.size(), hex.data());
+  EXPECT_EQ(hex.substr(0, 8) + hex.substr(504), "00010203fcfdfeff##");
+  EXPECT_EQ(zocore::hex_decode(hex.substr(0, 512)), all);
+  EXPECT_EQ(zocore::hex_digit_value('F') + zocore::hex_digit_value('a'), 25);
+  EXPECT_EQ(zocore::hex_digit_value('g'), -1);
 }
 
 TEST(Base64Test, InvalidTextIsRejectedWithItsOffset) {
-  // Characters outside the alphabet (URL-safe ones and whitespace too), a lone final character,
-  // misplaced, incomplete or followed padding, and bits beyond the last byte that are not zero.
+  // Foreign characters, a lone final character, bad padding, non-zero bits past the last byte.
   // clang-format off
   std::pair<char const*, std::size_t> const cases[] = {
       {"Zm9v!mFy", 4}, {"Zm9vYmF-", 7}, {"Zm9_", 3}, {"Zm9v YmFy", 4}, {"Zm9v\n", 4},
@@ -67,31 +69,8 @@ TEST(Base64Test, InvalidTextIsRejectedWithItsOffset) {
   for (auto const& [text, offset] : cases) {
     auto const info = ZO_EXPECT_ERROR(zocore::base64_decode(text), zocore::error::zocore_format,
                                       "Invalid base64 text at offset {@offset}");
-    ASSERT_TRUE(info) << text;
     EXPECT_EQ(zotest::param(info, "offset"), std::to_string(offset)) << text;
-    EXPECT_EQ(info->location().function().view(), "zocore::base64_decode()");
-  }
-}
-
-TEST(HexTest, EncodesLowercaseAndDecodesEitherCase) {
-  for (auto const& [data, padded, unpadded, hex] : kRfcVectors) {
-    std::string lower = hex;
-    for (char& c : lower)
-      c = static_cast<char>(std::tolower(c));
-    EXPECT_EQ(zocore::hex_encode(data), lower);
-    EXPECT_EQ(zocore::hex_decode(hex), data);
-  }
-  std::string const all = all_bytes();
-  std::string buffer(514, '#');
-  zocore::hex_encode(all.data(), all.size(), buffer.data());
-  EXPECT_EQ(buffer.substr(0, 8) + buffer.substr(504), "00010203fcfdfeff##");
-  EXPECT_EQ(zocore::hex_decode(buffer.substr(0, 512)), all);
-  std::string const digits = "0123456789abcdef";
-  for (int c = 0; c < 256; ++c) {
-    std::size_t const value = digits.find(static_cast<char>(std::tolower(c)));
-    EXPECT_EQ(zocore::hex_digit_value(static_cast<char>(c)),
-              value == std::string::npos ? -1 : static_cast<int>(value))
-        << c;
+    EXPECT_EQ(info ? info->location().function().str() : "", "zocore::base64_decode()");
   }
 }
 
@@ -102,9 +81,8 @@ TEST(HexTest, InvalidTextIsRejectedWithItsOffset) {
         std::pair{"ab\xC3\xA9", 2}, std::pair{"-1", 0}}) {
     auto const info = ZO_EXPECT_ERROR(zocore::hex_decode(text), zocore::error::zocore_format,
                                       "Invalid hexadecimal text at offset {@offset}");
-    ASSERT_TRUE(info) << text;
     EXPECT_EQ(zotest::param(info, "offset"), std::to_string(offset)) << text;
-    EXPECT_EQ(info->location().function().view(), "zocore::hex_decode()");
+    EXPECT_EQ(info ? info->location().function().str() : "", "zocore::hex_decode()");
   }
 }
 

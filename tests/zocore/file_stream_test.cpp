@@ -1,11 +1,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
-#include <string>
 #include <thread>
-#include <tuple>
-#include <vector>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -15,7 +11,6 @@
 #include <support/test_streams.h>
 #include <zocore/core_errors.h>
 #include <zocore/file_stream.h>
-#include <zocore/interface_ptr.h>
 #include <zocore/memory_stream.h>
 
 namespace {
@@ -30,9 +25,13 @@ TEST(MemoryReadStreamTest, ReadsAndSkipsFollowTheEndRule) {
   // Operation, size, result, bytes read, bytes remaining afterwards.
   using Step = std::tuple<char, unsigned, unsigned, char const*, unsigned>;
   std::vector<Step> const sequences[] = {
-      {{'r', 7, 7, "0123456", 3}, {'r', 5, 3, "789", 0}, {'r', 1, 0, "", 0}, {'s', 5, 0, "", 0}},
-      {{'r', 0, 0, "", 10}, {'s', 0, 0, "", 10}, {'s', 3, 3, "", 7}, {'r', 2, 2, "34", 5}},
-      {{'s', 8, 8, "", 2}, {'s', 5, 2, "", 0}, {'r', 1, 0, "", 0}},
+      {{'r', 0, 0, "", 10},
+       {'s', 0, 0, "", 10},
+       {'r', 7, 7, "0123456", 3},
+       {'r', 5, 3, "789", 0},
+       {'r', 1, 0, "", 0},
+       {'s', 5, 0, "", 0}},
+      {{'s', 3, 3, "", 7}, {'r', 2, 2, "34", 5}, {'s', 8, 5, "", 0}},
       {{'r', 1, 1, "0", 9}, {'s', 0xFFFFFFFFu, 9, "", 0}},
   };
   for (std::vector<Step> const& steps : sequences) {
@@ -47,37 +46,16 @@ TEST(MemoryReadStreamTest, ReadsAndSkipsFollowTheEndRule) {
   EXPECT_EQ(MemoryReadStream(nullptr, 0).read(nullptr, 1), 0u);
 }
 
-// Only the first bytes are ever touched; skip moves on without reading. 0xFFFFFFFF bytes left
-// still cannot be told apart from "unknown"; one less can.
-TEST(MemoryReadStreamTest, MoreThanFourGigabytesIsUnknownSize) {
-  static char const buffer[8] = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'};
-  MemoryReadStream stream(buffer, (std::size_t{1} << 32) + 10);
-  char out[3];
-  EXPECT_EQ(stream.read(out, 3), 3u);
-  EXPECT_EQ(std::string(out, 3), "abc");
-  EXPECT_EQ(stream.skip(8), 8u);
-  EXPECT_EQ(stream.bytes_remaining(), IReadStream::kUnknownSize);
-  EXPECT_EQ(stream.skip(1), 1u);
-  EXPECT_EQ(stream.bytes_remaining(), 0xFFFFFFFEu);
-  EXPECT_EQ(stream.skip(0xFFFFFFFFu), 0xFFFFFFFEu);
-}
-
 TEST(StringWriteStreamTest, AppendsTakesAndClears) {
-  zocore::RefCountPtr<zocore::StringWriteStream> const impl(new zocore::StringWriteStream);
-  zocore::InterfacePtr<zocore::IWriteStream> const stream(impl);
-  stream->write("ab", 2);
-  stream->write(nullptr, 0);
-  stream->write("c\0d", 3);
-  stream->close();
-  EXPECT_EQ(impl->take(), std::string("abc\0d", 5));
-  stream->write("e", 1);
-  EXPECT_EQ(impl->str(), "e");
-  impl->clear();
-  EXPECT_TRUE(impl->str().empty());
-}
-
-bool is_open(int fd) {
-  return ::fcntl(fd, F_GETFD) != -1;
+  zocore::StringWriteStream stream;
+  stream.write("ab", 2);
+  stream.write(nullptr, 0);
+  stream.write("c\0d", 3);
+  EXPECT_EQ(stream.take(), std::string("abc\0d", 5));
+  stream.write("e", 1);
+  EXPECT_EQ(stream.str(), "e");  // taken and emptied
+  stream.clear();
+  EXPECT_EQ(stream.str(), "");
 }
 
 class FileStreamTest : public ::testing::Test {
@@ -89,7 +67,9 @@ class FileStreamTest : public ::testing::Test {
   std::string dir_ = ::testing::TempDir() + "zocore_file_stream_XXXXXX";
 };
 
-TEST_F(FileStreamTest, WritesReadsAndSkipsUpToTheEnd) {
+// A borrowed descriptor is used from where it stands and left open; an owned one is closed.
+TEST_F(FileStreamTest, WritesReadsSkipsAndOwnsDescriptors) {
+  auto const is_open = [](int fd) { return ::fcntl(fd, F_GETFD) != -1; };
   std::string const data = zotest::pattern_string(0, 100000);
   std::string const p = path("data.bin");
   FileWriteStream(p.c_str()).write("to be truncated", 15);
@@ -101,88 +81,78 @@ TEST_F(FileStreamTest, WritesReadsAndSkipsUpToTheEnd) {
   EXPECT_EQ(stream.skip(10), 10u);
   EXPECT_EQ(stream.read(got.data(), 65536), 65536u);
   EXPECT_EQ(stream.bytes_remaining(), 100000u - 65546u);
-  // A read spanning the end returns what is left, and the end stays the end.
   EXPECT_EQ(stream.read(got.data() + 65536, 50000), 100000u - 65546u);
   EXPECT_TRUE(got == data.substr(10) + std::string(10, '#'));
-  EXPECT_EQ(stream.read(got.data(), 1), 0u);
-  EXPECT_EQ(stream.skip(1), 0u);
-  EXPECT_EQ(stream.bytes_remaining(), 0u);
-}
+  EXPECT_EQ(stream.read(got.data(), 1) + stream.skip(1) + stream.bytes_remaining(), 0u);
 
-// A borrowed descriptor is used from where it stands and left open; an owned one is closed.
-TEST_F(FileStreamTest, DescriptorsAreBorrowedOrOwned) {
-  int const out = ::open(path("w.bin").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  int const out = ::open(p.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
   FileWriteStream(out).write("0123456789", 10);
   EXPECT_TRUE(is_open(out));
   { FileWriteStream const owner(out, true); }
   EXPECT_FALSE(is_open(out));
-  int const in = ::open(path("w.bin").c_str(), O_RDONLY | O_CLOEXEC);
+  int const in = ::open(p.c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(::lseek(in, 6, SEEK_SET), 6);
-  char buf[8];
-  EXPECT_EQ(FileReadStream(in).read(buf, 8), 4u);
-  EXPECT_EQ(std::string(buf, 4), "6789");
+  EXPECT_EQ(FileReadStream(in).read(got.data(), 8), 4u);
+  EXPECT_EQ(got.substr(0, 4), "6789");
   ASSERT_EQ(::lseek(in, 100, SEEK_SET), 100);  // beyond the end: nothing left, nothing to skip
   {
-    FileReadStream stream(in, true);
-    EXPECT_EQ(stream.bytes_remaining(), 0u);
-    EXPECT_EQ(stream.skip(3), 0u);
+    FileReadStream owner(in, true);
+    EXPECT_EQ(owner.bytes_remaining() + owner.skip(3), 0u);
   }
   EXPECT_FALSE(is_open(in));
 }
 
-// A sparse file larger than 4 GiB: the size is unknown until less than 0xFFFFFFFF bytes are left.
+// 0xFFFFFFFF bytes left still read as "unknown", one less does not. The memory behind all but the
+// first bytes is never touched, and the file is sparse.
 TEST_F(FileStreamTest, MoreThanFourGigabytesIsUnknownSize) {
+  static char const buffer[16] = {};
+  MemoryReadStream memory(buffer, (std::size_t{1} << 32) + 10);
   int const fd = ::open(path("sparse.bin").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  FileReadStream stream(fd, true);
-  if (::ftruncate(fd, (off_t{1} << 32) + 6) != 0) GTEST_SKIP() << "no large sparse files here";
-  EXPECT_EQ(stream.skip(7), 7u);
-  EXPECT_EQ(stream.bytes_remaining(), IReadStream::kUnknownSize);
-  EXPECT_EQ(stream.skip(1), 1u);
-  EXPECT_EQ(stream.bytes_remaining(), 0xFFFFFFFEu);
-  EXPECT_EQ(stream.skip(0xFFFFFFFFu), 0xFFFFFFFEu);
+  FileReadStream file(fd, true);
+  if (::ftruncate(fd, (off_t{1} << 32) + 10) != 0) GTEST_SKIP() << "no large sparse files here";
+  for (IReadStream* stream :
+       {static_cast<IReadStream*>(&memory), static_cast<IReadStream*>(&file)}) {
+    EXPECT_EQ(stream->skip(11), 11u);
+    EXPECT_EQ(stream->bytes_remaining(), IReadStream::kUnknownSize);
+    EXPECT_EQ(stream->skip(1), 1u);
+    EXPECT_EQ(stream->bytes_remaining(), 0xFFFFFFFEu);
+    EXPECT_EQ(stream->skip(0xFFFFFFFFu), 0xFFFFFFFEu);
+  }
 }
 
 TEST_F(FileStreamTest, FailuresCarryErrnoPathAndFunction) {
-  std::string const missing = path("missing.bin");
-  auto info = ZO_EXPECT_ERROR(FileReadStream s(missing.c_str()), zocore::error::zocore_errno,
-                              "Cannot open file '{@path}' for reading");
-  EXPECT_EQ(zotest::param(info, "path"), missing);
-  EXPECT_EQ(info ? info->nested_errno() : 0, ENOENT);
-  EXPECT_EQ(info ? info->location().function().str() : "",
-            "zocore::FileReadStream::FileReadStream()");
-  info = ZO_EXPECT_ERROR(FileWriteStream s(dir_.c_str()), zocore::error::zocore_errno,
-                         "Cannot open file '{@path}' for writing");
-  EXPECT_EQ(zotest::param(info, "path"), dir_);
-  EXPECT_EQ(info ? info->nested_errno() : 0, EISDIR);
-  EXPECT_EQ(info ? info->location().function().str() : "",
-            "zocore::FileWriteStream::FileWriteStream()");
-
   // A directory opens for reading but cannot be read, and is no regular file, so skip reads too.
   FileReadStream directory(dir_.c_str());
   FileReadStream bad(-1);
   FileWriteStream not_writable(::open(dir_.c_str(), O_RDONLY | O_CLOEXEC), true);
   FileWriteStream full("/dev/full");
+  std::string const missing = path("missing.bin");
   char buf[4];
-  std::tuple<std::function<void()>, int, char const*> const cases[] = {
-      {[&] { directory.read(buf, 4); }, EISDIR, "zocore::FileReadStream::read()"},
-      {[&] { directory.skip(4); }, EISDIR, "zocore::FileReadStream::skip()"},
-      {[&] { bad.read(buf, 1); }, EBADF, "zocore::FileReadStream::read()"},
-      {[&] { bad.skip(1); }, EBADF, "zocore::FileReadStream::skip()"},
-      {[&] { bad.bytes_remaining(); }, EBADF, "zocore::FileReadStream::bytes_remaining()"},
-      {[&] { not_writable.write("x", 1); }, EBADF, "zocore::FileWriteStream::write()"},
-      {[&] { full.write("abc", 3); }, ENOSPC, "zocore::FileWriteStream::write()"},
+  constexpr char kSystem[] = "System error {@errno}: {@description}";
+  // Call, message, errno, function (of zocore::), path parameter.
+  std::tuple<std::function<void()>, char const*, int, char const*, std::string> const cases[] = {
+      {[&] { FileReadStream s(missing.c_str()); }, "Cannot open file '{@path}' for reading", ENOENT,
+       "FileReadStream::FileReadStream()", missing},
+      {[&] { FileWriteStream s(dir_.c_str()); }, "Cannot open file '{@path}' for writing", EISDIR,
+       "FileWriteStream::FileWriteStream()", dir_},
+      {[&] { directory.read(buf, 4); }, kSystem, EISDIR, "FileReadStream::read()", ""},
+      {[&] { directory.skip(4); }, kSystem, EISDIR, "FileReadStream::skip()", ""},
+      {[&] { bad.read(buf, 1); }, kSystem, EBADF, "FileReadStream::read()", ""},
+      {[&] { bad.skip(1); }, kSystem, EBADF, "FileReadStream::skip()", ""},
+      {[&] { bad.bytes_remaining(); }, kSystem, EBADF, "FileReadStream::bytes_remaining()", ""},
+      {[&] { not_writable.write("x", 1); }, kSystem, EBADF, "FileWriteStream::write()", ""},
+      {[&] { full.write("abc", 3); }, kSystem, ENOSPC, "FileWriteStream::write()", ""},
   };
-  for (auto const& [call, err, function] : cases) {
-    info = ZO_EXPECT_ERROR(call(), zocore::error::zocore_errno,
-                           "System error {@errno}: {@description}");
+  for (auto const& [call, message, err, function, file] : cases) {
+    auto const info = ZO_EXPECT_ERROR(call(), zocore::error::zocore_errno, message);
     EXPECT_EQ(info ? info->nested_errno() : 0, err) << function;
-    EXPECT_EQ(info ? info->location().function().str() : "", function);
+    EXPECT_EQ(info ? info->location().function().str() : "", std::string("zocore::") + function);
+    EXPECT_EQ(zotest::param(info, "path"), file.empty() ? "<missing>" : file) << function;
   }
 }
 
-// The writer feeds a pipe in small pieces while the reader asks for large blocks, so reads come
-// back short from the kernel and must be completed by the stream; a pipe cannot seek, so skip
-// reads and discards, across several discard blocks.
+// Small writes make the kernel return short reads, which the stream must complete; a pipe cannot
+// seek, so skip reads and discards, across several discard blocks.
 TEST(FileStreamThreadsTest, ShortPipeReadsAreCompletedAndSkipsRead) {
   int fds[2];
   ASSERT_EQ(::pipe(fds), 0);

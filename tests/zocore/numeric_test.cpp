@@ -1,11 +1,6 @@
 #include <climits>
 #include <cmath>
 #include <cstdint>
-#include <limits>
-#include <string>
-#include <tuple>
-#include <typeinfo>
-#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -45,12 +40,10 @@ TEST(NumericTest, StringToDoubleParsesTheWholeText) {
     ErrorPtr error;
     double const value = parse(text, &error);
     EXPECT_FALSE(error) << text;
-    if (std::isnan(expected)) {
-      EXPECT_TRUE(std::isnan(value)) << text;
-    } else {
-      EXPECT_EQ(value, expected) << text;
-      EXPECT_EQ(std::signbit(value), std::signbit(expected)) << text;
-    }
+    EXPECT_TRUE(std::isnan(expected)
+                    ? std::isnan(value)
+                    : value == expected && std::signbit(value) == std::signbit(expected))
+        << text << " -> " << value;
   }
 }
 
@@ -80,12 +73,12 @@ TEST(NumericTest, StringToDoubleFailureReportsARecordAndReturnsZero) {
 }
 
 TEST(NumericTest, SafeCastFailureNamesTheDemangledType) {
+  using Case = std::tuple<std::type_info const&, unsigned long long, char const*>;
   for (auto const& [type, value, name] :
-       {std::tuple<std::type_info const&, unsigned long long, char const*>{typeid(unsigned short),
-                                                                           65536, "unsigned short"},
-        {typeid(signed char), 200, "signed char"},
-        {typeid(std::int32_t), ULLONG_MAX, "int"},
-        {typeid(zocore::ErrorInfo), 1, "zocore::ErrorInfo"}}) {
+       {Case{typeid(unsigned short), 65536, "unsigned short"},
+        Case{typeid(signed char), 200, "signed char"},
+        Case{typeid(std::int32_t), ULLONG_MAX, "int"},
+        Case{typeid(zocore::ErrorInfo), 1, "zocore::ErrorInfo"}}) {
     auto const info = ZO_EXPECT_ERROR(zocore::impl::safe_cast_throw_value_truncated(type, value),
                                       zocore::error::zocore_range,
                                       "Value {@value} does not fit into type '{@type}'");

@@ -1,8 +1,4 @@
-#include <atomic>
 #include <thread>
-#include <type_traits>
-#include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -11,6 +7,7 @@
 #include <zocore/ref_count_ptr.h>
 #include <zocore/ref_counted.h>
 #include <zocore/stream.h>
+#include <zocore/thread_mutex.h>
 
 namespace {
 
@@ -29,8 +26,7 @@ struct Tracked : Counted {
 };
 struct Derived : Tracked {};
 
-// Both stream interfaces, with the counted base last so that neither interface pointer coincides
-// with the owner's pointer.
+// The counted base last, so that neither interface pointer coincides with the owner's.
 struct Pipe : IReadStream, IWriteStream, Tracked {
   unsigned read(void*, unsigned) override { return 0; }
   unsigned skip(unsigned) override { return 0; }
@@ -42,16 +38,10 @@ struct Pipe : IReadStream, IWriteStream, Tracked {
 static_assert(std::is_convertible_v<RefCountPtr<Derived>, RefCountPtr<Tracked const>>);
 static_assert(!std::is_convertible_v<RefCountPtr<Tracked>, RefCountPtr<Derived>>);
 static_assert(!std::is_convertible_v<Tracked*, RefCountPtr<Tracked>>);
-static_assert(std::is_same_v<InterfacePtr<IReadStream>::owner_type, RefCountPtr<Counted>>);
-static_assert(std::is_convertible_v<RefCountPtr<Pipe>, InterfacePtr<IWriteStream>>);
 static_assert(!std::is_constructible_v<InterfacePtr<IWriteStream>, RefCountPtr<Tracked>>);
 
-class RefCountPtrTest : public ::testing::Test {
- protected:
-  void SetUp() override { g_deletes = 0; }
-};
-
-TEST_F(RefCountPtrTest, CopiesCountAndTheLastReleaseDeletesOnce) {
+TEST(RefCountPtrTest, CopiesCountAndTheLastReleaseDeletesOnce) {
+  g_deletes = 0;
   auto* const raw = new Tracked;
   EXPECT_EQ(raw->ref_count(), 0u);
   {
@@ -70,7 +60,8 @@ TEST_F(RefCountPtrTest, CopiesCountAndTheLastReleaseDeletesOnce) {
   EXPECT_EQ(g_deletes, 2);
 }
 
-TEST_F(RefCountPtrTest, MoveSelfAssignmentResetDetachAndAdopt) {
+TEST(RefCountPtrTest, MoveSelfAssignmentResetDetachAndAdopt) {
+  g_deletes = 0;
   RefCountPtr<Tracked> a(new Tracked);
   Tracked* const raw = a.get();
   RefCountPtr<Tracked> c(new Tracked);
@@ -92,7 +83,7 @@ TEST_F(RefCountPtrTest, MoveSelfAssignmentResetDetachAndAdopt) {
   EXPECT_EQ(g_deletes, 3);
 }
 
-TEST_F(RefCountPtrTest, ConvertingConstructionCastsAndAccess) {
+TEST(RefCountPtrTest, ConvertingConstructionAndCast) {
   RefCountPtr<Derived> derived = zocore::make_ref_counted<Derived>();
   RefCountPtr<Tracked> const shared(derived);
   EXPECT_EQ(zocore::static_pointer_cast<Derived>(shared), derived);
@@ -104,7 +95,8 @@ TEST_F(RefCountPtrTest, ConvertingConstructionCastsAndAccess) {
 }
 
 // The interface pointers are adjusted to the object's bases, and the owner keeps it alive.
-TEST_F(RefCountPtrTest, InterfacePtrSharesTheObjectUntilTheLastOwnerGoes) {
+TEST(RefCountPtrTest, InterfacePtrSharesTheObjectUntilTheLastOwnerGoes) {
+  g_deletes = 0;
   InterfacePtr<IReadStream> reader;
   InterfacePtr<IWriteStream> writer;
   {
@@ -136,20 +128,40 @@ TEST(RefCountPtrThreadsTest, ConcurrentCopiesDeleteExactlyOnce) {
   g_deletes = 0;
   for (int trial = 1; trial <= 5; ++trial) {
     std::vector<RefCountPtr<Tracked>> seeds(4, RefCountPtr<Tracked>(new Tracked));
-    std::vector<std::thread> threads;
-    for (RefCountPtr<Tracked>& seed : seeds) {
-      threads.emplace_back([seed = std::move(seed)]() mutable {
-        for (int i = 0; i < 20000; ++i) {
-          RefCountPtr<Tracked> copy(seed);
-          RefCountPtr<Tracked> moved(std::move(copy));
-        }
-        seed.reset();  // the last thread to get here deletes the object
-      });
+    {
+      std::vector<std::jthread> threads;
+      for (RefCountPtr<Tracked>& seed : seeds) {
+        threads.emplace_back([seed = std::move(seed)]() mutable {
+          for (int i = 0; i < 20000; ++i) {
+            RefCountPtr<Tracked> copy(seed);
+            RefCountPtr<Tracked> const moved(std::move(copy));
+          }
+          seed.reset();  // the last thread to get here deletes the object
+        });
+      }
     }
-    for (std::thread& thread : threads)
-      thread.join();
     EXPECT_EQ(g_deletes, trial);
   }
+}
+
+// A guard that kept the lock past its scope would block the other threads forever.
+TEST(ThreadMutexThreadsTest, IncrementsUnderTheMutexAreNotLost) {
+  zocore::ThreadMutex mutex;
+  ASSERT_EQ(mutex.acquire(), 0);
+  mutex.release();
+  long counter = 0;  // deliberately not atomic: only the mutex protects it
+  {
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([&] {
+        for (int i = 0; i < 50000; ++i) {
+          zocore::ThreadMutexGuard const guard(mutex);
+          ++counter;
+        }
+      });
+    }
+  }  // joined here
+  EXPECT_EQ(counter, 4 * 50000L);
 }
 
 }  // namespace

@@ -1,9 +1,5 @@
 #include <cinttypes>
-#include <cstdint>
 #include <cstdio>
-#include <sstream>
-#include <string>
-#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -14,8 +10,7 @@ namespace {
 
 namespace streamers = zocore::streamers;
 
-// The layout is that of `hexdump -C` without its closing offset line; the lines were produced by
-// that tool.
+// The lines were produced by `hexdump -C` (without its closing offset line).
 TEST(StreamersTest, HexDumpGoldenText) {
   std::tuple<std::string, std::uint64_t, char const*, char const*> const cases[] = {
       {"", 0, ">> ", ""},
@@ -43,27 +38,23 @@ TEST(StreamersTest, HexDumpGoldenText) {
 TEST(StreamersTest, PointerAndBoolean) {
   int const object = 0;
   std::ostringstream os;
-  streamers::render_pointer(os, nullptr);
-  os << ' ';
-  streamers::render_pointer(os, &object);
-  os << ' ' << streamers::Boolean{true} << ',' << streamers::Boolean{false};
+  streamers::render_pointer(os << streamers::Boolean{true} << ',' << streamers::Boolean{false},
+                            nullptr);
+  streamers::render_pointer(os << ' ', &object);
   char expected[64];
-  std::snprintf(expected, sizeof expected, "0x0000000000000000 0x%016" PRIxPTR " true,false",
+  std::snprintf(expected, sizeof expected, "true,false0x0000000000000000 0x%016" PRIxPTR,
                 reinterpret_cast<std::uintptr_t>(&object));
   EXPECT_EQ(os.str(), expected);
 }
 
 TEST(StreamersTest, QuotedStringEscapesAndLimits) {
+  // clang-format off
   std::tuple<std::string, char, std::size_t, std::string> const cases[] = {
-      {"", '"', 0, R"("")"},
-      {R"(a"b\c)", '"', 10, R"("a\"b\\c")"},
-      {R"(it's "x")", '\'', 20, R"('it\'s "x"')"},
-      {"abcde", '"', 5, R"("abcde")"},
-      {"abcdef", '"', 5, R"("abcde"...)"},
-      {"abc", '"', 0, R"(""...)"},
-      {R"(ab"c")", '"', 3, R"("ab\""...)"},
-      {std::string("a\0b\xC3\xA9\n", 6), '"', 10, std::string("\"a\0b\xC3\xA9\n\"", 8)},
-  };
+      {"", '"', 0, R"("")"}, {R"(a"b\c)", '"', 10, R"("a\"b\\c")"}, {"abc", '"', 0, R"(""...)"},
+      {R"(it's "x")", '\'', 20, R"('it\'s "x"')"}, {"abcde", '"', 5, R"("abcde")"},
+      {"abcdef", '"', 5, R"("abcde"...)"}, {R"(ab"c")", '"', 3, R"("ab\""...)"},
+      {std::string("a\0b\xC3\xA9\n", 6), '"', 10, std::string("\"a\0b\xC3\xA9\n\"", 8)}};
+  // clang-format on
   for (auto const& [text, quote, limit, expected] : cases) {
     std::ostringstream os;
     streamers::String::write_string(os, text.data(), text.size(), quote, limit);

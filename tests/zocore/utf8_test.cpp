@@ -1,9 +1,5 @@
 #include <algorithm>
 #include <cstdint>
-#include <functional>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -30,15 +26,13 @@ std::vector<std::string> prefixes() {
   return result;
 }
 
-// Encodes exactly the scalar values, only when the room suffices, writing nothing past the
-// sequence; the encodings at the boundaries of every length class are valid behind any prefix.
-TEST(Utf8Test, ScalarValuesAtEveryBoundaryEncodeAndValidate) {
+// Encodes scalar values only, when the room suffices, writing nothing past the sequence.
+TEST(Utf8Test, Ucs4ToUtf8AtEveryBoundary) {
   // clang-format off
   std::pair<unsigned, char const*> const cases[] = {
       {0x0, "00"}, {0x7F, "7F"}, {0x80, "C2 80"}, {0x7FF, "DF BF"}, {0x800, "E0 A0 80"},
       {0xD7FF, "ED 9F BF"}, {0xD800, ""}, {0xDFFF, ""}, {0xE000, "EE 80 80"}, {0xFFFF, "EF BF BF"},
-      {0x10000, "F0 90 80 80"}, {0x40000, "F1 80 80 80"}, {0xFFFFF, "F3 BF BF BF"},
-      {0x10FFFF, "F4 8F BF BF"}, {0x110000, ""}, {0xFFFFFFFF, ""},
+      {0x10000, "F0 90 80 80"}, {0x10FFFF, "F4 8F BF BF"}, {0x110000, ""}, {0xFFFFFFFF, ""},
   };
   // clang-format on
   for (auto const& [ucs4, hex] : cases) {
@@ -50,20 +44,14 @@ TEST(Utf8Test, ScalarValuesAtEveryBoundaryEncodeAndValidate) {
     buf.assign(8, '\x55');
     EXPECT_EQ(zocore::ucs4_char_to_utf8(ucs4, buf.data(), buf.data() + room - 1), 0u) << hex;
     EXPECT_EQ(buf, std::string(8, '\x55')) << hex;
-    for (std::string const& prefix : prefixes()) {
-      std::string const text = prefix + expected + "tail";
-      EXPECT_EQ(first_invalid(text), text.size()) << hex << " behind " << prefix.size();
-      EXPECT_NO_THROW(zocore::check_valid_utf8(text.data(), static_cast<unsigned>(text.size())));
-    }
   }
   EXPECT_EQ(zocore::ucs4_char_to_utf8(0x41, nullptr, nullptr), 0u);
 }
 
 // Checked by find_invalid_utf8 behind every prefix, and by every function that raises the error.
 TEST(Utf8Test, InvalidTextReportsItsFirstBadByte) {
-  // Hex bytes and the offset of the first bad byte: stray continuation and never-lead bytes,
-  // overlong forms, surrogates, code points above U+10FFFF, sequences cut short by the end or by
-  // a byte that is no continuation.
+  // Offset of the first bad byte: stray or never-lead bytes, overlong forms, surrogates, code
+  // points above U+10FFFF, sequences cut short by the end or by a byte that is no continuation.
   // clang-format off
   std::pair<char const*, std::size_t> const cases[] = {
       {"80", 0}, {"BF", 0}, {"C3 A9 A9", 2}, {"41 42 80 43", 2}, {"FE", 0}, {"FF", 0},
@@ -78,7 +66,6 @@ TEST(Utf8Test, InvalidTextReportsItsFirstBadByte) {
     for (std::string const& prefix : prefixes()) {
       std::string const text = prefix + zotest::bytes(hex);
       EXPECT_EQ(first_invalid(text), prefix.size() + offset) << hex << " behind " << prefix.size();
-      EXPECT_FALSE(zocore::is_valid_utf8(text.data(), text.size()));
     }
     std::string const text = "ok " + zotest::bytes(hex);
     auto const size = static_cast<unsigned>(text.size());
@@ -112,8 +99,8 @@ bool reference_valid(unsigned char const* s, std::size_t n) {
   return cp >= min_for_length[len] && cp <= 0x10FFFF && !(cp >= 0xD800 && cp <= 0xDFFF);
 }
 
-// Every lead and second byte, completed to the announced length with either extreme of the
-// continuation range, agrees with the reference.
+// Every lead and second byte, completed with either extreme continuation byte; the sequence
+// length of every lead byte.
 TEST(Utf8Test, AllLeadAndSecondBytesAgreeWithReference) {
   for (unsigned lead = 0; lead < 256; ++lead) {
     std::size_t const n = std::clamp(zocore::utf8_sequence_length(static_cast<char>(lead)), 2u, 4u);
@@ -127,12 +114,13 @@ TEST(Utf8Test, AllLeadAndSecondBytesAgreeWithReference) {
       }
     }
   }
-}
-
-TEST(Utf8Test, SequenceLengthByLeadByte) {
+  for (std::string const& prefix : prefixes()) {
+    std::string const text = prefix + zotest::bytes("C2 80 E0 A0 80 ED 9F BF F4 8F BF BF") + "z";
+    EXPECT_NO_THROW(zocore::check_valid_utf8(text.data(), static_cast<unsigned>(text.size())));
+  }
   for (unsigned c = 0; c < 256; ++c) {
-    char const expected = c < 0xF8 ? "11111111111111110000000022223345"[c >> 3] : "55556600"[c & 7];
-    EXPECT_EQ(zocore::utf8_sequence_length(static_cast<char>(c)), unsigned(expected - '0')) << c;
+    char const length = c < 0xF8 ? "11111111111111110000000022223345"[c >> 3] : "55556600"[c & 7];
+    EXPECT_EQ(zocore::utf8_sequence_length(static_cast<char>(c)), unsigned(length - '0')) << c;
   }
 }
 
@@ -173,20 +161,6 @@ TEST(WideStringTest, UnpairedSurrogatesAndInvalidUnitsAreRejectedWithTheirIndex)
                            zocore::error::zocore_utf8, kMessage);
     EXPECT_EQ(zotest::param(info, "index"), std::to_string(index));
   }
-}
-
-// Every Unicode scalar value survives UTF-32 -> UTF-8 -> UTF-16 -> UTF-8 -> UTF-32.
-TEST(WideStringTest, AllScalarValuesRoundTrip) {
-  std::wstring all;
-  for (wchar_t c = 0; c <= 0x10FFFF; c = c == 0xD7FF ? 0xE000 : c + 1)
-    all.push_back(c);
-  std::string const utf8 = zocore::to_string(all);
-  std::u16string const utf16 =
-      zocore::to_u16string(utf8.data(), static_cast<unsigned>(utf8.size()));
-  EXPECT_EQ(utf16.size(), all.size() + (0x110000 - 0x10000));
-  std::string const again = zocore::to_string(utf16.data(), static_cast<unsigned>(utf16.size()));
-  EXPECT_EQ(again, utf8);
-  EXPECT_TRUE(zocore::to_wstring(again) == all);
 }
 
 }  // namespace
