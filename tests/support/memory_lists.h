@@ -22,14 +22,12 @@ zoserialize::MemoryListPtr list_in_pieces(std::string_view data,
                                           std::vector<std::size_t> const& sizes);
 // `data` appended to `list` (null: a fresh MemoryList, cut as the pooled chunks cut it).
 zoserialize::MemoryListPtr list_of(std::string_view data, zoserialize::MemoryListPtr list = {});
-// An empty list whose factory hands out heap chunks of exactly `chunk_size` bytes (1, 3, 7 or
-// 64), whatever the request. Clones and sublists keep the factory.
+// An empty list whose factory makes heap chunks of `chunk_size` (1, 3, 7, 64) bytes, whatever the
+// request; clones and sublists keep the factory.
 zoserialize::MemoryListPtr tiny_chunk_list(unsigned chunk_size);
 
-// Ways to lay out bytes as a list, for running reader tests over every kind of seam: one segment;
-// pooled chunks; irregular pieces (1, 4, 2, 9, 1, 100, 3, 4093, 5, 65536); 64-byte chunks with
-// room behind the last segment; unless `large` (for hundreds of kilobytes), also pieces of 1, 2,
-// 3 and 7 bytes and 1- and 3-byte chunks.
+// Layouts for running reader tests over every kind of seam: one segment, pooled chunks, irregular
+// pieces, 64-byte chunks; unless `large` (hundreds of kilobytes), also tiny pieces and chunks.
 struct ListLayout {
   std::string name;
   std::function<zoserialize::MemoryListPtr(std::string_view)> make;

@@ -228,17 +228,7 @@ TEST(MemoryListTest, CursorsPositionsRangesAndReaders) {
   EXPECT_TRUE(reader.is_eof() && reader.peek() == -1 && !reader.contiguous(&avail));
 }
 
-// ---- Copies and trace
-
-TEST(MemoryListTest, CopyFromTakesSegmentsWritePositionAndFactory) {
-  MemoryListPtr const small = list_of("xyz", MemoryList::create_with_factory(&small_chunk_factory));
-  small->write_seek(1);
-  MemoryListPtr const list = list_of("abcdef");
-  list->copy_from(*small);
-  EXPECT_EQ(zotest::chunks_of(*list), zotest::chunks_of(*small));
-  EXPECT_EQ(list->get_write_position(), 1U);
-  EXPECT_EQ(list->chunk_factory(), &small_chunk_factory);
-}
+// ---- Trace
 
 std::string address(void const* p) {
   std::ostringstream os;
@@ -286,10 +276,14 @@ TEST(MemoryListPoolTest, AtMost128ListsOfAtMost64SegmentsComeBackEmptyLastInFirs
   MemoryListPtr list = MemoryList::create_with_factory(&small_chunk_factory);
   list->append(chunk, 0, 100);
   list->write_seek(5);
+  MemoryListPtr const copy = list_of("abcdef");  // copy_from takes segments, position, factory
+  copy->copy_from(*list);
+  EXPECT_EQ(zotest::chunks_of(*copy), zotest::chunks_of(*list));
+  EXPECT_TRUE(copy->get_write_position() == 5 && copy->chunk_factory() == &small_chunk_factory);
   MemoryListBaseType const* address = list.get();
   list = nullptr;
   EXPECT_TRUE(Peer::is_pooled(address));
-  EXPECT_TRUE(chunk->is_unique());  // a pooled list holds no chunks
+  EXPECT_EQ(chunk->ref_count(), 2U);  // a pooled list holds no chunks: only `copy` does
   list = MemoryList::create();
   EXPECT_EQ(list.get(), address);
   EXPECT_TRUE(list->empty() && list->segment_count() == 0 && list->get_write_position() == 0);

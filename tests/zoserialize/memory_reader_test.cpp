@@ -54,12 +54,8 @@ using zotest::pattern_string;
 using ECopy = BinaryGoldenCase::ECopy;
 using EToken = Reader::EToken;
 
-MemoryReader reader_of(std::string_view data) {
-  return MemoryReader(ConstMemoryListPtr(list_of(data)));
-}
-
 MemoryReader reader_of_hex(std::string_view hex) {
-  return reader_of(zotest::bytes(hex));
+  return MemoryReader(ConstMemoryListPtr(list_of(zotest::bytes(hex))));
 }
 
 std::unique_ptr<BinaryReader> stream_reader_of(std::string data, unsigned buffer = 4096) {
@@ -130,8 +126,7 @@ TEST_P(MemoryReaderGoldenTest, ReadsSkipsComparesAndCopiesLikeTheStreamReaderAnd
     MemoryReader reader{ConstMemoryListPtr(list)};
     EXPECT_EQ(reader.size(), row.bytes.size());
     row.read(reader);
-    EXPECT_TRUE(reader.is_eof());
-    EXPECT_EQ(reader.position(), row.bytes.size());
+    EXPECT_TRUE(reader.is_eof() && reader.position() == row.bytes.size());
     MemoryReader skipper{ConstMemoryListPtr(list)};
     EXPECT_EQ(skip_all(skipper), row.elements);
     MemoryReader memory{ConstMemoryListPtr(list)};
@@ -421,13 +416,13 @@ TEST(MemoryReaderTest, PayloadStreamsOutliveTheirPositionAndTheReader) {
       EXPECT_TRUE(reader.read_bool());
     }
     EXPECT_EQ(plain->skip(90), 90U);
-    EXPECT_TRUE(zotest::read_all(*plain, 7) == data.substr(100));
-    EXPECT_EQ(plain->bytes_remaining(), 0U);
+    EXPECT_TRUE(zotest::read_all(*plain, 7) == data.substr(100) && plain->bytes_remaining() == 0);
     EXPECT_EQ(pieces->skip(299), 299U);
     EXPECT_TRUE(zotest::read_all(*pieces, 13) == data.substr(299));
   }
-  MemoryReader reader = reader_of(chunked_string(zotest::golden_text(5000), 4096) +
-                                  zotest::bytes("53 61 62 63 93 01 02 03 9B 01 AA 9F"));
+  MemoryReader reader(
+      ConstMemoryListPtr(list_of(chunked_string(zotest::golden_text(5000), 4096) +
+                                 zotest::bytes("53 61 62 63 93 01 02 03 9B 01 AA 9F"))));
   auto const text = reader.read_string_stream();
   EXPECT_EQ(zotest::read_all(*reader.read_string_stream()), "abc");
   EXPECT_TRUE(zotest::read_all(*text, 1000) == zotest::golden_text(5000));

@@ -339,8 +339,8 @@ TEST(MemoryWriterTest, EmbeddingCopiesOnlyWhatFitsTheFreeRoomAndSharesTheRest) {
     writer << true << zotest::golden_text(3000);
     EXPECT_TRUE(bytes_of(*source) == data + "tail");
     MemoryReader reader = writer.reader();
-    EXPECT_TRUE(zotest::read_all(*reader.read_binary()) == lead);
-    EXPECT_TRUE(zotest::read_all(*reader.read_binary()) == data);
+    EXPECT_TRUE(zotest::read_all(*reader.read_binary()) == lead &&
+                zotest::read_all(*reader.read_binary()) == data);
     EXPECT_TRUE(reader.read_bool());
     EXPECT_TRUE(reader.read_string() == zotest::golden_text(3000));
   }
