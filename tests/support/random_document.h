@@ -14,12 +14,10 @@ namespace zotest {
 
 // One random document, generated twice from the same seed: once written, once read back and
 // checked with gtest assertions. Documents mix every element kind: integers of any width, doubles
-// with special bit patterns, strings and binaries whole, streamed in pieces or taken from input
-// streams (some long enough to be chunked), times, UUIDs, sequences with and without count hints
-// and nested markers. Structure decisions come from one generator, so both runs take the same
-// ones; choices that only the reading side makes (read by value or as a stream, piece sizes,
-// skipping the rest of a marker, leaving a payload stream half read) come from a second one,
-// which the writing side never touches.
+// of every form, strings and binaries whole, streamed in pieces or taken from input streams (some
+// long enough to be chunked), times, UUIDs, sequences with and without count hints, nested
+// markers. The reading side alone chooses how to read (by value or as a stream, piece sizes,
+// skipping the rest of a marker, leaving a payload stream half read).
 class RandomDocument {
  public:
   explicit RandomDocument(std::uint64_t seed);
@@ -27,8 +25,8 @@ class RandomDocument {
   RandomDocument(RandomDocument const&) = delete;
   RandomDocument& operator=(RandomDocument const&) = delete;
 
-  // Writes the document. After each top-level element the writer is flushed and `written()`
-  // (the number of bytes the writer has produced so far) is recorded; returns those offsets.
+  // Writes the document, flushing after each top-level element; returns `written()` (the bytes
+  // produced so far) at each of those points.
   std::vector<std::size_t> write(zoserialize::Writer& writer,
                                  std::function<std::size_t()> const& written);
   // Reads the document back, checking every value, and expects the end of the data after it.

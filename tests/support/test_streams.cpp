@@ -17,20 +17,17 @@ zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE
 constexpr std::size_t kPeriod = 65521;
 
 // The pattern twice over, so that any run of up to one period is a single memcpy.
-struct PatternTable {
-  std::array<unsigned char, 2 * kPeriod> bytes{};
-  PatternTable() noexcept {
+std::array<unsigned char, 2 * kPeriod> const& table() noexcept {
+  static auto const bytes = [] {
+    std::array<unsigned char, 2 * kPeriod> out{};
     std::uint32_t x = 0x9E3779B9u;
     for (std::size_t i = 0; i < kPeriod; ++i) {
-      x = x * 1664525u + 1013904223u;  // LCG: cheap, and no short cycles within a period
-      bytes[i] = bytes[i + kPeriod] = static_cast<unsigned char>(x >> 24);
+      x = x * 1664525u + 1013904223u;
+      out[i] = out[i + kPeriod] = static_cast<unsigned char>(x >> 24);
     }
-  }
-};
-
-PatternTable const& table() noexcept {
-  static PatternTable const t;
-  return t;
+    return out;
+  }();
+  return bytes;
 }
 
 }  // namespace
@@ -38,38 +35,23 @@ PatternTable const& table() noexcept {
 // NOLINTNEXTLINE(cert-err58-cpp): constant-initialised, nothing runs at load
 constinit zocore::ErrorCode const test_stream_error("error.zotest.test_stream", true);
 
-// ---- Pattern ----------------------------------------------------------------------------------
-
-unsigned char pattern_byte(std::uint64_t offset) noexcept {
-  return table().bytes[offset % kPeriod];
-}
-
 void pattern_fill(std::uint64_t offset, void* out, std::size_t size) noexcept {
   auto* p = static_cast<unsigned char*>(out);
-  std::size_t phase = offset % kPeriod;
-  while (size != 0) {
-    std::size_t const n = std::min(size, kPeriod);
-    std::memcpy(p, table().bytes.data() + phase, n);
-    p += n;
-    size -= n;
-    phase = (phase + n) % kPeriod;
+  for (std::size_t n = 0; size != 0; p += n, size -= n, offset += n) {
+    n = std::min(size, kPeriod);
+    std::memcpy(p, table().data() + offset % kPeriod, n);
   }
 }
 
 std::size_t pattern_mismatch(std::uint64_t offset, void const* data, std::size_t size) noexcept {
   auto const* p = static_cast<unsigned char const*>(data);
-  std::size_t phase = offset % kPeriod;
-  std::size_t done = 0;
-  while (done < size) {
-    std::size_t const n = std::min(size - done, kPeriod);
-    unsigned char const* expected = table().bytes.data() + phase;
-    if (std::memcmp(p + done, expected, n) != 0) {
-      for (std::size_t i = 0; i < n; ++i) {
-        if (p[done + i] != expected[i]) return done + i;
-      }
+  for (std::size_t done = 0, n = 0; done < size; done += n) {
+    n = std::min(size - done, kPeriod);
+    unsigned char const* want = table().data() + (offset + done) % kPeriod;
+    if (std::memcmp(p + done, want, n) == 0) continue;
+    for (std::size_t i = 0;; ++i) {
+      if (p[done + i] != want[i]) return done + i;
     }
-    done += n;
-    phase = (phase + n) % kPeriod;
   }
   return size;
 }
@@ -82,11 +64,6 @@ std::string pattern_string(std::uint64_t offset, std::size_t size) {
 
 // ---- ByteSource -------------------------------------------------------------------------------
 
-std::size_t ByteSource::available() const noexcept {
-  std::size_t const end = std::min(data_.size(), limit_);
-  return end > pos_ ? end - pos_ : 0;
-}
-
 unsigned ByteSource::transfer(void* buffer, unsigned size, bool skip) {
   if (ended_) ++calls_after_end_;
   if (calls_.size() == fail_at_) {
@@ -94,10 +71,11 @@ unsigned ByteSource::transfer(void* buffer, unsigned size, bool skip) {
     zocore::throw_error(test_stream_error, "Injected source failure",
                         here("zotest::ByteSource::transfer()"));
   }
-  auto const n = static_cast<unsigned>(std::min<std::size_t>(size, available()));
+  std::size_t const end = std::min(data_.size(), limit_);
+  auto const n = static_cast<unsigned>(std::min<std::size_t>(size, end > pos_ ? end - pos_ : 0));
   if (!skip && n != 0) std::memcpy(buffer, data_.data() + pos_, n);
   pos_ += n;
-  if (n == 0 && size != 0) ended_ = true;
+  ended_ = ended_ || (n == 0 && size != 0);
   calls_.push_back({skip, size, n});
   return n;
 }
@@ -106,19 +84,11 @@ std::ostream& operator<<(std::ostream& os, ByteSource::Call const& call) {
   return os << (call.skip ? "skip(" : "read(") << call.requested << ")=" << call.returned;
 }
 
-unsigned ByteSource::read(void* buffer, unsigned size) {
-  return transfer(buffer, size, false);
-}
-
-unsigned ByteSource::skip(unsigned size) {
-  return transfer(nullptr, size, true);
-}
-
 unsigned ByteSource::bytes_remaining() const {
   if (unknown_size_) return kUnknownSize;
-  if (has_announced_) return announced_;
-  std::size_t const n = available();
-  return n >= kUnknownSize ? kUnknownSize : static_cast<unsigned>(n);
+  if (announced_ >= 0) return static_cast<unsigned>(announced_);
+  std::size_t const end = std::min(data_.size(), limit_);
+  return static_cast<unsigned>(std::min<std::size_t>(end > pos_ ? end - pos_ : 0, kUnknownSize));
 }
 
 // ---- RecordingSink ----------------------------------------------------------------------------
@@ -133,7 +103,6 @@ void RecordingSink::write(void const* data, unsigned size) {
 
 std::vector<unsigned> RecordingSink::write_sizes() const {
   std::vector<unsigned> sizes;
-  sizes.reserve(writes_.size());
   for (std::string const& w : writes_)
     sizes.push_back(static_cast<unsigned>(w.size()));
   return sizes;
@@ -146,10 +115,9 @@ std::string RecordingSink::bytes() const {
   return out;
 }
 
-// ---- PatternSource ----------------------------------------------------------------------------
+// ---- Generating sources and the checking sink -------------------------------------------------
 
 unsigned PatternSource::read(void* buffer, unsigned size) {
-  ++reads_;
   auto const n = static_cast<unsigned>(std::min<std::uint64_t>(size, total_ - pos_));
   pattern_fill(pos_, buffer, n);
   pos_ += n;
@@ -163,96 +131,57 @@ unsigned PatternSource::skip(unsigned size) {
 }
 
 unsigned PatternSource::bytes_remaining() const {
-  std::uint64_t const left = total_ - pos_;
-  if (!report_size_ || left >= kUnknownSize) return kUnknownSize;
-  return static_cast<unsigned>(left);
-}
-
-// ---- ChunkedPatternSource ---------------------------------------------------------------------
-
-ChunkedPatternSource::ChunkedPatternSource(unsigned char prefix, std::uint64_t total,
-                                           unsigned chunk_size) noexcept
-    : prefix_(prefix), total_(total), chunk_size_(chunk_size) {
-  start_chunk();
-}
-
-void ChunkedPatternSource::start_chunk() {
-  header_done_ = 0;
-  if (payload_pos_ >= total_) {
-    header_size_ = 0;
-    chunk_left_ = 0;
-    return;
-  }
-  auto const size =
-      static_cast<unsigned>(std::min<std::uint64_t>(chunk_size_, total_ - payload_pos_));
-  bool const first = payload_pos_ == 0;
-  if (size < 256) {
-    header_[0] = static_cast<unsigned char>(prefix_ | (first ? 0xB : 0xD));
-    header_[1] = static_cast<unsigned char>(size);
-    header_size_ = 2;
-  } else {
-    header_[0] = static_cast<unsigned char>(prefix_ | (first ? 0xC : 0xE));
-    header_[1] = static_cast<unsigned char>(size >> 8);
-    header_[2] = static_cast<unsigned char>(size);
-    header_size_ = 3;
-  }
-  chunk_left_ = size;
+  return static_cast<unsigned>(std::min<std::uint64_t>(total_ - pos_, kUnknownSize));
 }
 
 unsigned ChunkedPatternSource::read(void* buffer, unsigned size) {
   auto* out = static_cast<unsigned char*>(buffer);
   unsigned done = 0;
   while (done < size) {
-    if (header_done_ < header_size_) {
-      unsigned const n = std::min(size - done, header_size_ - header_done_);
-      if (out) std::memcpy(out + done, header_ + header_done_, n);
-      header_done_ += n;
-      done += n;
+    if (chunk_left_ == 0 && header_.empty() && payload_pos_ < total_) {
+      // The header of the next chunk: tag, then a 1-byte length below 256, else 2 bytes.
+      auto const n =
+          static_cast<unsigned>(std::min<std::uint64_t>(chunk_size_, total_ - payload_pos_));
+      unsigned const nibble = (started_ ? 0xD : 0xB) + (n < 256 ? 0 : 1);
+      header_ = std::string(1, static_cast<char>(prefix_ | nibble));
+      if (n >= 256) header_ += static_cast<char>(n >> 8);
+      header_ += static_cast<char>(n & 0xFF);
+      chunk_left_ = n;
+      started_ = true;
+    }
+    unsigned n = 0;
+    if (!header_.empty()) {
+      n = std::min<unsigned>(size - done, static_cast<unsigned>(header_.size()));
+      if (out) std::memcpy(out + done, header_.data(), n);
+      header_.erase(0, n);
     } else if (chunk_left_ != 0) {
-      unsigned const n = std::min(size - done, chunk_left_);
+      n = std::min(size - done, chunk_left_);
       if (out) pattern_fill(payload_pos_, out + done, n);
       payload_pos_ += n;
       chunk_left_ -= n;
-      done += n;
-      if (chunk_left_ == 0) start_chunk();
     } else if (!end_tag_done_) {
+      n = 1;
       if (out) out[done] = static_cast<unsigned char>(prefix_ | 0xF);
       end_tag_done_ = true;
-      ++done;
     } else {
       break;
     }
+    done += n;
   }
-  pos_ += done;
   return done;
 }
 
-unsigned ChunkedPatternSource::skip(unsigned size) {
-  return read(nullptr, size);
-}
-
-// ---- CheckingSink -----------------------------------------------------------------------------
-
-CheckingSink::CheckingSink(zocore::InterfacePtr<zocore::IReadStream> expected)
-    : expected_(std::move(expected)) {}
-
 void CheckingSink::write(void const* data, unsigned size) {
-  ++writes_;
   largest_ = std::max(largest_, size);
   if (scratch_.size() < size) scratch_.resize(size);
   unsigned const got = expected_->read(scratch_.data(), size);
-  if (!mismatch_) {
-    if (std::memcmp(scratch_.data(), data, got) != 0) {
-      auto const* p = static_cast<unsigned char const*>(data);
-      unsigned i = 0;
-      while (p[i] == scratch_[i])
-        ++i;
-      mismatch_ = true;
-      mismatch_at_ = written_ + i;
-    } else if (got < size) {
-      mismatch_ = true;  // written past the expected end
-      mismatch_at_ = written_ + got;
-    }
+  if (!mismatch_ && (got < size || std::memcmp(scratch_.data(), data, size) != 0)) {
+    auto const* p = static_cast<unsigned char const*>(data);
+    unsigned i = 0;
+    while (i < got && p[i] == scratch_[i])
+      ++i;
+    mismatch_ = true;
+    mismatch_at_ = written_ + i;
   }
   written_ += size;
 }
