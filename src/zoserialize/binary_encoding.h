@@ -28,7 +28,9 @@ enum class ETypePrefix : unsigned char {
   ReservedF = 0xF0,
 };
 
-constexpr int prefix_value(ETypePrefix p) noexcept { return static_cast<int>(p); }
+constexpr int prefix_value(ETypePrefix p) noexcept {
+  return static_cast<int>(p);
+}
 
 // Tags and value nibbles with a fixed meaning.
 inline constexpr unsigned char kTagNull = 0x00;
@@ -40,14 +42,14 @@ inline constexpr unsigned char kTagMarkerStart = 0xB0;  // no size field
 inline constexpr unsigned char kTagMarkerEnd = 0xBF;
 
 // Length forms of strings and binaries (value nibble).
-inline constexpr unsigned kNibbleLength1 = 0x8;         // 1-byte length follows
-inline constexpr unsigned kNibbleLength2 = 0x9;         // 2-byte length
-inline constexpr unsigned kNibbleLength4 = 0xA;         // 4-byte length
-inline constexpr unsigned kNibbleFirstChunk1 = 0xB;     // first chunk, 1-byte length
-inline constexpr unsigned kNibbleFirstChunk2 = 0xC;     // first chunk, 2-byte length
-inline constexpr unsigned kNibbleNextChunk1 = 0xD;      // continuation chunk, 1-byte length
-inline constexpr unsigned kNibbleNextChunk2 = 0xE;      // continuation chunk, 2-byte length
-inline constexpr unsigned kNibbleChunkEnd = 0xF;        // end of a chunked value
+inline constexpr unsigned kNibbleLength1 = 0x8;      // 1-byte length follows
+inline constexpr unsigned kNibbleLength2 = 0x9;      // 2-byte length
+inline constexpr unsigned kNibbleLength4 = 0xA;      // 4-byte length
+inline constexpr unsigned kNibbleFirstChunk1 = 0xB;  // first chunk, 1-byte length
+inline constexpr unsigned kNibbleFirstChunk2 = 0xC;  // first chunk, 2-byte length
+inline constexpr unsigned kNibbleNextChunk1 = 0xD;   // continuation chunk, 1-byte length
+inline constexpr unsigned kNibbleNextChunk2 = 0xE;   // continuation chunk, 2-byte length
+inline constexpr unsigned kNibbleChunkEnd = 0xF;     // end of a chunked value
 
 // Times: value nibbles.
 inline constexpr unsigned kNibbleTimeZero = 0x0;

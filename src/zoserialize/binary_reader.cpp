@@ -96,12 +96,14 @@ class BinaryReader::BinaryStreamChunkedImpl : public BinaryStreamImplBase {
       : BinaryStreamImplBase(reader), remaining_(first_chunk), prefix_(prefix) {}
 
   unsigned read(void* data, unsigned size) override {
-    static constexpr char kFunction[] = "zoserialize::BinaryReader::BinaryStreamChunkedImpl::read()";
+    static constexpr char kFunction[] =
+        "zoserialize::BinaryReader::BinaryStreamChunkedImpl::read()";
     return transfer(static_cast<unsigned char*>(data), size, kFunction);
   }
 
   unsigned skip(unsigned size) override {
-    static constexpr char kFunction[] = "zoserialize::BinaryReader::BinaryStreamChunkedImpl::skip()";
+    static constexpr char kFunction[] =
+        "zoserialize::BinaryReader::BinaryStreamChunkedImpl::skip()";
     return transfer(nullptr, size, kFunction);
   }
 
@@ -173,8 +175,9 @@ class BinaryReader::BinaryStreamChunkedImpl : public BinaryStreamImplBase {
               "Value={@tagValue}")
               .add("type", impl::type_prefix_name(tag))
               .add("value", unsigned{tag})
-              .throw_error(error::zoserialize_reader_data_type,
-                           here("zoserialize::BinaryReader::BinaryStreamChunkedImpl::next_chunk()"));
+              .throw_error(
+                  error::zoserialize_reader_data_type,
+                  here("zoserialize::BinaryReader::BinaryStreamChunkedImpl::next_chunk()"));
       }
     }
   }
@@ -235,7 +238,9 @@ bool BinaryReader::ensure_byte() const {
   return valid_ != 0;
 }
 
-bool BinaryReader::is_eof() const { return !ensure_byte(); }
+bool BinaryReader::is_eof() const {
+  return !ensure_byte();
+}
 
 unsigned BinaryReader::read_aux(void* data, unsigned size) {
   auto* dest = static_cast<unsigned char*>(data);
@@ -278,9 +283,13 @@ unsigned BinaryReader::skip_aux(unsigned size) {
   return first + got;
 }
 
-unsigned BinaryReader::impl_read(void* data, unsigned size) { return read_aux(data, size); }
+unsigned BinaryReader::impl_read(void* data, unsigned size) {
+  return read_aux(data, size);
+}
 
-unsigned BinaryReader::impl_skip(unsigned size) { return skip_aux(size); }
+unsigned BinaryReader::impl_skip(unsigned size) {
+  return skip_aux(size);
+}
 
 unsigned BinaryReader::impl_bytes_remaining() const {
   throw_if_closed();
@@ -305,14 +314,7 @@ int BinaryReader::impl_read_tag_check_type(int prefix) {
   }
   unsigned char const tag = *in_cur_;
   if ((tag & 0xF0) != prefix) {
-    zocore::ErrorComposer(
-        "Current tag has unexpected type prefix.  Expected={@expectedType}, "
-        "Actual={@actualType} (ActualTag={@actualTag})")
-        .add("expectedType", impl::type_prefix_name(prefix))
-        .add("actualType", impl::type_prefix_name(tag))
-        .add("actualTag", unsigned{tag})
-        .throw_error(error::zoserialize_reader_data_type_mismatch,
-                     here("zoserialize::BinaryReader::impl_read_tag_check_type()"));
+    throw_type_mismatch(prefix, tag, here("zoserialize::BinaryReader::impl_read_tag_check_type()"));
   }
   ++in_cur_;
   current_tag_ = tag;
@@ -320,10 +322,7 @@ int BinaryReader::impl_read_tag_check_type(int prefix) {
 }
 
 void BinaryReader::impl_throw_unexpected_tag(SourceLocation const& location) {
-  zocore::ErrorComposer("Tag has unexpected value.  Type={@tagType}, Value={@tagValue}")
-      .add("tagType", impl::type_prefix_name(current_tag_))
-      .add("tagValue", unsigned{current_tag_})
-      .throw_error(error::zoserialize_reader_data_type, location);
+  throw_unexpected_tag_value(location);
 }
 
 void BinaryReader::detach_from_binary_stream() {
@@ -357,7 +356,8 @@ InterfacePtr<IReadStream> BinaryReader::create_payload_stream(int prefix) {
   } else if (nibble <= impl::kNibbleFirstChunk2) {
     unsigned const first = read_size(nibble - impl::kNibbleFirstChunk1);
     if (is_string) {
-      stream.reset(new impl::Utf8ValidatingStreamImpl<BinaryStreamChunkedImpl>(this, first, prefix));
+      stream.reset(
+          new impl::Utf8ValidatingStreamImpl<BinaryStreamChunkedImpl>(this, first, prefix));
     } else {
       stream.reset(new BinaryStreamChunkedImpl(this, first, prefix));
     }
@@ -389,36 +389,16 @@ void BinaryReader::read_marker_start() {
 }
 
 bool BinaryReader::read_marker_is_end() {
-  if (markers_.empty()) {
-    zocore::throw_error(error::zoserialize_reader_marker_mismatch, "No markers are currently open",
-                        here("zoserialize::BinaryReader::read_marker_is_end()"));
-  }
-  return peek_next_tag() == impl::kTagMarkerEnd;
+  return marker_end_is_next(!markers_.empty(),
+                            here("zoserialize::BinaryReader::read_marker_is_end()"));
 }
 
 void BinaryReader::read_marker_end() {
   static constexpr char kFunction[] = "zoserialize::BinaryReader::read_marker_end()";
-  if (markers_.empty()) {
-    zocore::throw_error(error::zoserialize_reader_marker_mismatch, "No markers are currently open",
-                        here(kFunction));
-  }
-  int const tag = peek_next_tag();
-  if (tag < 0) {
-    zocore::throw_error(error::zoserialize_reader_eof,
-                        "Unexpected end of data in marker, expecting marker end tag",
-                        here(kFunction));
-  }
-  if (tag != impl::kTagMarkerEnd) {
+  if (!marker_end_is_next_or_fail(!markers_.empty(), here(kFunction))) {
     MarkerRecord const record = markers_.back();
     if (record.start < record.end) {
-      if (position() > record.end) {
-        zocore::ErrorComposer(
-            "Marker size mismatch; reader has already passed calculated marker end.  "
-            "MarkerEnd={@markerEndPos}, ReaderPos={@readerPos}")
-            .add("markerEndPos", static_cast<unsigned long long>(record.end))
-            .add("readerPos", static_cast<unsigned long long>(position()))
-            .throw_error(error::zoserialize_reader_marker_overrun, here(kFunction));
-      }
+      if (position() > record.end) throw_marker_overrun(record.end, position(), here(kFunction));
       // The whole declared size is skipped from the current position (not end - position):
       // exact when nothing of the marker was read, which is how markers are skipped.
       auto const size = static_cast<unsigned>(record.end - record.start);
@@ -428,11 +408,7 @@ void BinaryReader::read_marker_end() {
             .add("streamSize", static_cast<unsigned long long>(position()))
             .throw_error(error::zoserialize_reader_eof, here(kFunction));
       }
-      if (peek_next_tag() != impl::kTagMarkerEnd) {
-        zocore::throw_error(error::zoserialize_reader_marker_size,
-                            "Inconsistent marker size: no end tag at end position",
-                            here(kFunction));
-      }
+      if (peek_next_tag() != impl::kTagMarkerEnd) throw_inconsistent_marker_size(here(kFunction));
     } else {
       skip_to_marker_end_tag();
     }

@@ -143,10 +143,40 @@ void BinaryReaderBase::throw_eof_error(unsigned expected, unsigned actual) {
 void BinaryReaderBase::throw_unexpected_tag(SourceLocation const& location) {
   impl_throw_unexpected_tag(location);
   // Reached only if a concrete reader's hook returned: report the tag the same way.
+  throw_unexpected_tag_value(location);
+}
+
+void BinaryReaderBase::throw_unexpected_tag_value(SourceLocation const& location) const {
   zocore::ErrorComposer("Tag has unexpected value.  Type={@tagType}, Value={@tagValue}")
       .add("tagType", impl::type_prefix_name(current_tag_))
       .add("tagValue", unsigned{current_tag_})
       .throw_error(error::zoserialize_reader_data_type, location);
+}
+
+void BinaryReaderBase::throw_type_mismatch(int expected_prefix, unsigned tag,
+                                           SourceLocation const& location) {
+  zocore::ErrorComposer(
+      "Current tag has unexpected type prefix.  Expected={@expectedType}, "
+      "Actual={@actualType} (ActualTag={@actualTag})")
+      .add("expectedType", impl::type_prefix_name(expected_prefix))
+      .add("actualType", impl::type_prefix_name(static_cast<int>(tag)))
+      .add("actualTag", tag)
+      .throw_error(error::zoserialize_reader_data_type_mismatch, location);
+}
+
+void BinaryReaderBase::throw_marker_overrun(std::uint64_t marker_end, std::uint64_t position,
+                                            SourceLocation const& location) {
+  zocore::ErrorComposer(
+      "Marker size mismatch; reader has already passed calculated marker end.  "
+      "MarkerEnd={@markerEndPos}, ReaderPos={@readerPos}")
+      .add("markerEndPos", static_cast<unsigned long long>(marker_end))
+      .add("readerPos", static_cast<unsigned long long>(position))
+      .throw_error(error::zoserialize_reader_marker_overrun, location);
+}
+
+void BinaryReaderBase::throw_inconsistent_marker_size(SourceLocation const& location) {
+  zocore::throw_error(error::zoserialize_reader_marker_size,
+                      "Inconsistent marker size: no end tag at end position", location);
 }
 
 unsigned BinaryReaderBase::read_size(unsigned n) {
@@ -210,22 +240,21 @@ void BinaryReaderBase::read_integer_payload(unsigned char* out, unsigned size, u
   std::memcpy(out, scratch + width - size, size);
 }
 
-void BinaryReaderBase::read_int_big_endian(void* data, unsigned size) {
-  static constexpr char kFunction[] = "zoserialize::BinaryReaderBase::read_int_big_endian()";
+void BinaryReaderBase::read_integer(void* data, unsigned size, bool is_signed,
+                                    char const* function) {
   auto* out = static_cast<unsigned char*>(data);
-  unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0x20));
+  unsigned const nibble = static_cast<unsigned>(read_tag_check_type(is_signed ? 0x20 : 0x30));
   switch (nibble) {
     case 0:
       std::memset(out, 0x00, size);
       return;
+    case 2:  // -1: signed only
+      if (!is_signed) break;
+      [[fallthrough]];
     case 1:
-      if (size == 0) throw_value_too_wide(0, 1, kFunction);
-      std::memset(out, 0x00, size);
-      out[size - 1] = 0x01;
-      return;
-    case 2:
-      if (size == 0) throw_value_too_wide(0, 1, kFunction);
-      std::memset(out, 0xFF, size);
+      if (size == 0) throw_value_too_wide(0, 1, function);
+      std::memset(out, nibble == 2 ? 0xFF : 0x00, size);
+      if (nibble == 1) out[size - 1] = 0x01;
       return;
     case 4:
     case 5:
@@ -234,38 +263,20 @@ void BinaryReaderBase::read_int_big_endian(void* data, unsigned size) {
     case 8:
     case 9:
     case 10:
-      read_integer_payload(out, size, 1u << (nibble - 4), true, kFunction);
+      read_integer_payload(out, size, 1u << (nibble - 4), is_signed, function);
       return;
     default:
-      throw_unexpected_tag(here(kFunction));
+      break;
   }
+  throw_unexpected_tag(here(function));
+}
+
+void BinaryReaderBase::read_int_big_endian(void* data, unsigned size) {
+  read_integer(data, size, true, "zoserialize::BinaryReaderBase::read_int_big_endian()");
 }
 
 void BinaryReaderBase::read_uint_big_endian(void* data, unsigned size) {
-  static constexpr char kFunction[] = "zoserialize::BinaryReaderBase::read_uint_big_endian()";
-  auto* out = static_cast<unsigned char*>(data);
-  unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0x30));
-  switch (nibble) {
-    case 0:
-      std::memset(out, 0x00, size);
-      return;
-    case 1:
-      if (size == 0) throw_value_too_wide(0, 1, kFunction);
-      std::memset(out, 0x00, size);
-      out[size - 1] = 0x01;
-      return;
-    case 4:
-    case 5:
-    case 6:
-    case 7:
-    case 8:
-    case 9:
-    case 10:
-      read_integer_payload(out, size, 1u << (nibble - 4), false, kFunction);
-      return;
-    default:
-      throw_unexpected_tag(here(kFunction));
-  }
+  read_integer(data, size, false, "zoserialize::BinaryReaderBase::read_uint_big_endian()");
 }
 
 double BinaryReaderBase::read_double() {
@@ -572,16 +583,28 @@ unsigned BinaryReaderBase::read_marker_start_tag() {
 }
 
 void BinaryReaderBase::skip_to_marker_end_tag() {
-  for (;;) {
-    int const tag = peek_next_tag();
-    if (tag < 0) {
-      zocore::throw_error(error::zoserialize_reader_eof,
-                          "Unexpected end of data in marker, expecting marker end tag",
-                          here("zoserialize::BinaryReaderBase::skip_to_marker_end_tag()"));
-    }
-    if (tag == impl::kTagMarkerEnd) return;
+  while (!marker_end_is_next_or_fail(
+      true, here("zoserialize::BinaryReaderBase::skip_to_marker_end_tag()"))) {
     skip_element();
   }
+}
+
+bool BinaryReaderBase::marker_end_is_next(bool any_marker_open, SourceLocation const& location) {
+  if (!any_marker_open) {
+    zocore::throw_error(error::zoserialize_reader_marker_mismatch, "No markers are currently open",
+                        location);
+  }
+  return peek_next_tag() == impl::kTagMarkerEnd;
+}
+
+bool BinaryReaderBase::marker_end_is_next_or_fail(bool any_marker_open,
+                                                  SourceLocation const& location) {
+  if (marker_end_is_next(any_marker_open, location)) return true;
+  if (peek_next_tag() < 0) {
+    zocore::throw_error(error::zoserialize_reader_eof,
+                        "Unexpected end of data in marker, expecting marker end tag", location);
+  }
+  return false;
 }
 
 // ---- Skipping and copying ------------------------------------------------------------------

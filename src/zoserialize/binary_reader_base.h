@@ -164,6 +164,20 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
 
   // Consumes a marker start tag and its size field; returns the size (0: none given).
   unsigned read_marker_start_tag();
+  // The steps of read_marker_is_end / read_marker_end that every concrete reader shares: fail
+  // when no marker is open (and, for the end, when the data end before the end tag); true when
+  // the marker end tag comes next.
+  bool marker_end_is_next(bool any_marker_open, SourceLocation const& location);
+  bool marker_end_is_next_or_fail(bool any_marker_open, SourceLocation const& location);
+
+  // Failures shared by the concrete readers (the location names the detecting operation).
+  [[noreturn]] static void throw_type_mismatch(int expected_prefix, unsigned tag,
+                                               SourceLocation const& location);
+  // "Tag has unexpected value" for current_tag_.
+  [[noreturn]] void throw_unexpected_tag_value(SourceLocation const& location) const;
+  [[noreturn]] static void throw_marker_overrun(std::uint64_t marker_end, std::uint64_t position,
+                                                SourceLocation const& location);
+  [[noreturn]] static void throw_inconsistent_marker_size(SourceLocation const& location);
   // Skips whole elements until the marker end tag that closes the current marker is next; the
   // end tag itself is not consumed.
   void skip_to_marker_end_tag();
@@ -296,6 +310,7 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
 
   void read_checked_slow(void* data, unsigned size);
   void skip_checked_slow(unsigned size);
+  void read_integer(void* data, unsigned size, bool is_signed, char const* function);
   void read_integer_payload(unsigned char* out, unsigned size, unsigned width, bool is_signed,
                             char const* function);
   void read_string_slow(std::string& out);

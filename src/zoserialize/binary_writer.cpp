@@ -115,10 +115,4 @@ InterfacePtr<IWriteStream> BinaryWriter::write_binary() {
   return BinaryWriterBase::write_binary();
 }
 
-void BinaryWriter::throw_no_marker_to_close() {
-  zocore::throw_error(error::zoserialize_writer_marker_nesting,
-                      "Attempt to close marker and none is open",
-                      here("zoserialize::BinaryWriter::write_marker_end()"));
-}
-
 }  // namespace zoserialize

@@ -41,20 +41,10 @@ class ZOSERIALIZE_API BinaryWriter final : public BinaryWriterBase {
   // failing later in whatever operation finishes it.
   InterfacePtr<IWriteStream> write_string_stream() override;
   InterfacePtr<IWriteStream> write_binary() override;
-  void write_marker_start() override {
-    finalize_previous_element();
-    write_marker_start_tag();
-    ++open_markers_;
-  }
+  void write_marker_start() override { start_counted_marker(); }
   void write_marker_end() override {
-    finalize_previous_element();
-    if (open_markers_ == 0) [[unlikely]]
-      throw_no_marker_to_close();
-    --open_markers_;
-    write_marker_end_tag();
+    end_counted_marker("zoserialize::BinaryWriter::write_marker_end()");
   }
-
-  unsigned open_markers() const noexcept { return open_markers_; }
 
  protected:
   void impl_write_byte(unsigned char byte) override;
@@ -62,7 +52,6 @@ class ZOSERIALIZE_API BinaryWriter final : public BinaryWriterBase {
 
  private:
   [[noreturn]] static void throw_closed_error();
-  [[noreturn]] static void throw_no_marker_to_close();
   void flush_buffer();
   unsigned buffered() const noexcept { return static_cast<unsigned>(out_cur_ - buffer_.get()); }
   void reset_window() noexcept;
@@ -70,7 +59,6 @@ class ZOSERIALIZE_API BinaryWriter final : public BinaryWriterBase {
   InterfacePtr<IWriteStream> stream_;
   std::unique_ptr<unsigned char[]> buffer_;
   unsigned capacity_;
-  unsigned open_markers_ = 0;
 };
 
 }  // namespace zoserialize

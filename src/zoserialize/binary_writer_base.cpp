@@ -358,6 +358,11 @@ void BinaryWriterBase::write_sequence_start() {
   sequences_.push_back({0, 0});
 }
 
+void BinaryWriterBase::throw_no_marker_to_close(char const* function) {
+  zocore::throw_error(error::zoserialize_writer_marker_nesting,
+                      "Attempt to close marker and none is open", here(function));
+}
+
 void BinaryWriterBase::throw_no_sequence_for_separator() {
   zocore::throw_error(error::zoserialize_writer_sequence_nesting,
                       "Attempt to add sequence separator and no sequence is open",

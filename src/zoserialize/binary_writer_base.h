@@ -66,6 +66,9 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   // that fail. The stream only refers back to its writer, which must outlive its use.
   class BinaryStreamImpl;
 
+  // Markers opened with write_marker_start() and not yet ended.
+  unsigned open_markers() const noexcept { return open_markers_; }
+
   // ---- Inline front end ----
   // Shadows of Writer's typed front end for callers that know they hold a binary writer: they
   // encode straight into the output window, without the big-endian image and the virtual call
@@ -171,6 +174,23 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   }
 
   bool has_open_sequences() const noexcept { return !sequences_.empty(); }
+
+  // Markers without a size, counted: the concrete writers' write_marker_start/end. `function`
+  // names the operation in the failure raised when no marker is open.
+  void start_counted_marker() {
+    finalize_previous_element();
+    write_marker_start_tag();
+    ++open_markers_;
+  }
+  void end_counted_marker(char const* function) {
+    finalize_previous_element();
+    if (open_markers_ == 0) [[unlikely]]
+      throw_no_marker_to_close(function);
+    --open_markers_;
+    write_marker_end_tag();
+  }
+  [[noreturn]] static void throw_no_marker_to_close(char const* function);
+  unsigned open_markers_ = 0;
 
   // ---- Encoders: one element each, inline when the window has room ----
   void encode_bool(bool v) {

@@ -342,6 +342,8 @@ class ZOSERIALIZE_API MemoryListBase : public zocore::RefCounted<Counter>, publi
     return segments_.begin() + (it - segments_.begin());
   }
   void write_cursor_to_end() noexcept { write_ = {segments_.size(), 0, size_}; }
+  // Moves the cursor by up to n bytes, copying them to `out` unless it is null.
+  unsigned walk_cursor(Cursor& cursor, value_type* out, unsigned n) const noexcept;
   void skip_empty_segments(Cursor& cursor) const noexcept {
     while (cursor.segment != segments_.end() && cursor.offset >= cursor.segment->size()) {
       ++cursor.segment;
@@ -974,29 +976,25 @@ bool MemoryListBase<S, F, C, A>::is_valid_cursor(Cursor const& cursor) const noe
 template <class S, class F, class C, class A>
 unsigned MemoryListBase<S, F, C, A>::read_at_cursor(Cursor& cursor, value_type* out,
                                                     unsigned n) const noexcept {
-  n = std::min(n, size_ - cursor.position);
-  unsigned left = n;
-  while (left != 0) {
-    unsigned const m = cursor.segment->copy_to(cursor.offset, out, left);
-    out += m;
-    left -= m;
-    cursor.offset += m;
-    if (cursor.offset >= cursor.segment->size()) {
-      ++cursor.segment;
-      cursor.offset = 0;
-    }
-  }
-  cursor.position += n;
-  skip_empty_segments(cursor);
-  return n;
+  return walk_cursor(cursor, out, n);
 }
 
 template <class S, class F, class C, class A>
 unsigned MemoryListBase<S, F, C, A>::cursor_advance(Cursor& cursor, unsigned n) const noexcept {
+  return walk_cursor(cursor, nullptr, n);
+}
+
+template <class S, class F, class C, class A>
+unsigned MemoryListBase<S, F, C, A>::walk_cursor(Cursor& cursor, value_type* out,
+                                                 unsigned n) const noexcept {
   n = std::min(n, size_ - cursor.position);
   unsigned left = n;
   while (left != 0) {
     unsigned const m = std::min(left, cursor.segment->size() - cursor.offset);
+    if (out) {
+      cursor.segment->copy_to(cursor.offset, out, m);
+      out += m;
+    }
     left -= m;
     cursor.offset += m;
     if (cursor.offset >= cursor.segment->size()) {

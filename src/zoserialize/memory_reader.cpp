@@ -260,14 +260,7 @@ int MemoryReader::impl_read_tag_check_type(int prefix) {
   sync();
   unsigned char const tag = *in_cur_;
   if ((tag & 0xF0) != prefix) {
-    zocore::ErrorComposer(
-        "Current tag has unexpected type prefix.  Expected={@expectedType}, "
-        "Actual={@actualType} (ActualTag={@actualTag})")
-        .add("expectedType", impl::type_prefix_name(prefix))
-        .add("actualType", impl::type_prefix_name(tag))
-        .add("actualTag", unsigned{tag})
-        .throw_error(error::zoserialize_reader_data_type_mismatch,
-                     here("zoserialize::MemoryReader::impl_read_tag_check_type()"));
+    throw_type_mismatch(prefix, tag, here("zoserialize::MemoryReader::impl_read_tag_check_type()"));
   }
   ++in_cur_;
   current_tag_ = tag;
@@ -293,10 +286,7 @@ unsigned MemoryReader::impl_bytes_remaining() const {
 }
 
 void MemoryReader::impl_throw_unexpected_tag(SourceLocation const& location) {
-  zocore::ErrorComposer("Tag has unexpected value.  Type={@tagType}, Value={@tagValue}")
-      .add("tagType", impl::type_prefix_name(current_tag_))
-      .add("tagValue", unsigned{current_tag_})
-      .throw_error(error::zoserialize_reader_data_type, location);
+  throw_unexpected_tag_value(location);
 }
 
 // ---- Payloads ------------------------------------------------------------------------------
@@ -432,37 +422,17 @@ void MemoryReader::read_marker_start() {
 }
 
 bool MemoryReader::read_marker_is_end() {
-  if (markers_.empty()) {
-    zocore::throw_error(error::zoserialize_reader_marker_mismatch, "No markers are currently open",
-                        here("zoserialize::MemoryReader::read_marker_is_end()"));
-  }
-  return peek_next_tag() == impl::kTagMarkerEnd;
+  return marker_end_is_next(!markers_.empty(),
+                            here("zoserialize::MemoryReader::read_marker_is_end()"));
 }
 
 void MemoryReader::read_marker_end() {
   static constexpr char kFunction[] = "zoserialize::MemoryReader::read_marker_end()";
-  if (markers_.empty()) {
-    zocore::throw_error(error::zoserialize_reader_marker_mismatch, "No markers are currently open",
-                        here(kFunction));
-  }
-  int const tag = peek_next_tag();
-  if (tag < 0) {
-    zocore::throw_error(error::zoserialize_reader_eof,
-                        "Unexpected end of data in marker, expecting marker end tag",
-                        here(kFunction));
-  }
-  if (tag != impl::kTagMarkerEnd) {
+  if (!marker_end_is_next_or_fail(!markers_.empty(), here(kFunction))) {
     MarkerRecord const record = markers_.back();
     if (record.size != 0) {
       std::uint64_t const end = std::uint64_t{record.start} + record.size;
-      if (position() > end) {
-        zocore::ErrorComposer(
-            "Marker size mismatch; reader has already passed calculated marker end.  "
-            "MarkerEnd={@markerEndPos}, ReaderPos={@readerPos}")
-            .add("markerEndPos", static_cast<unsigned long long>(end))
-            .add("readerPos", position())
-            .throw_error(error::zoserialize_reader_marker_overrun, here(kFunction));
-      }
+      if (position() > end) throw_marker_overrun(end, position(), here(kFunction));
       if (end > size()) {
         zocore::ErrorComposer("Remaining data no sufficient for expected size of marker")
             .add("markerEndPos", static_cast<unsigned long long>(end))
@@ -472,11 +442,7 @@ void MemoryReader::read_marker_end() {
       // Unlike the stream reader, the skip goes to the end the marker declared, from wherever
       // the reader stands.
       advance(static_cast<unsigned>(end) - position());
-      if (peek_next_tag() != impl::kTagMarkerEnd) {
-        zocore::throw_error(error::zoserialize_reader_marker_size,
-                            "Inconsistent marker size: no end tag at end position",
-                            here(kFunction));
-      }
+      if (peek_next_tag() != impl::kTagMarkerEnd) throw_inconsistent_marker_size(here(kFunction));
     } else {
       skip_to_marker_end_tag();
     }

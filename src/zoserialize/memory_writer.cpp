@@ -131,12 +131,6 @@ InterfacePtr<IWriteStream> MemoryWriter::write_binary() {
   return BinaryWriterBase::write_binary();
 }
 
-void MemoryWriter::throw_no_marker_to_close() {
-  zocore::throw_error(error::zoserialize_writer_marker_nesting,
-                      "Attempt to close marker and none is open",
-                      here("zoserialize::MemoryWriter::write_marker_end()"));
-}
-
 void MemoryWriter::flush() {
   BinaryWriterBase::flush();
   if (list_) sync_window();

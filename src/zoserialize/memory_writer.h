@@ -44,17 +44,9 @@ class ZOSERIALIZE_API MemoryWriter final : public BinaryWriterBase {
   // Value streams; a closed writer refuses to hand one out.
   InterfacePtr<IWriteStream> write_string_stream() override;
   InterfacePtr<IWriteStream> write_binary() override;
-  void write_marker_start() override {
-    finalize_previous_element();
-    write_marker_start_tag();
-    ++open_markers_;
-  }
+  void write_marker_start() override { start_counted_marker(); }
   void write_marker_end() override {
-    finalize_previous_element();
-    if (open_markers_ == 0) [[unlikely]]
-      throw_no_marker_to_close();
-    --open_markers_;
-    write_marker_end_tag();
+    end_counted_marker("zoserialize::MemoryWriter::write_marker_end()");
   }
 
   // close(), then hands the list over; the writer keeps none.
@@ -88,7 +80,6 @@ class ZOSERIALIZE_API MemoryWriter final : public BinaryWriterBase {
 
  private:
   [[noreturn]] static void throw_closed_error();
-  [[noreturn]] static void throw_no_marker_to_close();
   // Makes the writer the list's only holder, replacing a shared list by a shallow clone.
   void make_unique_for_write();
   void clone_for_write_aux();
@@ -110,7 +101,6 @@ class ZOSERIALIZE_API MemoryWriter final : public BinaryWriterBase {
                        unsigned length);
 
   MemoryListPtr list_;
-  unsigned open_markers_ = 0;
   bool closed_ = false;
   unsigned char* window_start_ = nullptr;  // out_cur_ at the last sync
 };

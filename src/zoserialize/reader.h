@@ -1,6 +1,9 @@
 // The abstract reading archive.
 #pragma once
 
+#include <iosfwd>
+#include <string>
+
 #include <zocore/absolute_time.h>
 #include <zocore/relative_time.h>
 #include <zocore/source_location.h>
@@ -11,9 +14,6 @@
 #include <zocore/uuid_key.h>
 #include <zoserialize/export.h>
 #include <zoserialize/writer.h>
-
-#include <iosfwd>
-#include <string>
 
 namespace zoserialize {
 
