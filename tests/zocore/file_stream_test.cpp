@@ -143,8 +143,9 @@ TEST_F(FileStreamTest, FailuresCarryErrnoPathAndFunction) {
       {[&] { not_writable.write("x", 1); }, kSystem, EBADF, "FileWriteStream::write()", ""},
       {[&] { full.write("abc", 3); }, kSystem, ENOSPC, "FileWriteStream::write()", ""},
   };
-  for (auto const& [call, message, err, function, file] : cases) {
-    auto const info = ZO_EXPECT_ERROR(call(), zocore::error::zocore_errno, message);
+  for (auto const& c : cases) {
+    auto const& [call, message, err, function, file] = c;  // Clang 14 cannot capture bindings
+    auto const info = ZO_EXPECT_ERROR(std::get<0>(c)(), zocore::error::zocore_errno, message);
     EXPECT_EQ(info ? info->nested_errno() : 0, err) << function;
     EXPECT_EQ(info ? info->location().function().str() : "", std::string("zocore::") + function);
     EXPECT_EQ(zotest::param(info, "path"), file.empty() ? "<missing>" : file) << function;

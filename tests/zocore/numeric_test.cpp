@@ -74,16 +74,15 @@ TEST(NumericTest, StringToDoubleFailureReportsARecordAndReturnsZero) {
 
 TEST(NumericTest, SafeCastFailureNamesTheDemangledType) {
   using Case = std::tuple<std::type_info const&, unsigned long long, char const*>;
-  for (auto const& [type, value, name] :
-       {Case{typeid(unsigned short), 65536, "unsigned short"},
-        Case{typeid(signed char), 200, "signed char"},
-        Case{typeid(std::int32_t), ULLONG_MAX, "int"},
-        Case{typeid(zocore::ErrorInfo), 1, "zocore::ErrorInfo"}}) {
-    auto const info = ZO_EXPECT_ERROR(zocore::impl::safe_cast_throw_value_truncated(type, value),
-                                      zocore::error::zocore_range,
-                                      "Value {@value} does not fit into type '{@type}'");
-    EXPECT_EQ(zotest::param(info, "type"), name);
-    EXPECT_EQ(zotest::param(info, "value"), std::to_string(value));
+  for (Case const& c : {Case{typeid(unsigned short), 65536, "unsigned short"},
+                        Case{typeid(signed char), 200, "signed char"},
+                        Case{typeid(std::int32_t), ULLONG_MAX, "int"},
+                        Case{typeid(zocore::ErrorInfo), 1, "zocore::ErrorInfo"}}) {
+    auto const info = ZO_EXPECT_ERROR(
+        zocore::impl::safe_cast_throw_value_truncated(std::get<0>(c), std::get<1>(c)),
+        zocore::error::zocore_range, "Value {@value} does not fit into type '{@type}'");
+    EXPECT_EQ(zotest::param(info, "type"), std::get<2>(c));
+    EXPECT_EQ(zotest::param(info, "value"), std::to_string(std::get<1>(c)));
     EXPECT_EQ(info ? info->location().function().str() : "",
               "zocore::impl::safe_cast_throw_value_truncated()");
   }

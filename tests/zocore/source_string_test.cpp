@@ -44,8 +44,7 @@ TEST(SourceStringTest, MoveAssignmentClearAndSwap) {
   // NOLINTNEXTLINE(bugprone-use-after-move,clang-analyzer-cplusplus.Move): defined as empty
   EXPECT_TRUE(source.empty() && source.is_static() && *source.c_str() == '\0');
   s.assign("fourth!", 6, false);
-  // Assigning a part of itself must copy before the old buffer goes.
-  s.assign(s.data() + 2, 4, false);
+  s.assign(s.data() + 2, 4, false);  // a part of itself, copied before the old buffer goes
   SourceString& alias = s;
   s = alias;
   s = std::move(alias);

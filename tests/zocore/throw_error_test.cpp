@@ -46,9 +46,10 @@ TEST(ThrowErrorTest, EveryFormBuildsItsRecord) {
     cases.emplace_back([=] { zocore::throw_errno(kHere, err); }, kErrno,
                        "System error " + std::to_string(err) + ": " + std::strerror(err), "", err);
   }
-  for (auto const& [call, message, rendered, nested, err] : cases) {
-    auto const info =
-        ZO_EXPECT_ERROR(call(), message == kErrno ? zocore::error::zocore_errno : kCode, message);
+  for (Case const& c : cases) {
+    auto const& [call, message, rendered, nested, err] = c;  // Clang 14 cannot capture bindings
+    auto const info = ZO_EXPECT_ERROR(
+        std::get<0>(c)(), message == kErrno ? zocore::error::zocore_errno : kCode, message);
     ASSERT_TRUE(info) << message;
     EXPECT_EQ(info->location().function().view(), "ns::C::f()");
     EXPECT_EQ(info->location().file().view(), kFile);

@@ -74,11 +74,11 @@ TEST(Utf8Test, InvalidTextReportsItsFirstBadByte) {
         {[&] { zocore::to_wstring(text); }, "zocore::to_wstring()"},
         {[&] { zocore::to_u16string(text.data(), size); }, "zocore::to_u16string()"},
     };
-    for (auto const& [call, function] : calls) {
-      auto const info = ZO_EXPECT_ERROR(call(), zocore::error::zocore_utf8,
+    for (auto const& call : calls) {
+      auto const info = ZO_EXPECT_ERROR(call.first(), zocore::error::zocore_utf8,
                                         "Invalid UTF-8 sequence at offset {@offset}");
       EXPECT_EQ(zotest::param(info, "offset"), std::to_string(3 + offset)) << hex;
-      EXPECT_EQ(info ? info->location().function().str() : "", function);
+      EXPECT_EQ(info ? info->location().function().str() : "", call.second);
     }
   }
 }
@@ -151,8 +151,8 @@ TEST(WideStringTest, UnpairedSurrogatesAndInvalidUnitsAreRejectedWithTheirIndex)
   constexpr char kMessage[] =
       "Invalid UTF-16 text: unpaired surrogate or invalid code unit at index {@index}";
   for (auto const& [units, index] : cases) {
-    auto info = ZO_EXPECT_ERROR(zocore::to_string(std::wstring(units.begin(), units.end())),
-                                zocore::error::zocore_utf8, kMessage);
+    std::wstring const wide(units.begin(), units.end());
+    auto info = ZO_EXPECT_ERROR(zocore::to_string(wide), zocore::error::zocore_utf8, kMessage);
     EXPECT_EQ(zotest::param(info, "index"), std::to_string(index));
     EXPECT_EQ(info ? info->location().function().str() : "", "zocore::to_string()");
     if (std::ranges::any_of(units, [](char32_t unit) { return unit > 0xFFFF; })) continue;
