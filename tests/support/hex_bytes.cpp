@@ -1,4 +1,3 @@
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 
@@ -12,6 +11,13 @@ namespace {
   std::abort();
 }
 
+int digit_value(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
 }  // namespace
 
 std::string bytes(std::string_view hex) {
@@ -19,8 +25,8 @@ std::string bytes(std::string_view hex) {
   int high = -1;
   for (char const c : hex) {
     if (c == ' ') continue;
-    int d = 0;
-    if (std::from_chars(&c, &c + 1, d, 16).ec != std::errc()) malformed(hex);
+    int const d = digit_value(c);
+    if (d < 0) malformed(hex);
     if (high < 0) {
       high = d;
     } else {

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <support/error_matchers.h>
@@ -102,11 +103,19 @@ TEST_F(FileStreamTest, WritesReadsSkipsAndOwnsDescriptors) {
   EXPECT_FALSE(is_open(in));
 }
 
-// 0xFFFFFFFF bytes left still read as "unknown", one less does not. The memory behind all but the
-// first bytes is never touched, and the file is sparse.
+// 0xFFFFFFFF bytes left still read as "unknown", one less does not. The memory is a reservation
+// whose pages are never touched, and the file is sparse.
 TEST_F(FileStreamTest, MoreThanFourGigabytesIsUnknownSize) {
-  static char const buffer[16] = {};
-  MemoryReadStream memory(buffer, (std::size_t{1} << 32) + 10);
+  std::size_t const size = (std::size_t{1} << 32) + 10;
+  void* const reserved =
+      ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (reserved == MAP_FAILED) GTEST_SKIP() << "no 4 GiB address-space reservation here";
+  struct Unmap {
+    void* p;
+    std::size_t n;
+    ~Unmap() { ::munmap(p, n); }
+  } const unmap{reserved, size};
+  MemoryReadStream memory(reserved, size);
   int const fd = ::open(path("sparse.bin").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   FileReadStream file(fd, true);
   if (::ftruncate(fd, (off_t{1} << 32) + 10) != 0) GTEST_SKIP() << "no large sparse files here";
