@@ -589,22 +589,14 @@ void BinaryReaderBase::skip_to_marker_end_tag() {
   }
 }
 
-bool BinaryReaderBase::marker_end_is_next(bool any_marker_open, SourceLocation const& location) {
-  if (!any_marker_open) {
-    zocore::throw_error(error::zoserialize_reader_marker_mismatch, "No markers are currently open",
-                        location);
-  }
-  return peek_next_tag() == impl::kTagMarkerEnd;
+void BinaryReaderBase::throw_no_marker_open(SourceLocation const& location) {
+  zocore::throw_error(error::zoserialize_reader_marker_mismatch, "No markers are currently open",
+                      location);
 }
 
-bool BinaryReaderBase::marker_end_is_next_or_fail(bool any_marker_open,
-                                                  SourceLocation const& location) {
-  if (marker_end_is_next(any_marker_open, location)) return true;
-  if (peek_next_tag() < 0) {
-    zocore::throw_error(error::zoserialize_reader_eof,
-                        "Unexpected end of data in marker, expecting marker end tag", location);
-  }
-  return false;
+void BinaryReaderBase::throw_eof_in_marker(SourceLocation const& location) {
+  zocore::throw_error(error::zoserialize_reader_eof,
+                      "Unexpected end of data in marker, expecting marker end tag", location);
 }
 
 // ---- Skipping and copying ------------------------------------------------------------------

@@ -166,9 +166,21 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
   unsigned read_marker_start_tag();
   // The steps of read_marker_is_end / read_marker_end that every concrete reader shares: fail
   // when no marker is open (and, for the end, when the data end before the end tag); true when
-  // the marker end tag comes next.
-  bool marker_end_is_next(bool any_marker_open, SourceLocation const& location);
-  bool marker_end_is_next_or_fail(bool any_marker_open, SourceLocation const& location);
+  // the marker end tag comes next. Inline: they run at every marker end, and the concrete
+  // reader's peek is devirtualised there.
+  bool marker_end_is_next(bool any_marker_open, SourceLocation const& location) {
+    if (!any_marker_open) [[unlikely]]
+      throw_no_marker_open(location);
+    return peek_next_tag() == impl::kTagMarkerEnd;
+  }
+  bool marker_end_is_next_or_fail(bool any_marker_open, SourceLocation const& location) {
+    if (marker_end_is_next(any_marker_open, location)) return true;
+    if (peek_next_tag() < 0) [[unlikely]]
+      throw_eof_in_marker(location);
+    return false;
+  }
+  [[noreturn]] static void throw_no_marker_open(SourceLocation const& location);
+  [[noreturn]] static void throw_eof_in_marker(SourceLocation const& location);
 
   // Failures shared by the concrete readers (the location names the detecting operation).
   [[noreturn]] static void throw_type_mismatch(int expected_prefix, unsigned tag,
