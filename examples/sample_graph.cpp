@@ -1,17 +1,17 @@
 // Writes a small object graph (a library catalogue) through the abstract Writer into the binary
 // encoding, prints the encoded bytes, then walks them back with a BinaryReader, printing every
 // token it meets, and finally reads the catalogue back into objects and checks the round trip.
-#include <zocore/error_exception.h>
-#include <zocore/memory_stream.h>
-#include <zocore/streamers.h>
-#include <zoserialize/binary_reader.h>
-#include <zoserialize/binary_writer.h>
-
 #include <cstdint>
 #include <iomanip>
 #include <iostream>
 #include <string>
 #include <vector>
+
+#include <zocore/error_exception.h>
+#include <zocore/memory_stream.h>
+#include <zocore/streamers.h>
+#include <zoserialize/binary_reader.h>
+#include <zoserialize/binary_writer.h>
 
 namespace {
 
@@ -63,7 +63,8 @@ Book read_book(Reader& r) {
   r >> b.added >> b.isbn_key >> b.rating >> b.on_loan;
   auto cover = r.read_binary();
   char buf[256];
-  for (unsigned n; (n = cover->read(buf, sizeof buf)) != 0;) b.cover.append(buf, n);
+  for (unsigned n; (n = cover->read(buf, sizeof buf)) != 0;)
+    b.cover.append(buf, n);
   return b;
 }
 
@@ -71,11 +72,22 @@ std::vector<Book> sample_catalogue() {
   zocore::AbsoluteTime added;
   zocore::AbsoluteTime::from_string_nothrow("2026-11-21 09:30:00", &added);
   return {
-      {1001, "The Art of Serialization", {{"Ada Byte", 1971}, {"Bo Endian", 1984}}, added,
-       zocore::Uuid::from_string("6f1c2e4a-9b3d-4c8e-a1f0-27d5e8b9c3a4", 36), 4.5, false,
+      {1001,
+       "The Art of Serialization",
+       {{"Ada Byte", 1971}, {"Bo Endian", 1984}},
+       added,
+       zocore::Uuid::from_string("6f1c2e4a-9b3d-4c8e-a1f0-27d5e8b9c3a4", 36),
+       4.5,
+       false,
        std::string("\x89PNG\r\n\x1a\n", 8)},
-      {1002, "Streams, Chunks and Markers", {{"Cy Stream", -44}}, added, zocore::Uuid(), 3.75,
-       true, std::string()},
+      {1002,
+       "Streams, Chunks and Markers",
+       {{"Cy Stream", -44}},
+       added,
+       zocore::Uuid(),
+       3.75,
+       true,
+       std::string()},
   };
 }
 
@@ -113,13 +125,15 @@ void print_element(Reader& r, int depth) {
     }
     case Reader::EToken::SequenceStart:
       std::cout << " (count hint " << r.read_sequence_start() << ")\n";
-      while (r.read_sequence_next()) print_element(r, depth + 1);
+      while (r.read_sequence_next())
+        print_element(r, depth + 1);
       std::cout << indent << Reader::EToken::SequenceEnd << "\n";
       return;
     case Reader::EToken::MarkerStart:
       std::cout << "\n";
       r.read_marker_start();
-      while (!r.read_marker_is_end()) print_element(r, depth + 1);
+      while (!r.read_marker_is_end())
+        print_element(r, depth + 1);
       r.read_marker_end();
       std::cout << indent << Reader::EToken::MarkerEnd << "\n";
       return;
@@ -156,7 +170,8 @@ int main() {
     {
       auto src = zocore::make_ref_counted<zocore::MemoryReadStream>(bytes);
       zoserialize::BinaryReader r{zocore::InterfacePtr<zocore::IReadStream>(src)};
-      while (!r.is_eof()) print_element(r, 1);
+      while (!r.is_eof())
+        print_element(r, 1);
     }
 
     // Read back into objects.
@@ -164,7 +179,8 @@ int main() {
     zoserialize::BinaryReader r{zocore::InterfacePtr<zocore::IReadStream>(src)};
     std::vector<Book> back;
     r.read_sequence_start();
-    while (r.read_sequence_next()) back.push_back(read_book(r));
+    while (r.read_sequence_next())
+      back.push_back(read_book(r));
     bool same = back.size() == books.size();
     for (std::size_t i = 0; same && i < books.size(); ++i) {
       same = back[i].id == books[i].id && back[i].title == books[i].title &&

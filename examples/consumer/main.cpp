@@ -1,11 +1,11 @@
 // Round-trips a few values through the installed library: the smallest useful program.
+#include <iostream>
+#include <string>
+
 #include <zocore/error_exception.h>
 #include <zocore/memory_stream.h>
 #include <zoserialize/binary_reader.h>
 #include <zoserialize/binary_writer.h>
-
-#include <iostream>
-#include <string>
 
 int main() {
   try {

@@ -1,6 +1,6 @@
-#include <zocore/error_code.h>
-
 #include <ostream>
+
+#include <zocore/error_code.h>
 
 namespace zocore {
 
@@ -14,10 +14,13 @@ ErrorCode ErrorCode::parent() const {
 bool ErrorCode::is_a(ErrorCode const& ancestor) const noexcept {
   std::string_view const name = view();
   std::string_view const root = ancestor.view();
-  if (root.empty() || name.size() < root.size() || name.substr(0, root.size()) != root) return false;
+  if (root.empty() || name.size() < root.size() || name.substr(0, root.size()) != root)
+    return false;
   return name.size() == root.size() || name[root.size()] == '.';
 }
 
-std::ostream& operator<<(std::ostream& os, ErrorCode const& code) { return os << code.view(); }
+std::ostream& operator<<(std::ostream& os, ErrorCode const& code) {
+  return os << code.view();
+}
 
 }  // namespace zocore

@@ -1,11 +1,11 @@
 // Hierarchical error codes.
 #pragma once
 
-#include <zocore/export.h>
-#include <zocore/source_string.h>
-
 #include <iosfwd>
 #include <string_view>
+
+#include <zocore/export.h>
+#include <zocore/source_string.h>
 
 namespace zocore {
 

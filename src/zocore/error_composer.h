@@ -1,13 +1,13 @@
 // Builder for errors with named parameters.
 #pragma once
 
+#include <utility>
+
 #include <zocore/error_code.h>
 #include <zocore/error_info.h>
 #include <zocore/error_params.h>
 #include <zocore/export.h>
 #include <zocore/source_location.h>
-
-#include <utility>
 
 namespace zocore {
 

@@ -1,10 +1,10 @@
 // The exception type every framework error is thrown as.
 #pragma once
 
+#include <exception>
+
 #include <zocore/error_info.h>
 #include <zocore/export.h>
-
-#include <exception>
 
 namespace zocore {
 

@@ -1,10 +1,10 @@
-#include <zocore/core_errors.h>
-#include <zocore/error_exception.h>
-#include <zocore/error_info.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include <zocore/core_errors.h>
+#include <zocore/error_exception.h>
+#include <zocore/error_info.h>
 
 namespace zocore {
 

@@ -1,6 +1,9 @@
 // Immutable, reference-counted error record.
 #pragma once
 
+#include <exception>
+#include <string>
+
 #include <zocore/atomic_ref_count.h>
 #include <zocore/error_code.h>
 #include <zocore/error_params.h>
@@ -9,9 +12,6 @@
 #include <zocore/ref_counted.h>
 #include <zocore/source_location.h>
 #include <zocore/source_string.h>
-
-#include <exception>
-#include <string>
 
 namespace zocore {
 
@@ -22,8 +22,8 @@ namespace zocore {
 // threads. The rendered message is computed once, at creation.
 class ZOCORE_API ErrorInfo : public RefCounted<AtomicRefCount> {
  public:
-  static RefCountPtr<ErrorInfo const> create(ErrorCode code, SourceString message, ErrorParams params,
-                                             SourceLocation location,
+  static RefCountPtr<ErrorInfo const> create(ErrorCode code, SourceString message,
+                                             ErrorParams params, SourceLocation location,
                                              RefCountPtr<ErrorInfo const> nested = {},
                                              SourceString context = {});
 

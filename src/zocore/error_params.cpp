@@ -1,6 +1,6 @@
-#include <zocore/error_params.h>
-
 #include <charconv>
+
+#include <zocore/error_params.h>
 
 namespace zocore {
 namespace {
@@ -22,9 +22,15 @@ ErrorParams& ErrorParams::set(SourceString name, std::string value) {
 ErrorParams& ErrorParams::set(char const* name, std::string_view value) {
   return set(SourceString(name, true), std::string(value));
 }
-ErrorParams& ErrorParams::set(char const* name, int value) { return set(name, decimal(value)); }
-ErrorParams& ErrorParams::set(char const* name, unsigned value) { return set(name, decimal(value)); }
-ErrorParams& ErrorParams::set(char const* name, long value) { return set(name, decimal(value)); }
+ErrorParams& ErrorParams::set(char const* name, int value) {
+  return set(name, decimal(value));
+}
+ErrorParams& ErrorParams::set(char const* name, unsigned value) {
+  return set(name, decimal(value));
+}
+ErrorParams& ErrorParams::set(char const* name, long value) {
+  return set(name, decimal(value));
+}
 ErrorParams& ErrorParams::set(char const* name, unsigned long value) {
   return set(name, decimal(value));
 }
@@ -35,7 +41,9 @@ ErrorParams& ErrorParams::set(char const* name, unsigned long long value) {
   return set(name, decimal(value));
 }
 
-ErrorParams& ErrorParams::set(char const* name, double value) { return set(name, decimal(value)); }
+ErrorParams& ErrorParams::set(char const* name, double value) {
+  return set(name, decimal(value));
+}
 
 std::string const* ErrorParams::find(std::string_view name) const {
   auto const it = map_.find(name);

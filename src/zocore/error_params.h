@@ -1,13 +1,13 @@
 // Named parameters of an error.
 #pragma once
 
-#include <zocore/export.h>
-#include <zocore/source_string.h>
-
 #include <cstdint>
 #include <map>
 #include <string>
 #include <string_view>
+
+#include <zocore/export.h>
+#include <zocore/source_string.h>
 
 namespace zocore {
 

@@ -1,13 +1,13 @@
 // An interface pointer paired with the reference that keeps its implementation alive.
 #pragma once
 
-#include <zocore/atomic_ref_count.h>
-#include <zocore/ref_count_ptr.h>
-#include <zocore/ref_counted.h>
-
 #include <cstddef>
 #include <type_traits>
 #include <utility>
+
+#include <zocore/atomic_ref_count.h>
+#include <zocore/ref_count_ptr.h>
+#include <zocore/ref_counted.h>
 
 namespace zocore {
 

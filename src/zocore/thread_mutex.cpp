@@ -1,6 +1,6 @@
-#include <zocore/thread_mutex.h>
-
 #include <system_error>
+
+#include <zocore/thread_mutex.h>
 
 namespace zocore {
 
@@ -13,6 +13,8 @@ int ThreadMutex::acquire() noexcept {
   }
 }
 
-void ThreadMutex::release() noexcept { mutex_.unlock(); }
+void ThreadMutex::release() noexcept {
+  mutex_.unlock();
+}
 
 }  // namespace zocore

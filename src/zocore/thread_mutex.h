@@ -1,9 +1,9 @@
 // Process-local mutex with the acquire/release interface the framework uses.
 #pragma once
 
-#include <zocore/export.h>
-
 #include <mutex>
+
+#include <zocore/export.h>
 
 namespace zocore {
 

@@ -119,7 +119,9 @@ TEST(BinaryWriterTest, EveryStepReachesTheStreamWhenTheContractSays) {
   };
   using Stream = InterfacePtr<IWriteStream>;
   std::vector<std::function<void(Writer&, Stream&)>> const script = {
-      [](Writer& w, Stream&) { w << true << 100000 << 'x' << 0.1 << zoserialize::AbsoluteTime(1LL << 31); },
+      [](Writer& w, Stream&) {
+        w << true << 100000 << 'x' << 0.1 << zoserialize::AbsoluteTime(1LL << 31);
+      },
       [&](Writer& w, Stream&) { w << std::string("abc") << text.substr(0, 40); },
       [&](Writer& w, Stream&) { w.write_binary(data.data(), 300); },
       [](Writer& w, Stream&) { w.write_sequence_start(); },

@@ -2,9 +2,9 @@
 // payloads (stream reader, memory reader, XML reader).
 #pragma once
 
-#include <zocore/utf8.h>
-
 #include <cstring>
+
+#include <zocore/utf8.h>
 
 namespace zoserialize::impl {
 
