@@ -15,7 +15,7 @@
 #include <zoserialize/binary_reader.h>
 #include <zoserialize/binary_writer.h>
 
-#include "records.h"
+#include "records_bench.h"
 
 namespace zobench {
 namespace {
@@ -38,38 +38,6 @@ std::string encode_zoserialize(std::span<Record const> records) {
   return sink->take();
 }
 
-std::string encode_msgpack(std::span<Record const> records) {
-  msgpack::sbuffer buffer;
-  msgpack_encode(records, buffer);
-  return {buffer.data(), buffer.size()};
-}
-
-// Throughput and size counters shared by all records benchmarks.
-void set_records_counters(benchmark::State& state, std::size_t records, std::size_t encoded) {
-  auto const iterations = static_cast<std::int64_t>(state.iterations());
-  state.SetItemsProcessed(iterations * static_cast<std::int64_t>(records));
-  state.SetBytesProcessed(iterations * static_cast<std::int64_t>(encoded));
-  // Seconds per record; the console shows it with an SI prefix (n for nanoseconds).
-  state.counters["time_per_record"] = benchmark::Counter(
-      static_cast<double>(records),
-      benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-  state.counters["encoded_bytes"] = static_cast<double>(encoded);
-  state.counters["bytes_per_record"] = static_cast<double>(encoded) / static_cast<double>(records);
-}
-
-// Decodes `decode` once and checks every record against the generated ones.
-template <class Decode>
-bool decodes_to_records(std::vector<Record> const& expected, Decode&& decode) {
-  Record scratch;
-  std::size_t index = 0;
-  bool same = true;
-  std::size_t const n = decode(scratch, [&](Record const& r) {
-    same = same && index < expected.size() && r == expected[index];
-    ++index;
-  });
-  return same && n == expected.size() && index == expected.size();
-}
-
 void BM_RecordsEncode_Zoserialize(benchmark::State& state) {
   std::vector<Record> const& records = standard_records();
   std::size_t const encoded = encode_zoserialize(records).size();
@@ -88,16 +56,7 @@ void BM_RecordsEncode_Zoserialize(benchmark::State& state) {
 BENCHMARK(BM_RecordsEncode_Zoserialize);
 
 void BM_RecordsEncode_Msgpack(benchmark::State& state) {
-  std::vector<Record> const& records = standard_records();
-  std::size_t const encoded = encode_msgpack(records).size();
-  msgpack::sbuffer buffer(encoded);
-  for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores): the loop idiom
-    buffer.clear();
-    msgpack_encode(records, buffer);
-    benchmark::DoNotOptimize(buffer.data());
-    benchmark::ClobberMemory();
-  }
-  set_records_counters(state, records.size(), encoded);
+  run_msgpack_encode(state);
 }
 BENCHMARK(BM_RecordsEncode_Msgpack);
 
@@ -107,48 +66,15 @@ std::size_t decode_zoserialize(std::string const& bytes, Record& scratch, auto&&
 }
 
 void BM_RecordsDecode_Zoserialize(benchmark::State& state) {
-  std::vector<Record> const& records = standard_records();
-  std::string const bytes = encode_zoserialize(records);
-  if (!decodes_to_records(records, [&](Record& scratch, auto&& on_record) {
-        return decode_zoserialize(bytes, scratch, on_record);
-      })) {
-    state.SkipWithError("decoded records differ from the generated ones");
-    return;
-  }
-  Record scratch;
-  for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores): the loop idiom
-    std::uint64_t acc = 0;
-    std::size_t const n =
-        decode_zoserialize(bytes, scratch, [&](Record const& r) { acc = fold(acc, r); });
-    benchmark::DoNotOptimize(acc);
-    benchmark::DoNotOptimize(n);
-  }
-  set_records_counters(state, records.size(), bytes.size());
+  std::string const bytes = encode_zoserialize(standard_records());
+  run_records_decode(state, bytes.size(), [&](Record& scratch, auto&& on_record) {
+    return decode_zoserialize(bytes, scratch, on_record);
+  });
 }
 BENCHMARK(BM_RecordsDecode_Zoserialize);
 
-// Arg 0: payloads copied into msgpack's zone (its default); 1: referring into the input.
 void BM_RecordsDecode_Msgpack(benchmark::State& state) {
-  MsgpackPayloads const payloads =
-      state.range(0) == 0 ? MsgpackPayloads::kCopied : MsgpackPayloads::kReferenced;
-  state.SetLabel(payloads == MsgpackPayloads::kCopied ? "payloads copied" : "payloads referenced");
-  std::vector<Record> const& records = standard_records();
-  std::string const bytes = encode_msgpack(records);
-  if (!decodes_to_records(records, [&](Record& scratch, auto&& on_record) {
-        return msgpack_decode(bytes.data(), bytes.size(), payloads, scratch, on_record);
-      })) {
-    state.SkipWithError("decoded records differ from the generated ones");
-    return;
-  }
-  Record scratch;
-  for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores): the loop idiom
-    std::uint64_t acc = 0;
-    std::size_t const n = msgpack_decode(bytes.data(), bytes.size(), payloads, scratch,
-                                         [&](Record const& r) { acc = fold(acc, r); });
-    benchmark::DoNotOptimize(acc);
-    benchmark::DoNotOptimize(n);
-  }
-  set_records_counters(state, records.size(), bytes.size());
+  run_msgpack_decode(state);
 }
 BENCHMARK(BM_RecordsDecode_Msgpack)->Arg(0)->Arg(1);
 

@@ -18,7 +18,7 @@
 #include <zoserialize/memory_reader.h>
 #include <zoserialize/memory_writer.h>
 
-#include "records.h"
+#include "records_bench.h"
 
 namespace zobench {
 namespace {
@@ -48,36 +48,6 @@ std::string flat(msgpack::vrefbuffer const& buffer) {
   return out;
 }
 
-std::string encode_msgpack(std::span<Record const> records) {
-  msgpack::sbuffer buffer;
-  msgpack_encode(records, buffer);
-  return {buffer.data(), buffer.size()};
-}
-
-// Throughput and size counters shared by all records benchmarks (as in bench_binary).
-void set_records_counters(benchmark::State& state, std::size_t records, std::size_t encoded) {
-  auto const iterations = static_cast<std::int64_t>(state.iterations());
-  state.SetItemsProcessed(iterations * static_cast<std::int64_t>(records));
-  state.SetBytesProcessed(iterations * static_cast<std::int64_t>(encoded));
-  state.counters["time_per_record"] = benchmark::Counter(
-      static_cast<double>(records),
-      benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-  state.counters["encoded_bytes"] = static_cast<double>(encoded);
-  state.counters["bytes_per_record"] = static_cast<double>(encoded) / static_cast<double>(records);
-}
-
-template <class Decode>
-bool decodes_to_records(std::vector<Record> const& expected, Decode&& decode) {
-  Record scratch;
-  std::size_t index = 0;
-  bool same = true;
-  std::size_t const n = decode(scratch, [&](Record const& r) {
-    same = same && index < expected.size() && r == expected[index];
-    ++index;
-  });
-  return same && n == expected.size() && index == expected.size();
-}
-
 // A fresh writer per run: its chunks come from the pools, to which the previous run's list
 // returned them.
 void BM_RecordsEncode_MemoryWriter(benchmark::State& state) {
@@ -96,16 +66,7 @@ BENCHMARK(BM_RecordsEncode_MemoryWriter);
 
 // msgpack::packer into a reused sbuffer, cleared per run.
 void BM_RecordsEncode_MsgpackSbuffer(benchmark::State& state) {
-  std::vector<Record> const& records = standard_records();
-  std::size_t const encoded = encode_msgpack(records).size();
-  msgpack::sbuffer buffer(encoded);
-  for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores): the loop idiom
-    buffer.clear();
-    msgpack_encode(records, buffer);
-    benchmark::DoNotOptimize(buffer.data());
-    benchmark::ClobberMemory();
-  }
-  set_records_counters(state, records.size(), encoded);
+  run_msgpack_encode(state);
 }
 BENCHMARK(BM_RecordsEncode_MsgpackSbuffer);
 
@@ -137,49 +98,16 @@ std::size_t decode_memory(ConstMemoryListPtr const& list, Record& scratch, auto&
 }
 
 void BM_RecordsDecode_MemoryReader(benchmark::State& state) {
-  std::vector<Record> const& records = standard_records();
-  ConstMemoryListPtr const list = encode_memory(records);
-  if (!decodes_to_records(records, [&](Record& scratch, auto&& on_record) {
-        return decode_memory(list, scratch, on_record);
-      })) {
-    state.SkipWithError("decoded records differ from the generated ones");
-    return;
-  }
-  Record scratch;
-  for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores): the loop idiom
-    std::uint64_t acc = 0;
-    std::size_t const n =
-        decode_memory(list, scratch, [&](Record const& r) { acc = fold(acc, r); });
-    benchmark::DoNotOptimize(acc);
-    benchmark::DoNotOptimize(n);
-  }
+  ConstMemoryListPtr const list = encode_memory(standard_records());
   state.counters["segments"] = static_cast<double>(list->segment_count());
-  set_records_counters(state, records.size(), list->size());
+  run_records_decode(state, list->size(), [&](Record& scratch, auto&& on_record) {
+    return decode_memory(list, scratch, on_record);
+  });
 }
 BENCHMARK(BM_RecordsDecode_MemoryReader);
 
-// Arg 0: payloads copied into msgpack's zone (its default); 1: referring into the input.
 void BM_RecordsDecode_Msgpack(benchmark::State& state) {
-  MsgpackPayloads const payloads =
-      state.range(0) == 0 ? MsgpackPayloads::kCopied : MsgpackPayloads::kReferenced;
-  state.SetLabel(payloads == MsgpackPayloads::kCopied ? "payloads copied" : "payloads referenced");
-  std::vector<Record> const& records = standard_records();
-  std::string const bytes = encode_msgpack(records);
-  if (!decodes_to_records(records, [&](Record& scratch, auto&& on_record) {
-        return msgpack_decode(bytes.data(), bytes.size(), payloads, scratch, on_record);
-      })) {
-    state.SkipWithError("decoded records differ from the generated ones");
-    return;
-  }
-  Record scratch;
-  for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores): the loop idiom
-    std::uint64_t acc = 0;
-    std::size_t const n = msgpack_decode(bytes.data(), bytes.size(), payloads, scratch,
-                                         [&](Record const& r) { acc = fold(acc, r); });
-    benchmark::DoNotOptimize(acc);
-    benchmark::DoNotOptimize(n);
-  }
-  set_records_counters(state, records.size(), bytes.size());
+  run_msgpack_decode(state);
 }
 BENCHMARK(BM_RecordsDecode_Msgpack)->Arg(0)->Arg(1);
 

@@ -138,4 +138,10 @@ void msgpack_encode(std::span<Record const> records, msgpack::vrefbuffer& out) {
   encode_msgpack_into(records, out);
 }
 
+std::string encode_msgpack(std::span<Record const> records) {
+  msgpack::sbuffer buffer;
+  msgpack_encode(records, buffer);
+  return {buffer.data(), buffer.size()};
+}
+
 }  // namespace zobench

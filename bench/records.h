@@ -141,6 +141,8 @@ std::size_t read_records(R& rd, Record& scratch, F&& on_record) {
 // array for writev(); such a vrefbuffer must not outlive `records`.
 void msgpack_encode(std::span<Record const> records, msgpack::sbuffer& out);
 void msgpack_encode(std::span<Record const> records, msgpack::vrefbuffer& out);
+// The contiguous msgpack encoding of `records`.
+std::string encode_msgpack(std::span<Record const> records);
 
 // How msgpack's unpacker places str and bin payloads: copied into its zone (the library's
 // default) or referring into the input buffer, which must then outlive the decode.
