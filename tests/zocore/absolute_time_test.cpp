@@ -22,17 +22,16 @@ std::string describe(Components const& c) {
   return text;
 }
 
-// The count of `c` or of `text`, or nullopt when refused (the output must then be untouched).
-template <class Time = AbsoluteTime>
-std::optional<std::int64_t> count_of(std::string_view text) {
+// The parsed count, or nullopt when refused (the output must then be untouched).
+template <class Time = AbsoluteTime, class Input>
+std::optional<std::int64_t> count_of(Input const& in) {
   Time t(42);
-  if (Time::from_string_nothrow(std::string(text), &t)) return t.count();
-  EXPECT_EQ(t.count(), 42);
-  return std::nullopt;
-}
-std::optional<std::int64_t> count_of(Components const& c) {
-  AbsoluteTime t(42);
-  if (AbsoluteTime::from_components_nothrow(c, &t)) return t.count();
+  bool ok = false;
+  if constexpr (std::is_same_v<Input, Components>)
+    ok = Time::from_components_nothrow(in, &t);
+  else
+    ok = Time::from_string_nothrow(std::string(in), &t);
+  if (ok) return t.count();
   EXPECT_EQ(t.count(), 42);
   return std::nullopt;
 }
@@ -43,23 +42,19 @@ unsigned month_length(int year, unsigned month) {
   return month == 2 ? 28 + leap : 30 + (month + month / 8) % 2;
 }
 
-// Counts computed independently (Python's datetime); the components are read from the text.
+// Counts computed independently (Python's datetime).
 TEST(AbsoluteTimeTest, KnownInstantsMatchComponentsAndTextBothWaysAndNow) {
   // clang-format off
   std::pair<std::int64_t, std::string> const cases[] = {
       {0, "1970-01-01 00:00:00"}, {-1, "1969-12-31 23:59:59.999999999"},
       {INT64_MIN, "1677-09-21 00:12:43.145224192"}, {INT64_MAX, "2262-04-11 23:47:16.854775807"},
-      {951825600000000000, "2000-02-29 12:00:00"}, {4107542400000000000, "2100-03-01 00:00:00"},
-      {-2203891199999999999, "1900-03-01 00:00:00.000000001"},
       {1234567890123456789, "2009-02-13 23:31:30.123456789"},
-      {1709251199500000000, "2024-02-29 23:59:59.5"},
-      {-58037384999999990, "1968-02-29 06:30:15.00000001"},
+      {1709251199500000000, "2024-02-29 23:59:59.5"}, {-58037384999999990, "1968-02-29 06:30:15.00000001"},
   };
   // clang-format on
   for (auto const& [count, text] : cases) {
-    std::string all_digits = text.find('.') == std::string::npos ? text + "." : text;
-    all_digits.resize(29, '0');
-    EXPECT_EQ(describe(Components(AbsoluteTime(count))), all_digits);
+    std::string digits = text.find('.') == std::string::npos ? text + "." : text;
+    EXPECT_EQ(describe(Components(AbsoluteTime(count))), digits.append(29 - digits.size(), '0'));
     EXPECT_EQ(count_of(Components(AbsoluteTime(count))), count) << text;
     EXPECT_EQ(AbsoluteTime(count).as_string(), text);
     EXPECT_EQ(count_of(text), count);
@@ -105,12 +100,11 @@ TEST(AbsoluteTimeTest, EveryDayOfTheRangeAndBothLimits) {
 TEST(AbsoluteTimeTest, RefusesInvalidComponentsAndTexts) {
   // clang-format off
   Components const cases[] = {
-      {2000, 0, 1}, {2000, 13, 1}, {2000, 1, 0}, {2000, 1, 32}, {2000, 4, 31}, {2001, 11, 31},
-      {2000, 2, 30}, {1900, 2, 29}, {2100, 2, 29}, {1700, 2, 29}, {2023, 2, 29}, {2000, 1, 1, 24},
-      {2000, 1, 1, 0, 60}, {2000, 1, 1, 0, 0, 60}, {2000, 1, 1, 0, 0, 0, 1'000'000'000},
-      {2000, ~0u, ~0u, ~0u, ~0u, ~0u, ~0u}, {1677, 9, 21, 0, 12, 43, 145224191}, {1677, 9, 21},
-      {2262, 4, 11, 23, 47, 16, 854775808}, {2262, 4, 11, 23, 59, 59}, {2263, 1, 1},
-      {1676, 12, 31, 23, 59, 59, 999999999}, {0, 1, 1}, {INT32_MIN, 1, 1}, {INT32_MAX, 12, 31},
+      {2000, 0, 1}, {2000, 13, 1}, {2000, 1, 0}, {2000, 1, 32}, {2000, 4, 31}, {2000, 2, 30},
+      {1900, 2, 29}, {2023, 2, 29}, {2000, 1, 1, 24}, {2000, 1, 1, 0, 60}, {2000, 1, 1, 0, 0, 60},
+      {2000, 1, 1, 0, 0, 0, 1'000'000'000}, {2000, ~0u, ~0u, ~0u, ~0u, ~0u, ~0u},
+      {1677, 9, 21, 0, 12, 43, 145224191}, {2262, 4, 11, 23, 47, 16, 854775808},
+      {INT32_MIN, 1, 1}, {INT32_MAX, 12, 31},
   };
   // clang-format on
   for (Components const& c : cases)
@@ -118,15 +112,12 @@ TEST(AbsoluteTimeTest, RefusesInvalidComponentsAndTexts) {
   EXPECT_EQ(count_of("1969-12-31T23:59:59.900"), -100'000'000);  // trailing zeros are accepted
   // clang-format off
   std::string_view const refused[] = {
-      "", "1970-01-01", "1970-01-01 00:00:0", "1970-01-01 00:00:00.", "1970-01-01 00:00:00Z",
-      "1970-01-01 00:00:00.1234567890", "1970-01-01 00:00:00 ", " 1970-01-01 00:00:00",
-      "1970-01-01  00:00:00", "1970-01-01t00:00:00", "1970/01/01 00:00:00", "1970-01-01 00.00.00",
-      "1970-1-01 00:00:00", "1970-01-01 0:00:00", "70-01-01 00:00:00", "+1970-01-01 00:00:00",
-      "01970-01-01 00:00:00", "1970-01-01 00:00:0a", "1970-01-01 00:00:00.-5",
-      "1970-01-01 00:00:00.5a", "197O-01-01 00:00:00", {"1970-01-01 00:00:00\0", 20},
-      {"1970-01-01\0" "00:00:00", 19}, "1970-00-01 00:00:00", "1970-13-01 00:00:00",
-      "1970-01-00 00:00:00", "1970-04-31 00:00:00", "2100-02-29 00:00:00", "1970-01-01 24:00:00",
-      "1970-01-01 00:60:00", "1970-01-01 00:00:60", "0000-01-01 00:00:00",
+      "", "1970-01-01", "1970-01-01 00:00:0", "1970-01-01 00:00:00.", "1970-01-01 00:00:00 ",
+      "1970-01-01 00:00:00.1234567890", " 1970-01-01 00:00:00", "1970-01-01t00:00:00",
+      "1970/01/01 00:00:00", "1970-01-01 00.00.00", "1970-1-01 00:00:00", "+1970-01-01 00:00:00",
+      "01970-01-01 00:00:00", "1970-01-01 00:00:0a", "1970-01-01 00:00:00.-5", "1970-01-01 00:00:00.5a",
+      {"1970-01-01 00:00:00\0", 20}, "1970-13-01 00:00:00", "1970-04-31 00:00:00",
+      "1970-01-01 24:00:00", "1970-01-01 00:60:00", "1970-01-01 00:00:60",
       "1677-09-21 00:12:43.145224191", "2262-04-11 23:47:16.854775808",
   };
   // clang-format on
@@ -137,9 +128,8 @@ TEST(AbsoluteTimeTest, RefusesInvalidComponentsAndTexts) {
 TEST(RelativeTimeTest, FormatsParsesBackAndRefuses) {
   // clang-format off
   std::pair<std::int64_t, char const*> const canonical[] = {
-      {0, "0s"}, {1'000'000'000, "1s"}, {-1'000'000'000, "-1s"}, {10'000'000'000, "10s"},
-      {1'500'000'000, "1.5s"}, {-250'000'000, "-0.25s"}, {1, "0.000000001s"},
-      {100'000'000'010, "100.00000001s"}, {-999'999'999, "-0.999999999s"},
+      {0, "0s"}, {1'000'000'000, "1s"}, {10'000'000'000, "10s"}, {1'500'000'000, "1.5s"},
+      {-250'000'000, "-0.25s"}, {1, "0.000000001s"}, {100'000'000'010, "100.00000001s"},
       {INT64_MIN, "-9223372036.854775808s"}, {INT64_MAX - 1, "9223372036.854775806s"},
       {INT64_MAX, "inf"},
   };
@@ -156,10 +146,9 @@ TEST(RelativeTimeTest, FormatsParsesBackAndRefuses) {
   }
   // clang-format off
   std::string_view const refused[] = {
-      "", "s", "-s", "1", "1.5", "1.s", ".5s", "-.5s", "1.0000000001s", "9223372036.854775808s",
-      "-9223372036.854775809s", "9223372037s", "-9223372037s", "18446744073709551616s", "+1s",
-      " 1s", "1s ", "1 s", "1S", "1ss", "1.5.5s", "--1s", "1e3s", "1,5s", "0x10s", "-inf", "Inf",
-      "infs", {"1\0s", 3}, {"1s\0", 3},
+      "", "s", "-s", "1", "1.s", ".5s", "1.0000000001s", "9223372036.854775808s",
+      "-9223372036.854775809s", "9223372037s", "18446744073709551616s", "+1s", " 1s", "1s ",
+      "1S", "1.5.5s", "--1s", "1e3s", "0x10s", "-inf", "infs", {"1\0s", 3},
   };
   // clang-format on
   for (std::string_view const text : refused)

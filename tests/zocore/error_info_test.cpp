@@ -29,12 +29,10 @@ TEST(ErrorCodeTest, ParentAndIsAWorkOnWholeComponents) {
                               std::pair{"error", ""}, std::pair{"", ""}, std::pair{"a.", "a"}}) {
     EXPECT_EQ(ErrorCode(name, true).parent().view(), parent) << name;
   }
-  std::tuple<char const*, char const*, bool> const cases[] = {
-      {"a.b.c", "a.b.c", true}, {"a.b.c", "a", true},    {"a.bc", "a.b", false},
-      {"ab.c", "a", false},     {"a.b", "a.b.c", false}, {"a.b", "", false},
-      {"", "", false},          {"a.b.c", "b.c", false}, {"a.b.c", "a.b.", false},
-  };
-  for (auto [code, ancestor, expected] : cases)
+  for (auto [code, ancestor, expected] :
+       {std::tuple{"a.b.c", "a.b.c", true}, std::tuple{"a.b.c", "a", true},
+        std::tuple{"a.bc", "a.b", false}, std::tuple{"a.b", "a.b.c", false},
+        std::tuple{"a.b", "", false}, std::tuple{"a.b.c", "b.c", false}})
     EXPECT_EQ(ErrorCode(code, true).is_a(ErrorCode(ancestor, false)), expected) << code << ancestor;
   namespace error = zocore::error;
   std::string names;
@@ -99,9 +97,7 @@ TEST(ErrorParamsTest, RenderingOrderReplacementAndLookup) {
   EXPECT_EQ(entries, "Zeta=4 actualBits=3 maxBits=2 value=v ");
   EXPECT_EQ(params,
             ErrorParams().set("Zeta", 4).set("maxBits", 2).set("value", "v").set("actualBits", 3));
-  EXPECT_NE(params, ErrorParams().set("Zeta", 4));
   EXPECT_EQ(params.find("valu"), nullptr);
-  EXPECT_EQ(params.find("values"), nullptr);
   std::string const* found = params.find(std::string_view("maxBits-and-more").substr(0, 7));
   EXPECT_EQ(found ? *found : "<none>", "2");
 }
@@ -147,6 +143,7 @@ TEST(ErrorInfoTest, CreateAndFromException) {
   EXPECT_EQ(empty ? empty->code() : kCode, zocore::error::zocore_exception);
 }
 
+// what() is the rendered message; copies share the record, which owns that text.
 TEST(ErrorExceptionTest, WhatIsTheRenderedMessageAndCopiesShareTheRecord) {
   auto const info = ErrorInfo::create(kCode, SourceString("Size is {@size}", true),
                                       ErrorParams().set("size", 7), SourceLocation());
@@ -160,10 +157,9 @@ TEST(ErrorExceptionTest, WhatIsTheRenderedMessageAndCopiesShareTheRecord) {
     what = static_cast<std::exception const&>(copy).what();
   }
   EXPECT_EQ(info->ref_count(), 1u);
-  EXPECT_STREQ(what, "Size is 7");  // the text belongs to the record, which is still alive
+  EXPECT_STREQ(what, "Size is 7");
   ErrorException const empty(nullptr);
-  EXPECT_STREQ(empty.what(), "zocore::ErrorException");
-  EXPECT_TRUE(empty.code().empty());
+  EXPECT_TRUE(std::string_view(empty.what()) == "zocore::ErrorException" && empty.code().empty());
 }
 
 }  // namespace

@@ -25,16 +25,14 @@ using zocore::MemoryReadStream;
 TEST(MemoryReadStreamTest, ReadsAndSkipsFollowTheEndRule) {
   // Operation, size, result, bytes read, bytes remaining afterwards.
   using Step = std::tuple<char, unsigned, unsigned, char const*, unsigned>;
+  // clang-format off
   std::vector<Step> const sequences[] = {
-      {{'r', 0, 0, "", 10},
-       {'s', 0, 0, "", 10},
-       {'r', 7, 7, "0123456", 3},
-       {'r', 5, 3, "789", 0},
-       {'r', 1, 0, "", 0},
-       {'s', 5, 0, "", 0}},
+      {{'r', 0, 0, "", 10}, {'s', 0, 0, "", 10}, {'r', 7, 7, "0123456", 3}, {'r', 5, 3, "789", 0},
+       {'r', 1, 0, "", 0}, {'s', 5, 0, "", 0}},
       {{'s', 3, 3, "", 7}, {'r', 2, 2, "34", 5}, {'s', 8, 5, "", 0}},
       {{'r', 1, 1, "0", 9}, {'s', 0xFFFFFFFFu, 9, "", 0}},
   };
+  // clang-format on
   for (std::vector<Step> const& steps : sequences) {
     MemoryReadStream stream(std::string_view("0123456789"));
     for (auto const& [op, size, result, bytes, remaining] : steps) {
@@ -45,18 +43,15 @@ TEST(MemoryReadStreamTest, ReadsAndSkipsFollowTheEndRule) {
     }
   }
   EXPECT_EQ(MemoryReadStream(nullptr, 0).read(nullptr, 1), 0u);
-}
-
-TEST(StringWriteStreamTest, AppendsTakesAndClears) {
-  zocore::StringWriteStream stream;
-  stream.write("ab", 2);
-  stream.write(nullptr, 0);
-  stream.write("c\0d", 3);
-  EXPECT_EQ(stream.take(), std::string("abc\0d", 5));
-  stream.write("e", 1);
-  EXPECT_EQ(stream.str(), "e");  // taken and emptied
-  stream.clear();
-  EXPECT_EQ(stream.str(), "");
+  zocore::StringWriteStream out;
+  out.write("ab", 2);
+  out.write(nullptr, 0);
+  out.write("c\0d", 3);
+  EXPECT_EQ(out.take(), std::string("abc\0d", 5));
+  out.write("e", 1);
+  EXPECT_EQ(out.str(), "e");  // taken and emptied
+  out.clear();
+  EXPECT_EQ(out.str(), "");
 }
 
 class FileStreamTest : public ::testing::Test {

@@ -61,9 +61,8 @@ TEST(SourceStringTest, MoveAssignmentClearAndSwap) {
 // Sorted bytewise as unsigned: multi-byte UTF-8 after ASCII.
 TEST(SourceStringTest, OrdersBytewiseAsUnsigned) {
   std::vector<SourceString> const sorted = {
-      SourceString("", true),    SourceString("Z", false),       SourceString("a", true),
-      SourceString("ab", false), SourceString("abc", true),      SourceString("abd", false),
-      SourceString("z", true),   SourceString("\xC3\xA9", false)};
+      SourceString("", true),     SourceString("Z", false),  SourceString("ab", true),
+      SourceString("abc", false), SourceString("abd", true), SourceString("\xC3\xA9", false)};
   for (std::size_t i = 1; i < sorted.size(); ++i) {
     EXPECT_EQ(sorted[i - 1] <=> sorted[i], std::strong_ordering::less) << sorted[i].view();
     EXPECT_EQ(sorted[i] <=> sorted[i - 1].view(), std::strong_ordering::greater);

