@@ -1,5 +1,4 @@
-// Memory lists for tests: bytes cut into segments at chosen places, lists of tiny chunks, and
-// what a list holds.
+// Memory lists for tests: bytes cut into segments at chosen places, lists of tiny chunks.
 #pragma once
 
 #include <cstddef>
@@ -13,21 +12,21 @@
 namespace zotest {
 
 std::string bytes_of(zoserialize::MemoryListBaseType const& list);
-// The chunks that the list's segments live in, in order.
+// The chunks of the list's segments, in order.
 std::vector<void const*> chunks_of(zoserialize::MemoryListBaseType const& list);
 
-// `data` cut into pieces of the given sizes (the last size repeats; 0 counts as 1), each in a
-// heap chunk of exactly its size: every piece boundary is a segment boundary with no room behind.
+// `data` in heap chunks of exactly the given sizes (the last size repeats; 0 counts as 1): every
+// piece boundary is a segment boundary with no room behind.
 zoserialize::MemoryListPtr list_in_pieces(std::string_view data,
                                           std::vector<std::size_t> const& sizes);
-// `data` appended to `list` (null: a fresh MemoryList, cut as the pooled chunks cut it).
+// `data` appended to `list` (null: a fresh MemoryList).
 zoserialize::MemoryListPtr list_of(std::string_view data, zoserialize::MemoryListPtr list = {});
-// An empty list whose factory makes heap chunks of `chunk_size` (1, 3, 7, 64) bytes, whatever the
-// request; clones and sublists keep the factory.
+// An empty list whose factory makes heap chunks of `chunk_size` (1, 3, 7 or 64) bytes, whatever the
+// request.
 zoserialize::MemoryListPtr tiny_chunk_list(unsigned chunk_size);
 
-// Layouts for running reader tests over every kind of seam: one segment, pooled chunks, irregular
-// pieces, 64-byte chunks; unless `large` (hundreds of kilobytes), also tiny pieces and chunks.
+// Layouts putting seams everywhere: one segment, pooled chunks, irregular pieces, 64-byte chunks;
+// unless `large` (hundreds of kilobytes), also 1- and 3-byte chunks and tiny pieces.
 struct ListLayout {
   std::string name;
   std::function<zoserialize::MemoryListPtr(std::string_view)> make;
