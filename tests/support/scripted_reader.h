@@ -1,12 +1,11 @@
-// A Reader that replays a flat script of elements and logs the core calls made on it, for tests of
-// the Reader front end and of code that consumes readers.
+// A Reader that replays a flat script of tokens and logs the core calls made on it, for tests of
+// the Reader front end.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include <zocore/error_code.h>
@@ -14,48 +13,41 @@
 
 namespace zotest {
 
-// Code of the failures ScriptedReader raises: a read that does not match the script, a value
-// that does not fit, running off the end.
+// Code of the failures ScriptedReader raises: a read that does not match the script, an integer
+// image wider than asked for, running off the end.
 extern zocore::ErrorCode const scripted_reader_error;  // "error.zotest.scripted_reader"
 
-// One token of a script; only the payload of the token's kind is used.
 struct ScriptElement {
   zoserialize::Reader::EToken token;
-  std::string bytes{};     // integer image (big-endian, two's complement if signed), payload
+  std::string bytes{};     // integer image (big-endian), string or binary payload
   double number = 0;       // Double
   std::int64_t count = 0;  // Boolean (0/1), time in nanoseconds, count hint (0: none)
   zoserialize::Uuid uuid{};
 };
 using Script = std::vector<ScriptElement>;
 
-// A script from space-separated items: n (null), t f (booleans), i<dec> u<dec> (8-byte images),
-// I<hex> U<hex> (explicit images), d<strtod text> (nan, inf too), s<text> b<text>, a<ns> r<ns>,
-// g<uuid text>, [ or [<count hint>, "," ] { } (separator, ends, marker start), ?<n> (a bare
-// token value). Throws std::invalid_argument on a malformed item.
+// A script from space-separated items: n (null), t f (booleans), i<hex> u<hex> (integer images),
+// d<strtod text> (nan, inf too), s<text> b<text>, a<ns> r<ns>, g<uuid text>, [ or [<count hint>,
+// "," ] { } (separator, ends, marker start), ?<n> (a bare token value).
 Script parse_script(std::string_view text);
 
-// Behaves like an archive reader over the script: next_token() reports the next token (EOF after
-// the last); typed reads check it; integer reads sign- or zero-extend the image and fail when the
-// value needs more bytes; read_sequence_next consumes a separator (true) or the end (false) and
-// reports true without consuming before a first element; read_marker_is_end is false at the end
-// of the script (as a lenient archive might say) and read_marker_end skips to the marker's end;
-// skip_element and read_copy take whole sequences and markers. Payload streams borrow the script
-// and must not outlive the reader. calls() logs each core call but next_token() and is_eof():
-// "read_int_big_endian 4", "read_string(SourceString&)", "read_copy", ... Not thread-safe.
+// next_token() reports the next token (EOF after the last); typed reads check it; integer reads
+// sign- or zero-extend the image; read_sequence_next consumes a separator (true) or the end
+// (false) and reports true without consuming before a first element; read_marker_end skips to the
+// marker's end; read_copy writes the element's token name as a string and skips the element.
+// Payload streams borrow the script. calls() logs each core call but next_token() and is_eof():
+// "read_int_big_endian 4", "read_string(SourceString&)", ... Not thread-safe.
 class ScriptedReader : public zoserialize::Reader {
  public:
   using Stream = zoserialize::InterfacePtr<zoserialize::IReadStream>;
 
-  explicit ScriptedReader(Script script) : script_(std::move(script)) {}
   explicit ScriptedReader(std::string_view text) : script_(parse_script(text)) {}
 
   std::vector<std::string> const& calls() const noexcept { return calls_; }
-  // Index of the next token in the script.
-  std::size_t position() const noexcept { return pos_; }
 
   bool is_eof() const override { return pos_ >= script_.size(); }
   EToken next_token() override { return is_eof() ? EToken::Eof : script_[pos_].token; }
-  void skip_element() override;
+  void skip_element() override { pos_ = element_end(); }
   void read_null() override { take(EToken::Null, "read_null"); }
   bool try_read_null() override { return next_token() == EToken::Null && (read_null(), true); }
   bool read_bool() override { return take(EToken::Boolean, "read_bool").count != 0; }
