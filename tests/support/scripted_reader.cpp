@@ -27,38 +27,40 @@ namespace {
 // NOLINTNEXTLINE(cert-err58-cpp): constant-initialised, nothing runs at load
 constinit zocore::ErrorCode const scripted_reader_error("error.zotest.scripted_reader", true);
 
-Script parse_script(std::string_view text) {
-  // The letter of each token at the token's value, from Unknown (0) to MarkerEnd (15).
-  static constexpr std::string_view kLetters = "?ntiudsargb[,]{}";
-  Script script;
-  std::istringstream items{std::string(text)};
-  for (std::string item; items >> item;) {
-    char const c = item[0];
-    std::string const arg = item.substr(1);
-    auto const value = static_cast<int>(kLetters.find(c == 'f' ? 't' : c));
-    ScriptElement& e =
-        script.emplace_back(ScriptElement{static_cast<EToken>(c == '?' ? std::stoi(arg) : value)});
-    if (c == 't') e.count = 1;
-    if (c == 'i' || c == 'u') e.bytes = bytes(arg);
-    if (c == 'd') e.number = std::strtod(arg.c_str(), nullptr);
-    if (c == 's' || c == 'b') e.bytes = arg;
-    if ((c == 'a' || c == 'r' || c == '[') && !arg.empty()) e.count = std::stoll(arg);
-    if (c == 'g') e.uuid = zoserialize::Uuid::from_string(arg.data(), unsigned(arg.size()));
-  }
-  return script;
+ScriptedReader::ScriptedReader(std::string_view script) {
+  std::istringstream items{std::string(script)};
+  for (std::string item; items >> item;)
+    items_.push_back(std::move(item));
 }
 
-ScriptElement const& ScriptedReader::take(EToken token, std::string call) {
+EToken ScriptedReader::next_token() {
+  if (is_eof()) return EToken::Eof;
+  // The letter of each token at the token's value, from Unknown (0) to MarkerEnd (15).
+  static constexpr std::string_view kLetters = "?ntiudsargb[,]{}";
+  std::string const& item = items_[pos_];
+  if (item[0] == '?') return static_cast<EToken>(std::stoi(item.substr(1)));
+  return static_cast<EToken>(kLetters.find(item[0] == 'f' ? 't' : item[0]));
+}
+
+std::string_view ScriptedReader::take(EToken token, std::string call) {
   calls_.push_back(std::move(call));
   if (next_token() != token) fail(zoserialize::token_name(token), next_token());
-  return script_[pos_++];
+  return std::string_view(items_[pos_++]).substr(1);
+}
+
+double ScriptedReader::read_double() {
+  return std::strtod(std::string(take(EToken::Double, "read_double")).c_str(), nullptr);
+}
+
+zoserialize::Uuid ScriptedReader::read_uuid() {
+  std::string_view const text = take(EToken::Uuid, "read_uuid");
+  return zoserialize::Uuid::from_string(text.data(), unsigned(text.size()));
 }
 
 void ScriptedReader::read_integer(void* data, unsigned size, bool is_signed) {
-  std::string const& image =
+  std::string const image = bytes(
       take(is_signed ? EToken::SignedInteger : EToken::UnsignedInteger,
-           (is_signed ? "read_int_big_endian " : "read_uint_big_endian ") + std::to_string(size))
-          .bytes;
+           (is_signed ? "read_int_big_endian " : "read_uint_big_endian ") + std::to_string(size)));
   if (image.size() > size) fail("at most " + std::to_string(size) + " bytes", EToken::Unknown);
   bool const negative = is_signed && !image.empty() && (image[0] & 0x80) != 0;
   auto* const out = static_cast<unsigned char*>(data);
@@ -66,20 +68,8 @@ void ScriptedReader::read_integer(void* data, unsigned size, bool is_signed) {
   std::memcpy(out + size - image.size(), image.data(), image.size());
 }
 
-std::size_t ScriptedReader::element_end() const {
-  for (std::size_t i = pos_, depth = 0;;) {
-    EToken const t = i < script_.size() ? script_[i].token : EToken::Eof;
-    bool const opens = t == EToken::SequenceStart || t == EToken::MarkerStart;
-    bool const closes = t == EToken::SequenceEnd || t == EToken::MarkerEnd;
-    if (t == EToken::Eof || (depth == 0 && (closes || t == EToken::SequenceSeparator)))
-      fail("an element", t);
-    depth = depth + (opens ? 1 : 0) - (closes ? 1 : 0);
-    if (++i, depth == 0) return i;
-  }
-}
-
-ScriptedReader::Stream ScriptedReader::over(ScriptElement const& element) {
-  return zocore::make_ref_counted<zocore::MemoryReadStream>(std::string_view(element.bytes));
+ScriptedReader::Stream ScriptedReader::over(std::string_view payload) {
+  return zocore::make_ref_counted<zocore::MemoryReadStream>(payload);
 }
 
 bool ScriptedReader::read_sequence_next() {
@@ -97,15 +87,21 @@ bool ScriptedReader::read_marker_is_end() {
 
 void ScriptedReader::read_marker_end() {
   calls_.emplace_back("read_marker_end");
-  while (next_token() != EToken::MarkerEnd)
-    pos_ = element_end();
-  ++pos_;
+  std::size_t depth = 0;
+  for (std::size_t i = pos_; i < items_.size(); ++i) {
+    if (items_[i] == "{") ++depth;
+    if (items_[i] == "}" && depth-- == 0) {
+      pos_ = i + 1;
+      return;
+    }
+  }
+  fail("a marker end", EToken::Eof);
 }
 
 void ScriptedReader::read_copy(zoserialize::Writer& writer) {
   calls_.emplace_back("read_copy");
   writer << zoserialize::token_name(next_token());
-  pos_ = element_end();
+  ++pos_;
 }
 
 }  // namespace zotest
