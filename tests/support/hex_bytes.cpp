@@ -6,26 +6,21 @@
 #include <support/hex_bytes.h>
 
 namespace zotest {
-namespace {
-
-[[noreturn]] void malformed(std::string_view hex) {
-  std::fprintf(stderr, "zotest::bytes: malformed hex text \"%.*s\"\n", int(hex.size()), hex.data());
-  std::abort();
-}
-
-}  // namespace
 
 std::string bytes(std::string_view hex) {
   std::string out;
   std::string pair;
+  bool malformed = false;
   for (char const c : hex) {
     if (c == ' ') continue;
-    if (!std::isxdigit(static_cast<unsigned char>(c))) malformed(hex);
+    malformed = malformed || !std::isxdigit(static_cast<unsigned char>(c));
     pair += c;
-    if (pair.size() == 2) out += static_cast<char>(std::stoi(std::exchange(pair, {}), nullptr, 16));
+    if (pair.size() == 2 && !malformed)
+      out += static_cast<char>(std::stoi(std::exchange(pair, {}), nullptr, 16));
   }
-  if (!pair.empty()) malformed(hex);
-  return out;
+  if (!malformed && pair.empty()) return out;
+  std::fprintf(stderr, "zotest::bytes: malformed hex text \"%.*s\"\n", int(hex.size()), hex.data());
+  std::abort();
 }
 
 std::string hex(std::string_view bytes) {

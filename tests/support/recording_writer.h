@@ -1,16 +1,22 @@
 // A Writer that logs its core calls as text, for tests of code that writes through a Writer.
 #pragma once
 
+#include <bit>
+#include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
+#include <support/hex_bytes.h>
 #include <zocore/error_code.h>
+#include <zocore/throw_error.h>
 #include <zoserialize/writer.h>
 
 namespace zotest {
 
 // Code of the failure that fail_on() injects.
-extern zocore::ErrorCode const recording_writer_error;  // "error.zotest.recording_writer"
+inline constinit zocore::ErrorCode const recording_writer_error("error.zotest.recording_writer",
+                                                                true);
 
 // Each core call appends one line to calls(): "null", "bool true", "int FF FE" (the image as
 // handed over), "double 3FB99999A0000000" (the bits), "string " and the bytes as they are,
@@ -32,7 +38,12 @@ class RecordingWriter : public zoserialize::Writer {
   void write_uint_big_endian(void const* data, unsigned size) override {
     record("uint", data, size);
   }
-  void write_double(double value) override;
+  void write_double(double value) override {
+    char line[32];
+    std::snprintf(line, sizeof line, "double %016llX",
+                  static_cast<unsigned long long>(std::bit_cast<std::uint64_t>(value)));
+    record(line);
+  }
   void write_string(char const* data, unsigned size) override {
     record("string " + std::string(data, size));
   }
@@ -58,8 +69,17 @@ class RecordingWriter : public zoserialize::Writer {
   void write_marker_end() override { record("marker_end"); }
 
  private:
-  void record(char const* name, void const* image, unsigned size);
-  void record(std::string line);
+  void record(char const* name, void const* image, unsigned size) {
+    record(name + (' ' + hex(std::string_view(static_cast<char const*>(image), size))));
+  }
+  void record(std::string line) {
+    if (!fail_on_.empty() && line.starts_with(fail_on_)) {
+      fail_on_.clear();
+      zocore::throw_error(recording_writer_error, "Recording writer: injected failure",
+                          {"zotest::RecordingWriter::record()", "recording_writer.h", __LINE__});
+    }
+    calls_.push_back(std::move(line));
+  }
 
   std::vector<std::string> calls_;
   std::string fail_on_;

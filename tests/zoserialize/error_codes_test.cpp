@@ -63,22 +63,13 @@ TEST(ErrorCodesTest, EachGlobalCarriesItsNameFromConstantInitialisation) {
   }
 }
 
-// A code's parent is one of the 45 up to the root, and a code belongs to exactly the families
-// named by its own dotted prefixes.
-TEST(ErrorCodesTest, ParentsAndFamiliesFollowTheDottedNames) {
+TEST(ErrorCodesTest, EachParentIsOneOfTheCodesUpToTheRoot) {
   for (CodeRow const& row : kCodes) {
-    SCOPED_TRACE(row.name);
-    std::string_view const name = row.name;
-    std::string_view const parent = name.substr(0, name.rfind('.'));
-    EXPECT_EQ(row.code->parent().view(), parent);
-    int parents_listed = 0;
-    for (CodeRow const& other : kCodes) {
-      std::string_view const family = other.name;
-      parents_listed += family == parent ? 1 : 0;
-      bool const member = name == family || name.starts_with(other.name + ".");
-      EXPECT_EQ(row.code->is_a(*other.code), member) << "family " << family;
-    }
-    EXPECT_EQ(parents_listed, row.code == &error::zoserialize ? 0 : 1);
+    std::string const parent(row.code->parent().view());
+    EXPECT_EQ(parent, row.name.substr(0, row.name.rfind('.'))) << row.name;
+    bool const listed = std::any_of(std::begin(kCodes), std::end(kCodes),
+                                    [&](CodeRow const& other) { return other.name == parent; });
+    EXPECT_EQ(listed, row.code != &error::zoserialize) << row.name;
   }
 }
 
