@@ -9,18 +9,17 @@ ErrorPtr expect_error(std::function<void()> const& fn, zocore::ErrorCode const& 
   ::testing::ScopedTrace const trace(file, line, "expected error here");
   try {
     fn();
+    ADD_FAILURE() << "expected ErrorException " << code << " (\"" << message << "\"), none thrown";
   } catch (zocore::ErrorException const& e) {
     ErrorPtr const& info = e.info();
-    EXPECT_TRUE(info) << "ErrorException without a record";
+    if (!info) ADD_FAILURE() << "ErrorException without a record";
     if (!info) return nullptr;
     EXPECT_EQ(info->code().view(), code.view()) << "message: " << info->rendered();
     EXPECT_EQ(info->message().view(), message);
-    return info->code() == code && info->message().view() == message ? info : nullptr;
+    if (info->code() == code && info->message().view() == message) return info;
   } catch (std::exception const& e) {
     ADD_FAILURE() << "expected ErrorException " << code << ", got std::exception: " << e.what();
-    return nullptr;
   }
-  ADD_FAILURE() << "expected ErrorException " << code << " (\"" << message << "\"), none thrown";
   return nullptr;
 }
 

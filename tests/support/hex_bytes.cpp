@@ -1,41 +1,26 @@
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 #include <support/hex_bytes.h>
 
 namespace zotest {
-namespace {
-
-[[noreturn]] void malformed(std::string_view hex) {
-  std::fprintf(stderr, "zotest::bytes: malformed hex text \"%.*s\"\n", int(hex.size()), hex.data());
-  std::abort();
-}
-
-int digit_value(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-}  // namespace
 
 std::string bytes(std::string_view hex) {
   std::string out;
-  int high = -1;
+  std::string pair;
+  bool malformed = false;
   for (char const c : hex) {
     if (c == ' ') continue;
-    int const d = digit_value(c);
-    if (d < 0) malformed(hex);
-    if (high < 0) {
-      high = d;
-    } else {
-      out.push_back(static_cast<char>(high * 16 + d));
-      high = -1;
-    }
+    malformed = malformed || !std::isxdigit(static_cast<unsigned char>(c));
+    pair += c;
+    if (pair.size() == 2 && !malformed)
+      out += static_cast<char>(std::stoi(std::exchange(pair, {}), nullptr, 16));
   }
-  if (high >= 0) malformed(hex);
-  return out;
+  if (!malformed && pair.empty()) return out;
+  std::fprintf(stderr, "zotest::bytes: malformed hex text \"%.*s\"\n", int(hex.size()), hex.data());
+  std::abort();
 }
 
 std::string hex(std::string_view bytes) {

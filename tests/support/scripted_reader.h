@@ -1,12 +1,10 @@
-// A Reader that replays a flat script of elements and logs the core calls made on it, for tests of
-// the Reader front end and of code that consumes readers.
+// A Reader that replays a script of tokens and logs the core calls made on it, for tests of the
+// Reader front end.
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include <zocore/error_code.h>
@@ -14,72 +12,56 @@
 
 namespace zotest {
 
-// Code of the failures ScriptedReader raises: a read that does not match the script, a value
-// that does not fit, running off the end.
+// Code of the failures ScriptedReader raises: a read that does not match the script, an integer
+// image wider than asked for, a marker end that never comes.
 extern zocore::ErrorCode const scripted_reader_error;  // "error.zotest.scripted_reader"
 
-// One token of a script; only the payload of the token's kind is used.
-struct ScriptElement {
-  zoserialize::Reader::EToken token;
-  std::string bytes{};     // integer image (big-endian, two's complement if signed), payload
-  double number = 0;       // Double
-  std::int64_t count = 0;  // Boolean (0/1), time in nanoseconds, count hint (0: none)
-  zoserialize::Uuid uuid{};
-};
-using Script = std::vector<ScriptElement>;
-
-// A script from space-separated items: n (null), t f (booleans), i<dec> u<dec> (8-byte images),
-// I<hex> U<hex> (explicit images), d<strtod text> (nan, inf too), s<text> b<text>, a<ns> r<ns>,
-// g<uuid text>, [ or [<count hint>, "," ] { } (separator, ends, marker start), ?<n> (a bare
-// token value). Throws std::invalid_argument on a malformed item.
-Script parse_script(std::string_view text);
-
-// Behaves like an archive reader over the script: next_token() reports the next token (EOF after
-// the last); typed reads check it; integer reads sign- or zero-extend the image and fail when the
-// value needs more bytes; read_sequence_next consumes a separator (true) or the end (false) and
-// reports true without consuming before a first element; read_marker_is_end is false at the end
-// of the script (as a lenient archive might say) and read_marker_end skips to the marker's end;
-// skip_element and read_copy take whole sequences and markers. Payload streams borrow the script
-// and must not outlive the reader. calls() logs each core call but next_token() and is_eof():
-// "read_int_big_endian 4", "read_string(SourceString&)", "read_copy", ... Not thread-safe.
+// The script is space-separated items: n (null), t f (booleans), i<hex> u<hex> (integer images,
+// sign- or zero-extended to the width asked for), d<strtod text> (nan, inf too), s<text> b<text>,
+// a<ns> r<ns>, g<uuid text>, [ or [<count hint>, "," ] { } (separator, ends, marker start), ?<n>
+// (a bare token value). read_sequence_next consumes a separator (true) or the end (false) and
+// reports true without consuming before a first element; read_marker_end skips to the marker's
+// end; skip_element and read_copy (which writes the token's name as a string) take one item.
+// calls() logs each core call but next_token() and is_eof(): "read_int_big_endian 4",
+// "read_string(SourceString&)", ... Payload streams borrow the script. Not thread-safe.
 class ScriptedReader : public zoserialize::Reader {
  public:
   using Stream = zoserialize::InterfacePtr<zoserialize::IReadStream>;
 
-  explicit ScriptedReader(Script script) : script_(std::move(script)) {}
-  explicit ScriptedReader(std::string_view text) : script_(parse_script(text)) {}
+  explicit ScriptedReader(std::string_view script);
 
   std::vector<std::string> const& calls() const noexcept { return calls_; }
-  // Index of the next token in the script.
-  std::size_t position() const noexcept { return pos_; }
 
-  bool is_eof() const override { return pos_ >= script_.size(); }
-  EToken next_token() override { return is_eof() ? EToken::Eof : script_[pos_].token; }
-  void skip_element() override;
+  bool is_eof() const override { return pos_ >= items_.size(); }
+  EToken next_token() override;
+  void skip_element() override { ++pos_; }
   void read_null() override { take(EToken::Null, "read_null"); }
   bool try_read_null() override { return next_token() == EToken::Null && (read_null(), true); }
-  bool read_bool() override { return take(EToken::Boolean, "read_bool").count != 0; }
+  bool read_bool() override {
+    take(EToken::Boolean, "read_bool");
+    return items_[pos_ - 1] == "t";
+  }
   void read_int_big_endian(void* data, unsigned size) override { read_integer(data, size, true); }
   void read_uint_big_endian(void* data, unsigned size) override { read_integer(data, size, false); }
-  double read_double() override { return take(EToken::Double, "read_double").number; }
+  double read_double() override;
   void read_string(zoserialize::SourceString& out) override {
-    out = zoserialize::SourceString(take(EToken::String, "read_string(SourceString&)").bytes);
+    out = zoserialize::SourceString(take(EToken::String, "read_string(SourceString&)"));
   }
   void read_string(std::string& out) override {
-    out = take(EToken::String, "read_string(string&)").bytes;
+    out = take(EToken::String, "read_string(string&)");
   }
-  std::string read_string() override { return take(EToken::String, "read_string()").bytes; }
+  std::string read_string() override { return std::string(take(EToken::String, "read_string()")); }
   Stream read_string_stream() override { return over(take(EToken::String, "read_string_stream")); }
   zoserialize::AbsoluteTime read_absolute_time() override {
-    return zoserialize::AbsoluteTime(take(EToken::AbsoluteTime, "read_absolute_time").count);
+    return zoserialize::AbsoluteTime(number(take(EToken::AbsoluteTime, "read_absolute_time")));
   }
   zoserialize::RelativeTime read_relative_time() override {
-    return zoserialize::RelativeTime(take(EToken::RelativeTime, "read_relative_time").count);
+    return zoserialize::RelativeTime(number(take(EToken::RelativeTime, "read_relative_time")));
   }
-  zoserialize::Uuid read_uuid() override { return take(EToken::Uuid, "read_uuid").uuid; }
+  zoserialize::Uuid read_uuid() override;
   Stream read_binary() override { return over(take(EToken::Binary, "read_binary")); }
   unsigned read_sequence_start() override {
-    return static_cast<unsigned>(take(EToken::SequenceStart, "read_sequence_start").count);
+    return unsigned(number(take(EToken::SequenceStart, "read_sequence_start")));
   }
   bool read_sequence_next() override;
   void read_marker_start() override { take(EToken::MarkerStart, "read_marker_start"); }
@@ -88,14 +70,15 @@ class ScriptedReader : public zoserialize::Reader {
   void read_copy(zoserialize::Writer& writer) override;
 
  private:
-  // Logs `call`, then consumes the next token, which must be `token`.
-  ScriptElement const& take(EToken token, std::string call);
-  static Stream over(ScriptElement const& element);
+  // Logs `call`, then consumes the next item, which must be a `token`; returns its argument.
+  std::string_view take(EToken token, std::string call);
+  static long long number(std::string_view text) {
+    return text.empty() ? 0 : std::stoll(std::string(text));
+  }
+  static Stream over(std::string_view payload);
   void read_integer(void* data, unsigned size, bool is_signed);
-  // Index just past the element that starts at pos_.
-  std::size_t element_end() const;
 
-  Script script_;
+  std::vector<std::string> items_;
   std::size_t pos_ = 0;
   std::vector<std::string> calls_;
 };

@@ -9,13 +9,13 @@
 
 #include <support/error_matchers.h>
 #include <support/recording_writer.h>
-#include <zocore/memory_stream.h>
 #include <zoserialize/error_codes.h>
 #include <zoserialize/writer.h>
 
 namespace {
 
 using namespace zoserialize;  // NOLINT(google-build-using-namespace): the table reads better
+using namespace std::string_literals;
 using zotest::RecordingWriter;
 using Calls = std::vector<std::string>;
 
@@ -32,62 +32,47 @@ struct Row {
 
 // Each statement goes through a Writer& so that the front end, not the concrete class, resolves
 // the overload.
-#define ROW(statement, ...)                      \
-  Row {                                          \
-#statement, [](Writer & w) { statement; }, { \
-      __VA_ARGS__                                \
-    }                                            \
-  }
+// clang-format off
+#define ROW(statement, ...) Row{#statement, [](Writer& w) { statement; }, {__VA_ARGS__}}
+// clang-format on
 
 TEST(WriterTest, FrontEndHandsTheCoreFullWidthBigEndianImagesAndUtf8) {
   Row const rows[] = {
     ROW(w << true << false, "bool true", "bool false"),
-    ROW(w << static_cast<char>(-1), "int FF"),
-    ROW(w << static_cast<signed char>(-128), "int 80"),
+    ROW(w << static_cast<char>(-1) << static_cast<signed char>(-128), "int FF", "int 80"),
     ROW(w.write_int8(static_cast<char>(-2)), "int FE"),
-    ROW(w << static_cast<unsigned char>(255), "uint FF"),
-    ROW(w.write_uint8(0x80), "uint 80"),
-    ROW(w << static_cast<short>(-292), "int FE DC"),
-    ROW(w.write_int16(0x1234), "int 12 34"),
-    ROW(w << static_cast<unsigned short>(0xABCD), "uint AB CD"),
-    ROW(w.write_uint16(0x8001), "uint 80 01"),
-    ROW(w << -0x01020304, "int FE FD FC FC"),
-    ROW(w.write_int32(0x01020304), "int 01 02 03 04"),
+    ROW(w << static_cast<unsigned char>(255); w.write_uint8(0x80), "uint FF", "uint 80"),
+    ROW(w << static_cast<short>(-292); w.write_int16(0x1234), "int FE DC", "int 12 34"),
+    ROW(w << static_cast<unsigned short>(0xABCD);
+        w.write_uint16(0x8001), "uint AB CD", "uint 80 01"),
+    ROW(w << -0x01020304; w.write_int32(0x01020304), "int FE FD FC FC", "int 01 02 03 04"),
     ROW(w.write_int(INT_MIN), "int 80 00 00 00"),
-    ROW(w << 0x01020304u, "uint 01 02 03 04"),
-    ROW(w.write_uint32(0xFFFFFFFEu), "uint FF FF FF FE"),
+    ROW(w << 0x01020304u; w.write_uint32(0xFFFFFFFEu), "uint 01 02 03 04", "uint FF FF FF FE"),
     ROW(w.write_uint(7), "uint 00 00 00 07"),
-    ROW(w << -0x0102030405060708L, "int FE FD FC FB FA F9 F8 F8"),
-    ROW(w.write_long(5L), "int 00 00 00 00 00 00 00 05"),
-    ROW(w << 0x0102030405060708UL, "uint 01 02 03 04 05 06 07 08"),
-    ROW(w.write_ulong(ULONG_MAX - 1), "uint FF FF FF FF FF FF FF FE"),
-    ROW(w << 0x0102030405060708LL, "int 01 02 03 04 05 06 07 08"),
-    ROW(w.write_int64(LLONG_MIN), "int 80 00 00 00 00 00 00 00"),
-    ROW(w << 0x8000000000000001ULL, "uint 80 00 00 00 00 00 00 01"),
-    ROW(w.write_uint64(0x0102030405060708ULL), "uint 01 02 03 04 05 06 07 08"),
+    ROW(w << -0x0102030405060708L;
+        w.write_long(5L), "int FE FD FC FB FA F9 F8 F8", "int 00 00 00 00 00 00 00 05"),
+    ROW(w << 0x0102030405060708UL; w.write_ulong(ULONG_MAX - 1), "uint 01 02 03 04 05 06 07 08",
+                                   "uint FF FF FF FF FF FF FF FE"),
+    ROW(w << 0x0102030405060708LL;
+        w.write_int64(LLONG_MIN), "int 01 02 03 04 05 06 07 08", "int 80 00 00 00 00 00 00 00"),
+    ROW(w << 0x8000000000000001ULL; w.write_uint64(0x0102030405060708ULL),
+                                    "uint 80 00 00 00 00 00 00 01", "uint 01 02 03 04 05 06 07 08"),
     // Widened exactly: the float nearest to 0.1, not the double nearest to 0.1.
-    ROW(w << 0.1f, "double 3FB99999A0000000"),
-    ROW(w.write_float(-0.1f), "double BFB99999A0000000"),
+    ROW(w << 0.1f; w.write_float(-0.1f), "double 3FB99999A0000000", "double BFB99999A0000000"),
     ROW(w << 0.1, "double 3FB999999999999A"),
-    ROW(w << "abc", "string \"abc\""),
-    ROW(w.write_string("text"), "string \"text\""),
-    ROW(w << std::string("a\0b", 3), "string \"a\\x00b\""),
-    ROW(w << std::string_view("xyz", 2), "string \"xy\""),
-    ROW(w << SourceString("src", true), "string \"src\""),
-    ROW(w << L"h\u00e9\U0001F600", "string \"h\\xC3\\xA9\\xF0\\x9F\\x98\\x80\""),
-    ROW(w.write_string(L"wide"), "string \"wide\""),
-    ROW(w.write_string(L"wide", 2), "string \"wi\""),
-    ROW(w << std::wstring(L"a\0\xD83D\xDE00", 4), "string \"a\\x00\\xF0\\x9F\\x98\\x80\""),
-    ROW(w << StringKey::token_from_string("key"), "string \"key\""),
-    ROW(w.write_string_key(StringKey::token_from_string("k2")), "string \"k2\""),
-    ROW(w << UuidKey(kUuid), kUuidLine),
-    ROW(w.write_uuid_key(UuidKey(kUuid)), kUuidLine),
-    ROW(w << kUuid, kUuidLine),
-    ROW(w << AbsoluteTime(1500), "absolute_time 1500"),
-    ROW(w << RelativeTime(-5), "relative_time -5"),
+    ROW(w << "abc"; w.write_string("text"), "string abc", "string text"),
+    ROW(w << "a\0b"s << std::string_view("xyz", 2), "string a\0b"s, "string xy"),
+    ROW(w << SourceString("src", true), "string src"),
+    ROW(w << L"h\u00e9\U0001F600", "string h\xC3\xA9\xF0\x9F\x98\x80"),
+    ROW(w.write_string(L"wide"); w.write_string(L"wide", 2), "string wide", "string wi"),
+    ROW(w << std::wstring(L"a\0\xD83D\xDE00", 4), "string a\0\xF0\x9F\x98\x80"s),
+    ROW(w << StringKey::token_from_string("key");
+        w.write_string_key(StringKey::token_from_string("k2")), "string key", "string k2"),
+    ROW(w << UuidKey(kUuid) << kUuid;
+        w.write_uuid_key(UuidKey(kUuid)), kUuidLine, kUuidLine, kUuidLine),
+    ROW(w << AbsoluteTime(1500) << RelativeTime(-5), "absolute_time 1500", "relative_time -5"),
     ROW(w << SourceLocation("ns::C::f()", "$Id: a.cpp $", 0x01020304), "marker_start",
-        "string \"ns::C::f()\"", "string \"$Id: a.cpp $\"", "uint 01 02 03 04", "marker_end"),
-    ROW(w.Writer::close(); w.Writer::flush()),
+        "string ns::C::f()", "string $Id: a.cpp $", "uint 01 02 03 04", "marker_end"),
   };
   for (Row const& row : rows) {
     RecordingWriter writer;
@@ -102,11 +87,10 @@ TEST(WriterTest, StringOver4GiBIsRefusedBeforeReading) {
   std::size_t const size = std::size_t{1} << 32;  // the smallest size refused
   void* const region =
       ::mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (region == MAP_FAILED) GTEST_SKIP() << "cannot reserve 4 GiB of address space";
+  ASSERT_NE(region, MAP_FAILED);
   RecordingWriter writer;
-  Writer& w = writer;
   auto const info = ZO_EXPECT_ERROR(
-      w << std::string_view(static_cast<char const*>(region), size),
+      writer << std::string_view(static_cast<char const*>(region), size),
       error::zoserialize_writer_data_range,
       "Value is too large to be written whole; write it through a stream.  Size={@size}");
   EXPECT_EQ(zotest::param(info, "size"), "4294967296");
@@ -127,9 +111,8 @@ TEST(WriteMarkerTest, EndsOnceAndItsDestructorSwallowsAFailingEnd) {
   {
     WriteMarker marker(writer);
     writer.fail_on("marker_end");
-    auto const info = ZO_EXPECT_ERROR(marker.close(), zotest::recording_writer_error,
-                                      "Recording writer: injected failure of {@call}");
-    EXPECT_EQ(zotest::param(info, "call"), "marker_end");
+    ZO_EXPECT_ERROR(marker.close(), zotest::recording_writer_error,
+                    "Recording writer: injected failure");
   }  // the guard forgot the writer before ending the marker: no second attempt
   writer.fail_on("marker_end");
   EXPECT_NO_THROW({ WriteMarker const marker(writer); });
@@ -137,23 +120,6 @@ TEST(WriteMarkerTest, EndsOnceAndItsDestructorSwallowsAFailingEnd) {
   EXPECT_EQ(writer.calls(),
             (Calls{"marker_start", "int 00 00 00 01", "marker_end", "int 00 00 00 02",
                    "marker_start", "marker_start", "marker_start", "marker_end"}));
-}
-
-// Other suites compare copies through this double; its value-stream bookkeeping must hold.
-TEST(RecordingWriterTest, ValueStreamsAreRecordedWhenFinished) {
-  std::string const long_text(5000, 'q');  // more than one block of the drain
-  zocore::MemoryReadStream source(long_text);
-  RecordingWriter writer;
-  auto const text = writer.write_string_stream();
-  text->write("a\"", 2);
-  writer.write_string_stream(source);
-  ZO_EXPECT_ERROR(text->write("late", 4), zotest::recording_writer_error,
-                  "Recording writer: value stream written after it was finished");
-  writer.merge_value_forms(true);
-  writer.write_binary()->write("\x01", 1);
-  writer.write_string_stream()->close();
-  EXPECT_EQ(writer.calls(), (Calls{"string_stream \"a\\x22\"", "string_from \"" + long_text + "\"",
-                                   "binary 01", "string \"\""}));
 }
 
 }  // namespace
