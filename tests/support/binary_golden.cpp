@@ -233,12 +233,12 @@ class Table {
   }
 
   // Through the typed front end, at the width of the C++ type; floating point compared by bits.
-  template <class T, class R = T>
+  template <class T>
   void typed(std::string name, T value, std::string_view hex) {
     add(
         std::move(name), [value](Writer& w) { w << value; }, unhex(hex),
         [value](Reader& r) {
-          R got{};
+          T got{};
           r >> got;
           if constexpr (std::is_floating_point_v<T>)
             EXPECT_EQ(hex_of(got), hex_of(value));
@@ -423,8 +423,6 @@ void add_strings(Table& t) {
   t.whole("String_EmbeddedNul", true, std::string("a\0b", 3), "53");
   // Read by value, a string is not validated; copying streams it, which does validate.
   t.whole("String_NotUtf8ByValue", true, "\xC3(\xFF", "53", Copy::kNone);
-  t.typed<char const*, std::string>("String_CString", "hello", "55 68 65 6C 6C 6F");
-  t.typed("String_WideToUtf8", std::wstring(L"\u00e9\u20ac"), "55 C3 A9 E2 82 AC");
   t.add(
       "String_IntoSourceString", [](Writer& w) { w << std::string("key"); }, bytes("53 6B 65 79"),
       [](Reader& r) {
@@ -515,17 +513,6 @@ void add_sequences_and_markers(Table& t) {
         "B0 11 53 61 62 63 A1 20 AF B0 10 BF 92 BF BF BF 00");
   t.doc("Document_Mixed", "{ i100000 sabc d-0 [2 a1 , g ] r9223372036854775807 b78797A } T",
         "B0 26 00 01 86 A0 53 61 62 63 44 80 00 A2 64 00 00 00 01 AE 80 AF 71 93 78 79 7A BF 11");
-  t.add(
-      "Marker_SourceLocation",
-      [](Writer& w) { w << zoserialize::SourceLocation("fn()", "file", 42); },
-      bytes("B0 54 66 6E 28 29 54 66 69 6C 65 34 2A BF"),
-      [](Reader& r) {
-        zoserialize::SourceLocation loc;
-        r >> loc;
-        EXPECT_EQ(loc.function().view(), "fn()");
-        EXPECT_EQ(loc.file().view(), "file");
-        EXPECT_EQ(loc.line(), 42u);
-      });
 }
 
 void add_read_only_forms(Table& t) {
