@@ -272,13 +272,19 @@ TEST(BinaryReaderTest, BufferSizesAndTheSourceTraffic) {
   source = source_of(zotest::bytes("00"));
   BinaryReader(source).read_null();
   EXPECT_EQ(source->calls(), std::vector<Call>{r(16384, 1)});
-  // Once the source has ended it is not asked again.
-  for (char const* ops : {"e e t N !n !s !B !{ !k", "n e e t N !n !s !B !{ !k"}) {
-    source = source_of(zotest::bytes(ops[0] == 'n' ? "00" : ""));
+  // Once the source has ended it is not asked again, also by a payload cut short.
+  struct Ended {
+    char const* hex;
+    char const* ops;
+    std::vector<Call> calls;
+  };
+  for (Ended const& c : {Ended{"", "e e t N !n !s !B !{ !k", {r(4, 0)}},
+                         Ended{"00", "n e e t N !n !s !B !{ !k", {r(4, 1), r(4, 0)}},
+                         Ended{"53 61", "S r1 !r1 !r1", {r(4, 2), r(4, 0)}}}) {
+    source = source_of(zotest::bytes(c.hex));
     BinaryReader reader(source, 4);
-    zotest::run_reader_ops(reader, ops);
-    EXPECT_EQ(source->calls(),
-              ops[0] == 'n' ? (std::vector<Call>{r(4, 1), r(4, 0)}) : std::vector<Call>{r(4, 0)});
+    zotest::run_reader_ops(reader, c.ops);
+    EXPECT_EQ(source->calls(), c.calls) << c.ops;
   }
   // Refills of the capacity, requests of at least the capacity straight from the source, skips
   // of what the buffer does not hold.
