@@ -1,10 +1,11 @@
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cstdint>
 #include <limits>
-#include <memory>
 #include <ostream>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -28,27 +29,14 @@ using Copy = BinaryGoldenCase::ECopy;
 using EToken = Reader::EToken;
 using WriteFn = std::function<void(Writer&)>;
 using ReadFn = std::function<void(Reader&)>;
-using Tokens = std::shared_ptr<std::vector<std::string> const>;
+using Tokens = std::vector<std::string>;
 
 Tokens tokenize(std::string_view text) {
-  auto out = std::make_shared<std::vector<std::string>>();
+  Tokens out;
   for (std::size_t at = 0; at < text.size();) {
     std::size_t const end = std::min(text.find(' ', at), text.size());
-    if (end > at) out->emplace_back(text.substr(at, end - at));
+    if (end > at) out.emplace_back(text.substr(at, end - at));
     at = end + 1;
-  }
-  return out;
-}
-
-// Hex text in which "FF*15" stands for 15 bytes 0xFF.
-std::string hx(std::string_view text) {
-  std::string out;
-  Tokens const tokens = tokenize(text);
-  for (std::string const& t : *tokens) {
-    std::size_t const star = t.find('*');
-    std::string const one = bytes(t.substr(0, star));
-    for (int n = star == std::string::npos ? 1 : std::stoi(t.substr(star + 1)); n > 0; --n)
-      out += one;
   }
   return out;
 }
@@ -61,7 +49,6 @@ std::string be_hex(std::uint64_t value, unsigned n) {
   return " " + hex(out);
 }
 
-// The header of a whole String or Binary value of n bytes.
 std::string whole_header(unsigned prefix, std::size_t n) {
   if (n < 8) return be_hex(prefix | n, 1);
   if (n < 256) return be_hex(prefix | 8, 1) + be_hex(n, 1);
@@ -69,25 +56,50 @@ std::string whole_header(unsigned prefix, std::size_t n) {
   return be_hex(prefix | 10, 1) + be_hex(n, 4);
 }
 
-// A chunked value cut into chunks of the given sizes, then the end tag.
-std::string chunked(unsigned prefix, std::string const& payload,
-                    std::vector<std::size_t> const& sizes) {
-  std::string out;
-  std::size_t at = 0;
-  for (std::size_t const n : sizes) {
-    unsigned const nibble = (at == 0 ? 0xB : 0xD) + (n < 256 ? 0 : 1);
-    out += hx(be_hex(prefix | nibble, 1) + be_hex(n, n < 256 ? 1 : 2)) + payload.substr(at, n);
-    at += n;
-  }
-  return out + static_cast<char>(prefix | 0xF);
-}
-
 std::string payload_of(bool is_string, std::size_t n) {
   return is_string ? golden_text(n) : pattern_string(0, n);
 }
 
+// n payload bytes, whole (no chunk sizes) or in chunks of the given sizes and the end tag.
+std::string encoded(bool is_string, std::size_t n, std::vector<std::size_t> const& chunks) {
+  unsigned const prefix = is_string ? 0x50 : 0x90;
+  std::string const payload = payload_of(is_string, n);
+  if (chunks.empty()) return unhex(whole_header(prefix, n)) + payload;
+  std::string out;
+  std::size_t at = 0;
+  for (std::size_t const size : chunks) {
+    unsigned const nibble = (at == 0 ? 0xB : 0xD) + (size < 256 ? 0 : 1);
+    out += unhex(be_hex(prefix | nibble, 1) + be_hex(size, size < 256 ? 1 : 2));
+    out += payload.substr(at, size);
+    at += size;
+  }
+  return out + static_cast<char>(prefix | 0xF);
+}
+
 std::string hex_of(double value) {
   return be_hex(std::bit_cast<std::uint64_t>(value), 8);
+}
+
+double dbits(std::uint64_t bits) {
+  return std::bit_cast<double>(bits);
+}
+
+Uuid uuid_of(std::string_view hex) {
+  std::string const raw = unhex(hex);
+  return Uuid::from_binary(reinterpret_cast<unsigned char const*>(raw.data()));
+}
+
+// Reads a payload stream in pieces of odd sizes, so that reads end anywhere in chunks and buffers.
+std::string read_odd(zoserialize::IReadStream& stream) {
+  static constexpr unsigned kPieces[] = {1, 2, 3, 7, 4095, 4096, 4097, 13};
+  std::string out;
+  for (unsigned i = 0, n = 1, piece = 1; n == piece; ++i) {
+    piece = kPieces[i % std::size(kPieces)];
+    std::string block(piece, '\0');
+    n = stream.read(block.data(), piece);
+    out.append(block.data(), n);
+  }
+  return out;
 }
 
 // Compares without printing kilobytes of payload.
@@ -110,7 +122,7 @@ bool starts_element(char c) {
   return std::string_view("nTFiudsbagr[{").find(c) != std::string_view::npos;
 }
 
-void write_script(Writer& w, std::vector<std::string> const& tokens) {
+void write_script(Writer& w, Tokens const& tokens) {
   for (std::string const& t : tokens) {
     char const c = t[0];
     std::string const arg = t.substr(1);
@@ -133,13 +145,13 @@ void write_script(Writer& w, std::vector<std::string> const& tokens) {
   }
 }
 
-// gtest assertions as plain calls, so that they can stand in an if without braces.
+// A gtest assertion as a plain call, so that it can stand in an if without braces.
 template <class A, class B>
 void check_eq(A const& got, B const& want, std::string const& token) {
   EXPECT_EQ(got, want) << "token " << token;
 }
 
-void read_script(Reader& r, std::vector<std::string> const& tokens) {
+void read_script(Reader& r, Tokens const& tokens) {
   std::vector<char> scopes;  // '[' sequence before its first element, ',' after it, '{' marker
   for (std::size_t i = 0; i < tokens.size(); ++i) {
     std::string const& t = tokens[i];
@@ -175,7 +187,7 @@ void read_script(Reader& r, std::vector<std::string> const& tokens) {
   }
 }
 
-std::size_t top_level_elements(std::vector<std::string> const& tokens) {
+std::size_t top_level_elements(Tokens const& tokens) {
   std::size_t n = 0;
   int depth = 0;
   for (std::string const& t : tokens) {
@@ -189,7 +201,7 @@ std::size_t top_level_elements(std::vector<std::string> const& tokens) {
 
 class Table {
  public:
-  enum class EFinish { kLeftOpen, kClose, kNextElement, kFlush };
+  enum class EFinish { kLeftOpen, kClose, kNextElement, kFlush, kKnownSource, kUnknownSource };
 
   std::vector<BinaryGoldenCase> rows;
 
@@ -202,11 +214,11 @@ class Table {
   // A row described by an element script; read-only rows are forms that no writer produces.
   void doc(std::string name, std::string_view script, std::string_view hex, bool written = true) {
     Tokens const tokens = tokenize(script);
-    WriteFn write = [tokens](Writer& w) { write_script(w, *tokens); };
+    WriteFn write = [tokens](Writer& w) { write_script(w, tokens); };
     add(
-        std::move(name), written ? std::move(write) : nullptr, hx(hex),
-        [tokens](Reader& r) { read_script(r, *tokens); },
-        written ? Copy::kIdentical : Copy::kEquivalent, top_level_elements(*tokens));
+        std::move(name), written ? std::move(write) : nullptr, unhex(hex),
+        [tokens](Reader& r) { read_script(r, tokens); },
+        written ? Copy::kIdentical : Copy::kEquivalent, top_level_elements(tokens));
   }
   void read_only(std::string name, std::string_view hex, std::string_view script) {
     doc(std::move(name), script, hex, false);
@@ -220,23 +232,27 @@ class Table {
     doc(std::move(name), start + " ]", hex + " AF");
   }
 
-  // Through the typed front end, at the width of the C++ type.
-  template <class T, class R = T>
-  void typed(char const* name, T value, std::string_view hex) {
+  // Through the typed front end, at the width of the C++ type; floating point compared by bits.
+  template <class T>
+  void typed(std::string name, T value, std::string_view hex) {
     add(
-        name, [value](Writer& w) { w << value; }, hx(hex),
+        std::move(name), [value](Writer& w) { w << value; }, unhex(hex),
         [value](Reader& r) {
-          R got{};
+          T got{};
           r >> got;
-          EXPECT_EQ(got, value);
+          if constexpr (std::is_floating_point_v<T>)
+            EXPECT_EQ(hex_of(got), hex_of(value));
+          else
+            EXPECT_EQ(got, value);
         });
+    if constexpr (std::is_floating_point_v<T>) rows.back().self_equal = !std::isnan(value);
   }
 
   // write_int_big_endian / write_uint_big_endian of an image, read back into `read_size` bytes.
   void image(std::string name, bool is_signed, std::string_view image_hex, std::string_view hex,
              unsigned read_size, std::string_view read_hex) {
-    std::string const img = hx(image_hex);
-    std::string const want = hx(read_hex);
+    std::string const img = unhex(image_hex);
+    std::string const want = unhex(read_hex);
     add(
         std::move(name),
         [img, is_signed](Writer& w) {
@@ -244,22 +260,13 @@ class Table {
           is_signed ? w.write_int_big_endian(img.data(), size)
                     : w.write_uint_big_endian(img.data(), size);
         },
-        hx(hex),
+        unhex(hex),
         [want, read_size, is_signed](Reader& r) {
           std::string got(read_size, '?');
           is_signed ? r.read_int_big_endian(got.data(), read_size)
                     : r.read_uint_big_endian(got.data(), read_size);
           EXPECT_EQ(zotest::hex(got), zotest::hex(want));
         });
-  }
-
-  void dbl(std::string name, std::uint64_t bits, std::string_view hex) {
-    add(
-        std::move(name), [bits](Writer& w) { w.write_double(std::bit_cast<double>(bits)); },
-        hx(hex),
-        [bits](Reader& r) { EXPECT_EQ(std::bit_cast<std::uint64_t>(r.read_double()), bits); });
-    rows.back().self_equal =
-        (bits & 0x7FF0000000000000u) != 0x7FF0000000000000u || (bits & 0x000FFFFFFFFFFFFFu) == 0;
   }
 
   // A string or binary given whole.
@@ -271,35 +278,28 @@ class Table {
         [=](Writer& w) {
           is_string ? w.write_string(data.data(), size) : w.write_binary(data.data(), size);
         },
-        hx(header) + data,
+        unhex(header) + data,
         [=](Reader& r) {
           if (is_string) return expect_same(r.read_string(), data);
           auto const stream = r.read_binary();
           EXPECT_EQ(stream->bytes_remaining(), size);
-          expect_same(read_all(*stream), data);
+          expect_same(read_odd(*stream), data);
         },
         copy);
   }
-  void whole(std::string name, bool is_string, std::size_t n, std::string_view header) {
-    whole(std::move(name), is_string, payload_of(is_string, n), header);
-  }
 
-  // The expected encoding of n payload bytes in chunks of the given sizes (none: whole).
-  static std::string encoded(bool is_string, std::size_t n,
-                             std::vector<std::size_t> const& chunks) {
-    unsigned const prefix = is_string ? 0x50 : 0x90;
-    std::string const payload = payload_of(is_string, n);
-    return chunks.empty() ? hx(whole_header(prefix, n)) + payload
-                          : chunked(prefix, payload, chunks);
-  }
-
-  // n bytes written through write_string_stream() / write_binary() in pieces of the given sizes,
-  // the last one repeated.
+  // n bytes written through write_string_stream() / write_binary() in pieces of the given sizes
+  // (the last one repeated) and finished as told, or taken from an input stream.
   void stream(std::string name, bool is_string, std::size_t n, std::vector<std::size_t> pieces,
               std::vector<std::size_t> const& chunks, EFinish finish,
               Copy copy = Copy::kIdentical) {
     std::string const payload = payload_of(is_string, n);
     WriteFn write = [=](Writer& w) {
+      if (finish == EFinish::kKnownSource || finish == EFinish::kUnknownSource) {
+        ByteSource source(payload);
+        if (finish == EFinish::kUnknownSource) source.unknown_size();
+        return is_string ? w.write_string_stream(source) : w.write_binary(source);
+      }
       auto const stream = is_string ? w.write_string_stream() : w.write_binary();
       for (std::size_t at = 0, piece = 0; at < n; ++piece) {
         std::size_t const size = std::min(pieces[std::min(piece, pieces.size() - 1)], n - at);
@@ -310,40 +310,14 @@ class Table {
       if (finish == EFinish::kFlush) w.flush();
       if (finish == EFinish::kNextElement) w.write_null();
     };
-    ReadFn read = [=](Reader& r) {
-      expect_same(is_string ? r.read_string() : read_all(*r.read_binary()), payload);
-      if (finish == EFinish::kNextElement) r.read_null();
-    };
     bool const next = finish == EFinish::kNextElement;
-    std::string bytes = encoded(is_string, n, chunks);
+    ReadFn read = [=](Reader& r) {
+      expect_same(is_string ? r.read_string() : read_odd(*r.read_binary()), payload);
+      if (next) r.read_null();
+    };
+    std::string const bytes = encoded(is_string, n, chunks);
     add(std::move(name), std::move(write), next ? bytes + '\0' : bytes, std::move(read), copy,
         next ? 2 : 1);
-  }
-
-  // n bytes taken from an input stream of known or unknown size.
-  void from_stream(std::string name, bool is_string, std::size_t n, bool known_size,
-                   std::vector<std::size_t> const& chunks) {
-    std::string const payload = payload_of(is_string, n);
-    add(
-        std::move(name),
-        [=](Writer& w) {
-          ByteSource source(payload);
-          if (!known_size) source.unknown_size();
-          is_string ? w.write_string_stream(source) : w.write_binary(source);
-        },
-        encoded(is_string, n, chunks),
-        [=](Reader& r) {
-          expect_same(is_string ? r.read_string() : read_all(*r.read_binary()), payload);
-        });
-  }
-
-  void uuid(std::string name, std::string_view binary_hex) {
-    std::string const raw = hx(binary_hex);
-    Uuid const id = Uuid::from_binary(reinterpret_cast<unsigned char const*>(raw.data()));
-    add(
-        std::move(name), [id](Writer& w) { w << id; },
-        raw == std::string(16, '\0') ? bytes("80") : "\x81" + raw,
-        [id](Reader& r) { EXPECT_EQ(r.read_uuid(), id); });
   }
 };
 
@@ -357,19 +331,14 @@ void add_integers(Table& t) {
   t.typed<short>("Int16_Minus129", -129, "25 FF 7F");
   t.typed<short>("Int16_32767", 32767, "25 7F FF");
   t.typed<short>("Int16_Minus32768", -32768, "25 80 00");
-  t.typed<short>("Int16_Minus1", -1, "22");
   t.typed<int>("Int32_32768", 32768, "26 00 00 80 00");
   t.typed<int>("Int32_Minus32769", -32769, "26 FF FF 7F FF");
-  t.typed<int>("Int32_100000", 100000, "26 00 01 86 A0");
-  t.typed<int>("Int32_Minus100000", -100000, "26 FF FE 79 60");
   t.typed<int>("Int32_Max", INT32_MAX, "26 7F FF FF FF");
   t.typed<int>("Int32_Min", INT32_MIN, "26 80 00 00 00");
   t.typed<long>("Long_5", 5L, "24 05");
-  t.typed<long long>("Int64_1", 1, "21");
   t.typed<long long>("Int64_Minus1", -1, "22");
   t.typed<long long>("Int64_2Pow31", 1LL << 31, "27 00 00 00 00 80 00 00 00");
   t.typed<long long>("Int64_Minus2Pow31Minus1", -(1LL << 31) - 1, "27 FF FF FF FF 7F FF FF FF");
-  t.typed<long long>("Int64_2Pow32", 1LL << 32, "27 00 00 00 01 00 00 00 00");
   t.typed<long long>("Int64_Max", INT64_MAX, "27 7F FF*7");
   t.typed<long long>("Int64_Min", INT64_MIN, "27 80 00*7");
   t.typed<unsigned char>("Uint8_0", 0, "30");
@@ -380,29 +349,22 @@ void add_integers(Table& t) {
   t.typed<unsigned short>("Uint16_65535", 65535, "35 FF FF");
   t.typed<unsigned>("Uint32_65536", 65536, "36 00 01 00 00");
   t.typed<unsigned>("Uint32_Max", 0xFFFFFFFFu, "36 FF FF FF FF");
-  t.typed<unsigned long long>("Uint64_1", 1, "31");
   t.typed<unsigned long long>("Uint64_2Pow32", 1ULL << 32, "37 00 00 00 01 00 00 00 00");
   t.typed<unsigned long long>("Uint64_Max", ~0ULL, "37 FF*8");
   // Images of any width through the core operations, read back into `read_size` bytes.
   t.image("SignedImage_Empty", true, "", "20", 1, "00");
   t.image("SignedImage_3Bytes", true, "01 23 45", "26 00 01 23 45", 4, "00 01 23 45");
   t.image("SignedImage_3BytesNegative", true, "FE DC BB", "26 FF FE DC BB", 4, "FF FE DC BB");
-  t.image("SignedImage_4BytesAllOnes", true, "FF*4", "22", 4, "FF*4");
   t.image("SignedImage_8BytesOne", true, "00*7 01", "21", 8, "00*7 01");
   t.image("SignedImage_5BytesFitsIn8", true, "00 80 00*3", "27 00*4 80 00*3", 8, "00*4 80 00*3");
-  t.image("SignedImage_16BytesZero", true, "00*16", "20", 16, "00*16");
   t.image("SignedImage_16BytesMinus1", true, "FF*16", "22", 16, "FF*16");
   t.image("SignedImage_12Bytes128", true, "00*11 80", "25 00 80", 2, "00 80");
-  t.image("SignedImage_12BytesMinus129", true, "FF*11 7F", "25 FF 7F", 2, "FF 7F");
-  t.image("SignedImage_16Bytes0x12345678", true, "00*12 12345678", "26 12345678", 4, "12345678");
   t.image("SignedImage_128Bytes5", true, "00*127 05", "24 05", 128, "00*127 05");
-  t.image("SignedImage_128BytesMinus2", true, "FF*127 FE", "24 FE", 128, "FF*127 FE");
   // 9 to 64 significant bytes: 16, 32 and 64-byte payloads, sign-extended.
   t.image("SignedImage_9Bytes2Pow63", true, "00 80 00*7", "28 00*8 80 00*7", 16, "00*8 80 00*7");
   t.image("SignedImage_9BytesMinus2Pow63Minus1", true, "FF 7F FF*7", "28 FF*8 7F FF*7", 9,
           "FF 7F FF*7");
   t.image("SignedImage_16BytesMax", true, "7F FF*15", "28 7F FF*15", 16, "7F FF*15");
-  t.image("SignedImage_16BytesMin", true, "80 00*15", "28 80 00*15", 16, "80 00*15");
   t.image("SignedImage_17Bytes", true, "00 80 00*15", "29 00*16 80 00*15", 17, "00 80 00*15");
   t.image("SignedImage_32BytesMax", true, "7F FF*31", "29 7F FF*31", 32, "7F FF*31");
   t.image("SignedImage_33Bytes", true, "00 80 00*31", "2A 00*32 80 00*31", 33, "00 80 00*31");
@@ -414,11 +376,8 @@ void add_integers(Table& t) {
   t.image("UnsignedImage_Empty", false, "", "30", 2, "00 00");
   t.image("UnsignedImage_8BytesOne", false, "00*7 01", "31", 8, "00*7 01");
   t.image("UnsignedImage_3Bytes", false, "80 00 01", "36 00 80 00 01", 3, "80 00 01");
-  t.image("UnsignedImage_12Bytes0x1234", false, "00*10 12 34", "35 12 34", 2, "12 34");
-  t.image("UnsignedImage_16BytesOne", false, "00*15 01", "31", 1, "01");
   t.image("UnsignedImage_16Bytes2Pow32", false, "00*11 01 00*4", "37 00*3 01 00*4", 8,
           "00*3 01 00*4");
-  t.image("UnsignedImage_128Bytes128", false, "00*127 80", "34 80", 128, "00*127 80");
   t.image("UnsignedImage_9Bytes2Pow64", false, "01 00*8", "38 00*7 01 00*8", 9, "01 00*8");
   t.image("UnsignedImage_16BytesMax", false, "FF*16", "38 FF*16", 16, "FF*16");
   t.image("UnsignedImage_17Bytes", false, "01 00*16", "39 00*15 01 00*16", 17, "01 00*16");
@@ -430,48 +389,33 @@ void add_integers(Table& t) {
 }
 
 void add_doubles(Table& t) {
-  t.dbl("Double_PlusZero", 0x0000000000000000, "40");
-  t.dbl("Double_One", 0x3FF0000000000000, "41");
-  t.dbl("Double_MinusOne", 0xBFF0000000000000, "42");
-  t.dbl("Double_MinusZero", 0x8000000000000000, "44 80 00");
-  t.dbl("Double_Two", 0x4000000000000000, "44 40 00");
-  t.dbl("Double_MinusTwo", 0xC000000000000000, "44 C0 00");
-  t.dbl("Double_OnePointFive", 0x3FF8000000000000, "44 3F F8");
-  t.dbl("Double_PlusInfinity", 0x7FF0000000000000, "44 7F F0");
-  t.dbl("Double_MinusInfinity", 0xFFF0000000000000, "44 FF F0");
-  t.dbl("Double_PointOne", 0x3FB999999999999A, "47 3F B9 99 99 99 99 99 9A");
-  t.dbl("Double_3Bytes", 0x3FF0010000000000, "45 3F F0 01");
-  t.dbl("Double_3BytesSmallHi", 0x0000010000000000, "45 00 00 01");
-  t.dbl("Double_4Bytes", 0x3FF0000100000000, "46 3F F0 00 01");
-  t.dbl("Double_4BytesSmallHi", 0x0000000100000000, "46 00 00 00 01");
-  t.dbl("Double_2BytesSmallHi", 0x0001000000000000, "44 00 01");
-  t.dbl("Double_LowWordBit", 0x3FF0000080000000, "47 3F F0 00 00 80 00 00 00");
-  t.dbl("Double_MinusZeroLowBit", 0x8000000000000001, "47 80 00*6 01");
-  t.dbl("Double_QuietNaN", 0x7FF8000000000000, "44 7F F8");
-  t.dbl("Double_NegativeQuietNaN", 0xFFF8000000000000, "44 FF F8");
-  t.dbl("Double_NaNPayloadLowWord", 0x7FF0000000000001, "47 7F F0 00*5 01");
-  t.dbl("Double_NaNPayloadHighWord", 0x7FF8000100000000, "46 7F F8 00 01");
-  t.dbl("Double_NaNPayload2Bytes", 0x7FF4000000000000, "44 7F F4");
-  t.dbl("Double_NaNPayload3Bytes", 0x7FF0010000000000, "45 7F F0 01");
-  t.dbl("Double_SmallestDenormal", 0x0000000000000001, "47 00*7 01");
-  t.dbl("Double_Denormal2Bytes", 0x0008000000000000, "44 00 08");
-  t.dbl("Double_LargestDenormal", 0x000FFFFFFFFFFFFF, "47 00 0F FF*6");
-  t.dbl("Double_SmallestNormal", 0x0010000000000000, "44 00 10");
-  t.dbl("Double_Largest", 0x7FEFFFFFFFFFFFFF, "47 7F EF FF*6");
+  t.typed("Double_PlusZero", dbits(0x0000000000000000), "40");
+  t.typed("Double_One", dbits(0x3FF0000000000000), "41");
+  t.typed("Double_MinusOne", dbits(0xBFF0000000000000), "42");
+  t.typed("Double_MinusZero", dbits(0x8000000000000000), "44 80 00");
+  t.typed("Double_OnePointFive", dbits(0x3FF8000000000000), "44 3F F8");
+  t.typed("Double_MinusInfinity", dbits(0xFFF0000000000000), "44 FF F0");
+  t.typed("Double_PointOne", dbits(0x3FB999999999999A), "47 3F B9 99 99 99 99 99 9A");
+  t.typed("Double_3Bytes", dbits(0x3FF0010000000000), "45 3F F0 01");
+  t.typed("Double_4Bytes", dbits(0x3FF0000100000000), "46 3F F0 00 01");
+  t.typed("Double_4BytesSmallHi", dbits(0x0000000100000000), "46 00 00 00 01");
+  t.typed("Double_LowWordBit", dbits(0x3FF0000080000000), "47 3F F0 00 00 80 00 00 00");
+  t.typed("Double_MinusZeroLowBit", dbits(0x8000000000000001), "47 80 00*6 01");
+  t.typed("Double_QuietNaN", dbits(0x7FF8000000000000), "44 7F F8");
+  t.typed("Double_NaNPayloadLowWord", dbits(0x7FF0000000000001), "47 7F F0 00*5 01");
+  t.typed("Double_NaNPayloadHighWord", dbits(0x7FF8000100000000), "46 7F F8 00 01");
+  t.typed("Double_NaNPayload3Bytes", dbits(0x7FF0010000000000), "45 7F F0 01");
+  t.typed("Double_SmallestDenormal", dbits(0x0000000000000001), "47 00*7 01");
   // A float is widened exactly, so 0.1f keeps its float bits.
   t.typed("Float_PointOne", 0.1f, "47 3F B9 99 99 A0 00 00 00");
-  t.typed("Float_Max", std::numeric_limits<float>::max(), "47 47 EF FF FF E0 00 00 00");
 }
 
 void add_strings(Table& t) {
-  for (std::size_t n : {7, 8, 255, 256, 65535, 65536}) {
-    t.whole("String_" + std::to_string(n) + "Bytes", true, n, whole_header(0x50, n));
-    t.whole("Binary_" + std::to_string(n) + "Bytes", false, n, whole_header(0x90, n));
+  for (std::size_t n : {0, 7, 8, 255, 256, 65535, 65536}) {
+    t.whole("String_" + std::to_string(n) + "Bytes", true, golden_text(n), whole_header(0x50, n));
+    t.whole("Binary_" + std::to_string(n) + "Bytes", false, pattern_string(0, n),
+            whole_header(0x90, n));
   }
-  t.whole("String_Empty", true, "", "50");
-  t.whole("String_Abc", true, "abc", "53");
-  t.whole("String_300Bytes", true, golden_text(300), "59 01 2C");
-  t.whole("String_70000Bytes", true, golden_text(70000), "5A 00 01 11 70");
   t.whole("String_Utf8", true,
           "Gr\xC3\xBC\xC3\x9F"
           "e \xE4\xB8\x96\xE7\x95\x8C \xF0\x9F\x98\x80",
@@ -479,10 +423,6 @@ void add_strings(Table& t) {
   t.whole("String_EmbeddedNul", true, std::string("a\0b", 3), "53");
   // Read by value, a string is not validated; copying streams it, which does validate.
   t.whole("String_NotUtf8ByValue", true, "\xC3(\xFF", "53", Copy::kNone);
-  t.whole("Binary_Empty", false, "", "90");
-  t.whole("Binary_1Byte", false, "\xFF", "91");
-  t.typed<char const*, std::string>("String_CString", "hello", "55 68 65 6C 6C 6F");
-  t.typed("String_WideToUtf8", std::wstring(L"\u00e9\u20ac"), "55 C3 A9 E2 82 AC");
   t.add(
       "String_IntoSourceString", [](Writer& w) { w << std::string("key"); }, bytes("53 6B 65 79"),
       [](Reader& r) {
@@ -500,27 +440,21 @@ void add_value_streams(Table& t) {
   constexpr bool kBin = false;
   t.stream("StreamString_Empty", kStr, 0, {1}, {}, F::kLeftOpen);
   t.stream("StreamBinary_EmptyEndedByNextElement", kBin, 0, {1}, {}, F::kNextElement);
-  t.stream("StreamString_EmptyEndedByNextElement", kStr, 0, {1}, {}, F::kNextElement);
   t.stream("StreamString_5BytesClosed", kStr, 5, {2}, {}, F::kClose);
   t.stream("StreamBinary_3BytesFlushed", kBin, 3, {3}, {}, F::kFlush);
   t.stream("StreamString_4095Bytes", kStr, 4095, {1000}, {}, F::kLeftOpen);
   // Full buffers become 0x1000-byte chunks.
   t.stream("StreamString_4096BytesSmallPieces", kStr, 4096, {100}, {4096}, F::kLeftOpen);
   t.stream("StreamString_4097Bytes", kStr, 4097, {4095, 2}, {4096, 1}, F::kNextElement);
-  t.stream("StreamString_8193Bytes", kStr, 8193, {1000}, {4096, 4096, 1}, F::kLeftOpen);
   t.stream("StreamBinary_8193BytesOneByOne", kBin, 8193, {1}, {4096, 4096, 1}, F::kClose);
-  t.stream("StreamBinary_8192Bytes", kBin, 8192, {4095}, {4096, 4096}, F::kLeftOpen);
   t.stream("StreamBinary_4396Bytes", kBin, 4396, {1000}, {4096, 300}, F::kLeftOpen);
-  t.stream("StreamString_12500Bytes", kStr, 12500, {999}, {4096, 4096, 4096, 212}, F::kLeftOpen);
   // A write of 4096 bytes or more into an empty buffer goes out directly, in chunks of at most
   // 65535 bytes; copying re-chunks them.
   t.stream("StreamBinary_Direct4096", kBin, 4096, {4096}, {4096}, F::kLeftOpen);
   t.stream("StreamBinary_Direct65535", kBin, 65535, {65535}, {65535}, F::kLeftOpen,
            Copy::kEquivalent);
-  t.stream("StreamBinary_Direct65536", kBin, 65536, {65536}, {65535, 1}, F::kLeftOpen,
+  t.stream("StreamString_Direct65536", kStr, 65536, {65536}, {65535, 1}, F::kNextElement,
            Copy::kEquivalent);
-  t.stream("StreamString_Direct200000", kStr, 200000, {200000}, {65535, 65535, 65535, 3395},
-           F::kNextElement, Copy::kEquivalent);
   // Mixed: a buffered start fills up before the rest of a large write is buffered again.
   t.stream("StreamBinary_SmallThenLarge", kBin, 5010, {10, 5000}, {4096, 914}, F::kLeftOpen);
   t.stream("StreamBinary_LargeThenSmall", kBin, 4106, {4096, 10}, {4096, 10}, F::kLeftOpen);
@@ -529,22 +463,18 @@ void add_value_streams(Table& t) {
   t.doc("StreamBinary_ZeroSizedWrite", "b", "90");
   t.doc("StreamBinary_EndedByNextStream", "b6162 b6364", "92 61 62 92 63 64");
   // Values taken from input streams of known or unknown size.
-  t.from_stream("FromStreamString_Known5", kStr, 5, true, {});
-  t.from_stream("FromStreamString_Known0", kStr, 0, true, {});
-  t.from_stream("FromStreamBinary_Known5000", kBin, 5000, true, {});
-  t.from_stream("FromStreamBinary_Known70000", kBin, 70000, true, {});
-  t.from_stream("FromStreamBinary_Unknown0", kBin, 0, false, {});
-  t.from_stream("FromStreamBinary_Unknown100", kBin, 100, false, {});
-  t.from_stream("FromStreamString_Unknown4095", kStr, 4095, false, {});
-  t.from_stream("FromStreamString_Unknown4096", kStr, 4096, false, {4096});
-  t.from_stream("FromStreamBinary_Unknown4296", kBin, 4296, false, {4096, 200});
-  t.from_stream("FromStreamBinary_Unknown12288", kBin, 12288, false, {4096, 4096, 4096});
+  t.stream("FromStreamString_Known0", kStr, 0, {}, {}, F::kKnownSource);
+  t.stream("FromStreamString_Known5", kStr, 5, {}, {}, F::kKnownSource);
+  t.stream("FromStreamBinary_Known70000", kBin, 70000, {}, {}, F::kKnownSource);
+  t.stream("FromStreamBinary_Unknown0", kBin, 0, {}, {}, F::kUnknownSource);
+  t.stream("FromStreamString_Unknown4095", kStr, 4095, {}, {}, F::kUnknownSource);
+  t.stream("FromStreamString_Unknown4096", kStr, 4096, {}, {4096}, F::kUnknownSource);
+  t.stream("FromStreamBinary_Unknown8392", kBin, 8392, {}, {4096, 4096, 200}, F::kUnknownSource);
 }
 
 void add_times_and_uuids(Table& t) {
   t.doc("AbsoluteTime_Zero", "a0", "60");
   t.doc("AbsoluteTime_Infinite", "a9223372036854775807", "61");
-  t.doc("AbsoluteTime_1", "a1", "64 00 00 00 01");
   t.doc("AbsoluteTime_Minus1", "a-1", "64 FF FF FF FF");
   t.doc("AbsoluteTime_2Pow31Minus1", "a2147483647", "64 7F FF FF FF");
   t.doc("AbsoluteTime_Minus2Pow31", "a-2147483648", "64 80 00 00 00");
@@ -554,21 +484,18 @@ void add_times_and_uuids(Table& t) {
   t.doc("AbsoluteTime_Min", "a-9223372036854775808", "65 80 00*7");
   t.doc("RelativeTime_Zero", "r0", "70");
   t.doc("RelativeTime_Infinite", "r9223372036854775807", "71");
-  t.doc("RelativeTime_Minus5", "r-5", "74 FF FF FF FB");
   t.doc("RelativeTime_Minus2Pow31", "r-2147483648", "74 80 00 00 00");
   t.doc("RelativeTime_2Pow31", "r2147483648", "75 00 00 00 00 80 00 00 00");
-  t.doc("RelativeTime_Min", "r-9223372036854775808", "75 80 00*7");
-  t.uuid("Uuid_Null", "00*16");
-  t.uuid("Uuid_Example", "12 3E 45 67 E8 9B 12 D3 A4 56 42 66 14 17 40 00");
-  t.uuid("Uuid_LastBitOnly", "00*15 01");
-  t.uuid("Uuid_AllOnes", "FF*16");
+  t.typed("Uuid_Null", Uuid(), "80");
+  t.typed("Uuid_Example", uuid_of("12 3E 45 67 E8 9B 12 D3 A4 56 42 66 14 17 40 00"),
+          "81 12 3E 45 67 E8 9B 12 D3 A4 56 42 66 14 17 40 00");
+  t.typed("Uuid_LastBitOnly", uuid_of("00*15 01"), "81 00*15 01");
 }
 
 void add_sequences_and_markers(Table& t) {
   t.nulls("Sequence_NoHintEmpty", "[", "A0", 0);
   t.nulls("Sequence_Hint0Empty", "[0", "A0", 0);
   t.nulls("Sequence_Hint0With3", "[0", "A0", 3);
-  t.nulls("Sequence_NoHint300", "[", "A0", 300);
   for (unsigned n = 1; n <= 7; ++n)
     t.nulls("Sequence_Hint" + std::to_string(n), "[" + std::to_string(n), be_hex(0xA0 + n, 1), n);
   t.nulls("Sequence_Hint8", "[8", "A8 08", 8);
@@ -576,31 +503,16 @@ void add_sequences_and_markers(Table& t) {
   t.nulls("Sequence_Hint256", "[256", "A9 01 00", 256);
   t.nulls("Sequence_Hint65535", "[65535", "A9 FF FF", 65535);
   t.nulls("Sequence_Hint65536", "[65536", "AA 00 01 00 00", 65536);
-  t.doc("Sequence_IntsWithHint", "[2 i1 , i2 ]", "A2 21 AE 24 02 AF");
-  t.doc("Sequence_IntsWithoutHint", "[ i1 , i2 ]", "A0 21 AE 24 02 AF");
   t.doc("Sequence_Nested", "[3 [1 i1 ] , [ ] , [2 i2 , i3 ] ]",
         "A3 A1 21 AF AE A0 AF AE A2 24 02 AE 24 03 AF AF");
-  t.doc("Marker_HoldingTrue", "{ T }", "B0 11 BF");
   t.doc("Marker_Empty", "{ }", "B0 BF");
   t.doc("Marker_Nested", "{ { T } i0 }", "B0 B0 11 BF 20 BF");
   t.doc("Marker_InSequence", "[2 { T } , { } ]", "A2 B0 11 BF AE B0 BF AF");
-  t.doc("Marker_HoldingSequence", "{ [1 i0 ] }", "B0 A1 20 AF BF");
   // A newer writer appended fields that an older reader does not know: the marker end skips them.
   t.doc("Marker_UnreadTailSkipped", "{ T ~ sabc [1 i0 ] { F } bBFBF } n",
         "B0 11 53 61 62 63 A1 20 AF B0 10 BF 92 BF BF BF 00");
   t.doc("Document_Mixed", "{ i100000 sabc d-0 [2 a1 , g ] r9223372036854775807 b78797A } T",
         "B0 26 00 01 86 A0 53 61 62 63 44 80 00 A2 64 00 00 00 01 AE 80 AF 71 93 78 79 7A BF 11");
-  t.add(
-      "Marker_SourceLocation",
-      [](Writer& w) { w << zoserialize::SourceLocation("fn()", "file", 42); },
-      bytes("B0 54 66 6E 28 29 54 66 69 6C 65 34 2A BF"),
-      [](Reader& r) {
-        zoserialize::SourceLocation loc;
-        r >> loc;
-        EXPECT_EQ(loc.function().view(), "fn()");
-        EXPECT_EQ(loc.file().view(), "file");
-        EXPECT_EQ(loc.line(), 42u);
-      });
 }
 
 void add_read_only_forms(Table& t) {
@@ -621,10 +533,8 @@ void add_read_only_forms(Table& t) {
   t.read_only("NonMinimal_DoubleOne", "44 3F F0", "d1");
   t.read_only("NonMinimal_DoubleZero8Bytes", "47 00*8", "d0");
   t.read_only("NonMinimal_StringLength1", "58 03 61 62 63", "sabc");
-  t.read_only("NonMinimal_StringLength2", "59 00 03 61 62 63", "sabc");
   t.read_only("NonMinimal_StringLength4", "5A 00 00 00 03 61 62 63", "sabc");
-  t.read_only("NonMinimal_BinaryLength4", "9A 00 00 00 02 AA BB", "bAABB");
-  t.read_only("NonMinimal_Time4BytesZero", "64 00 00 00 00", "a0");
+  t.read_only("NonMinimal_BinaryLength2", "99 00 02 AA BB", "bAABB");
   t.read_only("NonMinimal_Time8BytesSmall", "75 FF*7 FB", "r-5");
   t.read_only("NonMinimal_UuidZero16Bytes", "81 00*16", "g");
   t.read_only("NonMinimal_SequenceHint1Byte", "A8 02 21 AE 21 AF", "[2 i1 , i1 ]");
@@ -633,7 +543,6 @@ void add_read_only_forms(Table& t) {
   t.read_only("SequenceHint8Bytes", "AB 00*7 02 21 AE 21 AF", "[2 i1 , i1 ]");
   // Chunk forms: 1-byte first chunk, empty chunks, chunks of 3, 0 and 2 bytes.
   t.read_only("Chunked_String3_0_2", "5B 03 61 62 63 5D 00 5E 00 02 64 65 5F", "sabcde");
-  t.read_only("Chunked_Binary3_0_2", "9B 03 01 02 03 9D 00 9E 00 02 04 05 9F", "b0102030405");
   t.read_only("Chunked_StringEmpty", "5B 00 5F", "s");
   t.read_only("Chunked_BinaryEmptyFirst2Bytes", "9C 00 00 9D 01 AA 9F", "bAA");
   t.read_only("Chunked_StringMultiByteAcrossChunks", "5B 02 E2 82 5D 01 AC 5F", "s\xE2\x82\xAC");
@@ -656,11 +565,11 @@ std::string golden_text(std::size_t size) {
 std::string read_all(zoserialize::IReadStream& stream, unsigned block) {
   std::string out;
   std::string buffer(block, '\0');
-  for (;;) {
-    unsigned const got = stream.read(buffer.data(), block);
+  for (unsigned got = block; got == block;) {
+    got = stream.read(buffer.data(), block);
     out.append(buffer.data(), got);
-    if (got < block) return out;
   }
+  return out;
 }
 
 std::vector<BinaryGoldenCase> const& binary_golden_cases() {
@@ -683,29 +592,34 @@ std::vector<BinaryGoldenCase> const& binary_golden_cases() {
 
 std::vector<BinaryGoldenCase> binary_golden_written_cases() {
   std::vector<BinaryGoldenCase> out;
-  for (BinaryGoldenCase const& row : binary_golden_cases()) {
-    if (row.write) out.push_back(row);
-  }
+  std::copy_if(binary_golden_cases().begin(), binary_golden_cases().end(), std::back_inserter(out),
+               [](BinaryGoldenCase const& row) { return row.write != nullptr; });
   return out;
 }
 
-std::string unhex(std::string_view hex) {
-  return hx(hex);
+std::string unhex(std::string_view text) {
+  std::string out;
+  for (std::string const& t : tokenize(text)) {
+    std::size_t const star = t.find('*');
+    std::string const one = bytes(t.substr(0, star));
+    for (int n = star == std::string::npos ? 1 : std::stoi(t.substr(star + 1)); n > 0; --n)
+      out += one;
+  }
+  return out;
 }
 
 namespace {
 
 using zoserialize::IReadStream;
 
-void expect_throw(std::function<void()> const& fn, std::string const& what) {
-  EXPECT_THROW(fn(), zocore::ErrorException) << what;
-}
-
 void run_op(Reader& r, std::string const& op, zoserialize::InterfacePtr<IReadStream>& stream) {
   char const c = op[0];
-  std::string buffer(op.size() > 1 && c != '!' ? std::stoul(op.substr(1)) : 0, '\0');
+  if (c == '!') {
+    EXPECT_THROW(run_op(r, op.substr(1), stream), zocore::ErrorException) << op;
+    return;
+  }
+  std::string buffer(op.size() > 1 ? std::stoul(op.substr(1)) : 0, '\0');
   auto const n = static_cast<unsigned>(buffer.size());
-  if (c == '!') expect_throw([&] { run_op(r, op.substr(1), stream); }, op);
   if (c == 'n') r.read_null();
   if (c == 'N') r.try_read_null();
   if (c == 'b') r.read_bool();
@@ -743,8 +657,7 @@ void run_op(Reader& r, std::string const& op, zoserialize::InterfacePtr<IReadStr
 
 void run_reader_ops(Reader& reader, std::string_view ops) {
   zoserialize::InterfacePtr<IReadStream> stream;
-  Tokens const tokens = tokenize(ops);
-  for (std::string const& op : *tokens)
+  for (std::string const& op : tokenize(ops))
     run_op(reader, op, stream);
 }
 
@@ -753,12 +666,12 @@ void expect_failure(
     std::function<std::unique_ptr<Reader>(std::string bytes, bool known_size)> const& make) {
   SCOPED_TRACE(::testing::Message() << c.bytes << " / " << c.ops);
   bool const known = c.bytes[0] != '?';
-  std::unique_ptr<Reader> const reader = make(hx(c.bytes + (known ? 0 : 1)), known);
+  std::unique_ptr<Reader> const reader = make(unhex(c.bytes + (known ? 0 : 1)), known);
   Tokens const ops = tokenize(c.ops);
   zoserialize::InterfacePtr<IReadStream> stream;
-  for (std::size_t i = 0; i + 1 < ops->size(); ++i)
-    run_op(*reader, (*ops)[i], stream);
-  expect_error_details([&] { run_op(*reader, ops->back(), stream); }, *c.code, c.message, c.params,
+  for (std::size_t i = 0; i + 1 < ops.size(); ++i)
+    run_op(*reader, ops[i], stream);
+  expect_error_details([&] { run_op(*reader, ops.back(), stream); }, *c.code, c.message, c.params,
                        c.function);
 }
 
@@ -766,14 +679,12 @@ void expect_error_details(std::function<void()> const& fn, zocore::ErrorCode con
                           std::string_view message, std::string_view params,
                           std::string_view function) {
   auto const info = ZO_EXPECT_ERROR(fn(), code, message);
-  Tokens const pairs = tokenize(params);
-  for (std::string const& pair : *pairs) {
+  for (std::string const& pair : tokenize(params)) {
     std::string const name = pair.substr(0, pair.find('='));
-    std::string const want = pair.substr(name.size() + 1);
     std::string const got = name != "errno" ? param(info, name)
                             : info          ? std::to_string(info->nested_errno())
                                             : "-";
-    EXPECT_EQ(got, want) << name;
+    EXPECT_EQ(got, pair.substr(name.size() + 1)) << name;
   }
   if (!function.empty()) {
     EXPECT_EQ(info ? std::string(info->location().function().view()) : "-",

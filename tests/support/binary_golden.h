@@ -1,6 +1,5 @@
 // Golden vectors of the tagged binary encoding, shared by the tests of every archive that writes
-// or reads it. Rows talk only to Writer& and Reader&, so one table checks any archive pair: the
-// writer must produce exactly the bytes, the reader must read them back as the row says.
+// or reads it. Rows talk only to Writer& and Reader&, so one table checks any archive pair.
 #pragma once
 
 #include <cstddef>
@@ -29,8 +28,7 @@ struct BinaryGoldenCase {
   // Empty for forms that no writer produces (sized markers, non-minimal forms): read-only rows.
   std::function<void(zoserialize::Writer&)> write;
   std::string bytes;
-  // Reads the element(s) back and checks them with gtest assertions; leaves the reader after the
-  // last element (the caller checks that the reader is then at its end).
+  // Reads the element(s) back with gtest assertions and leaves the reader after the last one.
   std::function<void(zoserialize::Reader&)> read;
   ECopy copy = ECopy::kIdentical;
   std::size_t elements = 1;  // top-level elements in `bytes` (skip_element calls to the end)
@@ -45,7 +43,7 @@ std::vector<BinaryGoldenCase> binary_golden_written_cases();
 // gtest prints a row by its name (the byte strings can be hundreds of kilobytes).
 void PrintTo(BinaryGoldenCase const& row, std::ostream* os);
 
-// Well-formed UTF-8 of exactly `size` bytes that mixes 1- to 4-byte characters, so that chunk and
+// Well-formed UTF-8 of exactly `size` bytes mixing 1- to 4-byte characters, so that chunk and
 // buffer boundaries fall inside characters.
 std::string golden_text(std::size_t size);
 
@@ -55,16 +53,13 @@ std::string read_all(zoserialize::IReadStream& stream, unsigned block = 4096);
 // Bytes from hex text in which "FF*15" stands for 15 bytes 0xFF.
 std::string unhex(std::string_view hex);
 
-// ---- Reader scripts and failures ----------------------------------------------------------------
-
 // Runs reader operations named by space-separated tokens: n read_null, N try_read_null, b
 // read_bool, i read_int32, u read_uint32, d read_double, s read_string, a read_absolute_time, R
 // read_relative_time, g read_uuid, [ read_sequence_start, > read_sequence_next, L the rest of a
 // sequence (read_sequence_next and skip_element until the end), { read_marker_start,
 // ? read_marker_is_end, } read_marker_end, k skip_element, c read_copy, t next_token, e is_eof,
 // X close; S and B open read_string_stream and read_binary, a stream that r<n> reads n bytes from,
-// x<n> skips n bytes of, q asks bytes_remaining of and C closes. An operation prefixed with ! must
-// fail (with any error).
+// x<n> skips n bytes of, q asks bytes_remaining of and C closes. A leading ! means: must fail.
 void run_reader_ops(zoserialize::Reader& reader, std::string_view ops);
 
 // Runs `fn`, which must fail with the code and message (ZO_EXPECT_ERROR), then checks the
@@ -74,10 +69,10 @@ void expect_error_details(std::function<void()> const& fn, zocore::ErrorCode con
                           std::string_view message, std::string_view params = "",
                           std::string_view function = "");
 
-// A failure of a reader: its input, the operations on it, of which the last must fail as told
-// (see expect_error_details).
+// A reader's input (hex for unhex(); a leading '?' makes its size unknown) and the operations on
+// it, of which the last must fail as told (see expect_error_details).
 struct ReaderFailure {
-  char const* bytes;  // hex for unhex(); a leading '?' makes the input's size unknown
+  char const* bytes;
   char const* ops;
   zocore::ErrorCode const* code;
   char const* message;

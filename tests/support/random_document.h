@@ -13,11 +13,10 @@
 namespace zotest {
 
 // One random document, generated twice from the same seed: once written, once read back and
-// checked with gtest assertions. Documents mix every element kind: integers of any width, doubles
-// of every form, strings and binaries whole, streamed in pieces or taken from input streams (some
-// long enough to be chunked), times, UUIDs, sequences with and without count hints, nested
-// markers. The reading side alone chooses how to read (by value or as a stream, piece sizes,
-// skipping the rest of a marker, leaving a payload stream half read).
+// checked with gtest assertions. Documents nest the golden rows of every element kind and form
+// (payloads whole, in pieces or from input streams, chunked ones among them) at random in
+// sequences with and without count hints and in markers. The reading side alone chooses to skip
+// elements and the rest of a marker.
 class RandomDocument {
  public:
   explicit RandomDocument(std::uint64_t seed);

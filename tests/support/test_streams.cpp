@@ -9,11 +9,6 @@
 namespace zotest {
 namespace {
 
-constexpr char kModuleId[] = "$Id: tests/support/test_streams.cpp $";
-zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE()) {
-  return {function, kModuleId, line};
-}
-
 constexpr std::size_t kPeriod = 65521;
 
 // The pattern twice over, so that any run of up to one period is a single memcpy.
@@ -28,6 +23,11 @@ std::array<unsigned char, 2 * kPeriod> const& table() noexcept {
     return out;
   }();
   return bytes;
+}
+
+[[noreturn]] void inject(char const* message, char const* function) {
+  zocore::throw_error(test_stream_error, message,
+                      {function, "$Id: tests/support/test_streams.cpp $", __builtin_LINE()});
 }
 
 }  // namespace
@@ -48,10 +48,9 @@ std::size_t pattern_mismatch(std::uint64_t offset, void const* data, std::size_t
   for (std::size_t done = 0, n = 0; done < size; done += n) {
     n = std::min(size - done, kPeriod);
     unsigned char const* want = table().data() + (offset + done) % kPeriod;
-    if (std::memcmp(p + done, want, n) == 0) continue;
-    for (std::size_t i = 0;; ++i) {
-      if (p[done + i] != want[i]) return done + i;
-    }
+    if (std::memcmp(p + done, want, n) != 0)
+      return done +
+             static_cast<std::size_t>(std::mismatch(p + done, p + done + n, want).first - p - done);
   }
   return size;
 }
@@ -62,17 +61,13 @@ std::string pattern_string(std::uint64_t offset, std::size_t size) {
   return out;
 }
 
-// ---- ByteSource -------------------------------------------------------------------------------
-
 unsigned ByteSource::transfer(void* buffer, unsigned size, bool skip) {
-  if (ended_) ++calls_after_end_;
+  calls_after_end_ += ended_;
   if (calls_.size() == fail_at_) {
     calls_.push_back({skip, size, 0});
-    zocore::throw_error(test_stream_error, "Injected source failure",
-                        here("zotest::ByteSource::transfer()"));
+    inject("Injected source failure", "zotest::ByteSource::transfer()");
   }
-  std::size_t const end = std::min(data_.size(), limit_);
-  auto const n = static_cast<unsigned>(std::min<std::size_t>(size, end > pos_ ? end - pos_ : 0));
+  auto const n = static_cast<unsigned>(std::min<std::size_t>(size, end() - std::min(end(), pos_)));
   if (!skip && n != 0) std::memcpy(buffer, data_.data() + pos_, n);
   pos_ += n;
   ended_ = ended_ || (n == 0 && size != 0);
@@ -87,16 +82,13 @@ std::ostream& operator<<(std::ostream& os, ByteSource::Call const& call) {
 unsigned ByteSource::bytes_remaining() const {
   if (unknown_size_) return kUnknownSize;
   if (announced_ >= 0) return static_cast<unsigned>(announced_);
-  std::size_t const end = std::min(data_.size(), limit_);
-  return static_cast<unsigned>(std::min<std::size_t>(end > pos_ ? end - pos_ : 0, kUnknownSize));
+  return static_cast<unsigned>(std::min<std::size_t>(end() - std::min(end(), pos_), kUnknownSize));
 }
 
-// ---- RecordingSink ----------------------------------------------------------------------------
-
 void RecordingSink::write(void const* data, unsigned size) {
-  if (calls_++ == fail_at_) {
-    zocore::throw_error(test_stream_error, "Injected sink failure",
-                        here("zotest::RecordingSink::write()"));
+  if (writes_.size() == fail_at_) {
+    fail_at_ = std::numeric_limits<std::size_t>::max();
+    inject("Injected sink failure", "zotest::RecordingSink::write()");
   }
   writes_.emplace_back(static_cast<char const*>(data), size);
 }
@@ -114,8 +106,6 @@ std::string RecordingSink::bytes() const {
     out += w;
   return out;
 }
-
-// ---- Generating sources and the checking sink -------------------------------------------------
 
 unsigned PatternSource::read(void* buffer, unsigned size) {
   auto const n = static_cast<unsigned>(std::min<std::uint64_t>(size, total_ - pos_));
@@ -138,33 +128,26 @@ unsigned ChunkedPatternSource::read(void* buffer, unsigned size) {
   auto* out = static_cast<unsigned char*>(buffer);
   unsigned done = 0;
   while (done < size) {
-    if (chunk_left_ == 0 && header_.empty() && payload_pos_ < total_) {
-      // The header of the next chunk: tag, then a 1-byte length below 256, else 2 bytes.
+    if (header_.empty() && chunk_left_ == 0) {
+      if (payload_pos_ == total_ && end_tag_done_) break;
       auto const n =
           static_cast<unsigned>(std::min<std::uint64_t>(chunk_size_, total_ - payload_pos_));
-      unsigned const nibble = (started_ ? 0xD : 0xB) + (n < 256 ? 0 : 1);
+      // The tag, then a 1-byte length below 256, else 2 bytes; after the last chunk the end tag.
+      unsigned const nibble = n == 0 ? 0xF : (payload_pos_ == 0 ? 0xB : 0xD) + (n < 256 ? 0 : 1);
       header_ = std::string(1, static_cast<char>(prefix_ | nibble));
       if (n >= 256) header_ += static_cast<char>(n >> 8);
-      header_ += static_cast<char>(n & 0xFF);
+      if (n != 0) header_ += static_cast<char>(n & 0xFF);
+      end_tag_done_ = n == 0;
       chunk_left_ = n;
-      started_ = true;
     }
-    unsigned n = 0;
-    if (!header_.empty()) {
-      n = std::min<unsigned>(size - done, static_cast<unsigned>(header_.size()));
-      if (out) std::memcpy(out + done, header_.data(), n);
-      header_.erase(0, n);
-    } else if (chunk_left_ != 0) {
+    unsigned n = std::min<unsigned>(size - done, static_cast<unsigned>(header_.size()));
+    if (out && n != 0) std::memcpy(out + done, header_.data(), n);
+    header_.erase(0, n);
+    if (n == 0) {
       n = std::min(size - done, chunk_left_);
       if (out) pattern_fill(payload_pos_, out + done, n);
       payload_pos_ += n;
       chunk_left_ -= n;
-    } else if (!end_tag_done_) {
-      n = 1;
-      if (out) out[done] = static_cast<unsigned char>(prefix_ | 0xF);
-      end_tag_done_ = true;
-    } else {
-      break;
     }
     done += n;
   }
@@ -175,13 +158,11 @@ void CheckingSink::write(void const* data, unsigned size) {
   largest_ = std::max(largest_, size);
   if (scratch_.size() < size) scratch_.resize(size);
   unsigned const got = expected_->read(scratch_.data(), size);
-  if (!mismatch_ && (got < size || std::memcmp(scratch_.data(), data, size) != 0)) {
-    auto const* p = static_cast<unsigned char const*>(data);
-    unsigned i = 0;
-    while (i < got && p[i] == scratch_[i])
-      ++i;
+  auto const* p = static_cast<unsigned char const*>(data);
+  unsigned const same = static_cast<unsigned>(std::mismatch(p, p + got, scratch_.data()).first - p);
+  if (!mismatch_ && (same < size)) {
     mismatch_ = true;
-    mismatch_at_ = written_ + i;
+    mismatch_at_ = written_ + same;
   }
   written_ += size;
 }

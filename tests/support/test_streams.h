@@ -62,6 +62,7 @@ class ByteSource : public zocore::RefCounted<zocore::AtomicRefCount>, public zoc
 
  private:
   unsigned transfer(void* buffer, unsigned size, bool skip);
+  std::size_t end() const noexcept { return std::min(data_.size(), limit_); }
 
   std::string data_;
   std::size_t pos_ = 0;
@@ -88,7 +89,6 @@ class RecordingSink final : public zocore::RefCounted<zocore::AtomicRefCount>,
 
  private:
   std::vector<std::string> writes_;
-  std::size_t calls_ = 0;
   std::size_t fail_at_ = std::numeric_limits<std::size_t>::max();
 };
 
@@ -127,9 +127,8 @@ class ChunkedPatternSource final : public zocore::RefCounted<zocore::AtomicRefCo
   std::uint64_t total_;
   unsigned chunk_size_;
   std::uint64_t payload_pos_ = 0;  // payload bytes delivered
-  std::string header_;             // rest of the current chunk's header
+  std::string header_;             // rest of the current chunk's header (or the end tag)
   unsigned chunk_left_ = 0;        // payload bytes left in the current chunk
-  bool started_ = false;
   bool end_tag_done_ = false;
 };
 

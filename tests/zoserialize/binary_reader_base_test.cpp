@@ -178,20 +178,17 @@ TEST(BinaryReaderBaseTest, IntegersExtendNarrowOrAreRefused) {
   };
   // clang-format off
   Case const cases[] = {
-      {"24 80", true, 4, "FF FF FF 80", 0},              {"24 7F", true, 4, "00 00 00 7F", 0},
-      {"26 FF FF FF 80", true, 1, "80", 0},              {"26 00 00 00 7F", true, 1, "7F", 0},
-      {"21", true, 8, "00*7 01", 0},                     {"22", true, 3, "FF FF FF", 0},
+      {"24 80", true, 4, "FF FF FF 80", 0},              {"26 FF FF FF 80", true, 1, "80", 0},
+      {"26 00 00 00 7F", true, 1, "7F", 0},              {"22", true, 3, "FF FF FF", 0},
       {"20", true, 0, "", 0},                            {"21", true, 0, "", 8},
-      {"22", true, 0, "", 8},                            {"24 05", true, 0, "", 8},
-      {"25 00 80", true, 1, "", 16},                     {"25 FF 7F", true, 1, "", 16},
-      {"26 00 00 80 00", true, 2, "", 24},               {"26 FF FF 80 00", true, 2, "80 00", 0},
-      {"27 00*4 80 00*3", true, 4, "", 40},              {"27 FF*4 80 00*3", true, 4, "80 00*3", 0},
-      {"25 12 34", true, 5, "00 00 00 12 34", 0},        {"28 00*15 80", true, 1, "", 16},
+      {"22", true, 0, "", 8},                            {"25 00 80", true, 1, "", 16},
+      {"25 FF 7F", true, 1, "", 16},                     {"26 00 00 80 00", true, 2, "", 24},
+      {"26 FF FF 80 00", true, 2, "80 00", 0},           {"27 00*4 80 00*3", true, 4, "", 40},
+      {"27 FF*4 80 00*3", true, 4, "80 00*3", 0},        {"28 00*15 80", true, 1, "", 16},
       {"28 FF*15 80", true, 1, "80", 0},                 {"2A 7F FF*63", true, 63, "", 512},
-      {"2A 7F FF*63", true, 128, "00*64 7F FF*63", 0},   {"31", false, 8, "00*7 01", 0},
-      {"30", false, 0, "", 0},                           {"31", false, 0, "", 8},
-      {"34 FF", false, 4, "00 00 00 FF", 0},             {"35 00 FF", false, 1, "FF", 0},
-      {"35 01 00", false, 1, "", 16},                    {"36 00 00 00 FF", false, 1, "FF", 0},
+      {"2A 7F FF*63", true, 128, "00*64 7F FF*63", 0},   {"30", false, 0, "", 0},
+      {"31", false, 0, "", 8},                           {"34 FF", false, 4, "00 00 00 FF", 0},
+      {"35 00 FF", false, 1, "FF", 0},                   {"35 01 00", false, 1, "", 16},
       {"36 00 80 00 00", false, 2, "", 24},              {"37 FF*8", false, 7, "", 64},
       {"38 00*15 80", false, 1, "80", 0},
   };
@@ -247,19 +244,15 @@ TEST(BinaryReaderBaseTest, MalformedInputFails) {
   zotest::ReaderFailure const cases[] = {
       {"B7 00 00 00 01 00*4", "{", &error::zoserialize_reader_data_type_range, k4GB, "errno=34",
        "BinaryReaderBase::read_size()"},
-      {"B7 FF*8", "{", &error::zoserialize_reader_data_type_range, k4GB, "errno=34"},
       {"AB 00 00 00 01 00*4", "[", &error::zoserialize_reader_data_type_range, k4GB, "errno=34"},
       // Strings longer than the known rest fail before they are read.
       {"58 05 61 62", "s", &error::zoserialize_reader_data_size, kLength, "expected=5 remaining=2",
        "BinaryReaderBase::read_large_string_aux()"},
-      {"59 01 00", "s", &error::zoserialize_reader_data_size, kLength, "expected=256 remaining=0"},
       {"5A 00 01 00 00 61", "s", &error::zoserialize_reader_data_size, kLength,
        "expected=65536 remaining=1"},
       // Payloads and length fields that end early.
       {"24", "i", &eof, kEof, "expected=1 actual=0", "BinaryReaderBase::throw_eof_error()"},
-      {"26 00 01", "i", &eof, kEof, "expected=4 actual=2"},
       {"47 3F F0", "d", &eof, kEof, "expected=8 actual=2"},
-      {"53 61", "s", &eof, kEof, "expected=3 actual=1"},
       {"?58 05 61 62", "s", &eof, kEof, "expected=5 actual=2"},
       {"65 00", "a", &eof, kEof, "expected=8 actual=1"},
       {"81 00 00", "g", &eof, kEof, "expected=16 actual=2"},
@@ -293,14 +286,10 @@ TEST(BinaryReaderBaseTest, MalformedInputFails) {
       {"", "c", &eof, kNoTag, "", "BinaryReaderBase::read_copy()"},
       {"A0 B0 AE BF AF", "k", &type, kUnexpected, "tagValue=174"},
       {"A0 B0 AE BF AF", "c", &type, kUnexpected, "tagValue=174"},
-      {"A0 B0 AF BF AF", "k", &type, kUnexpected, "tagValue=175"},
-      {"A0 B0 AF BF AF", "c", &type, kUnexpected, "tagValue=175"},
       {"B0 A0 BF AF BF", "k", &type, kUnexpected, "tagValue=191"},
       {"B0 A0 BF AF BF", "c", &type, kUnexpected, "tagValue=191"},
       {"B0 23 BF", "k", &type, kUnexpected, "tagValue=35"},
       {"B0 23 BF", "c", &type, kUnexpected, "tagValue=35"},
-      {"A0 B2 BF AF", "k", &type, kUnexpected, "tagValue=178"},
-      {"A0 B2 BF AF", "c", &type, kUnexpected, "tagValue=178"},
       {"A0 AC AF", "k", &type, kUnexpected, "tagValue=172"},
       {"A0 AC AF", "c", &type, kUnexpected, "tagValue=172"},
       {"A0 B0 E7 BF AF", "k", &type, kUnknownPrefix, "actualType=ReservedE actualTag=231",
@@ -321,6 +310,11 @@ TEST(BinaryReaderBaseTest, MalformedInputFails) {
     }
   }
   EXPECT_EQ(reader_of(unhex("AB 00 00 00 00 FF FF FF FF"), 1)->read_sequence_start(), 0xFFFFFFFFu);
+  auto const r = reader_of(unhex("00 11"), 1);  // try_read_null consumes only a null
+  EXPECT_TRUE(r->try_read_null());
+  EXPECT_FALSE(r->try_read_null());
+  EXPECT_TRUE(r->read_bool());
+  EXPECT_FALSE(r->try_read_null());
 }
 
 TEST(BinaryReaderBaseTest, StringsAboveTheByValueLimitFailBeforeAnyByteOfThem) {
@@ -351,14 +345,6 @@ TEST(BinaryReaderBaseTest, StringsAboveTheByValueLimitFailBeforeAnyByteOfThem) {
                          "Size={@actualSize}, MaxSize={@maxSize}");
   EXPECT_EQ(zotest::param(info, "actualSize"), "134217729");
   EXPECT_EQ(zotest::param(info, "maxSize"), "134217728");
-}
-
-TEST(BinaryReaderBaseTest, TryReadNullConsumesOnlyANull) {
-  auto const r = reader_of(unhex("00 11"), 1);
-  EXPECT_TRUE(r->try_read_null());
-  EXPECT_FALSE(r->try_read_null());
-  EXPECT_TRUE(r->read_bool());
-  EXPECT_FALSE(r->try_read_null());  // at the end
 }
 
 // A million nested scopes neither overflow the stack when skipped or copied nor when they never

@@ -181,18 +181,13 @@ TEST(BinaryReaderTest, MalformedInputAndMisuseFail) {
   zotest::ReaderFailure const cases[] = {
       {"00", "n n", &eof, kNoTagByte, "", "BinaryReader::impl_read_tag_check_type()"},
       {"", "S", &eof, kNoTagByte},
-      {"", "B", &eof, kNoTagByte},
-      {"", "{", &eof, kNoTagByte},
       // Payload streams: tags without a length form, chunks of another type or form, chunks and
       // text that end early, invalid text wherever it is read (a read of exactly the rest is not
       // short), streams used once detached.
       {"5D 00", "S", &type, kUnexpected, "tagType=String tagValue=93",
        "BinaryReader::create_payload_stream()"},
-      {"5E 00 00", "S", &type, kUnexpected, "tagValue=94"},
       {"5F", "S", &type, kUnexpected, "tagValue=95"},
       {"9D 00", "B", &type, kUnexpected, "tagType=Binary tagValue=157"},
-      {"9E 00 00", "B", &type, kUnexpected, "tagValue=158"},
-      {"9F", "B", &type, kUnexpected, "tagValue=159"},
       {"5B 01 61 9D 01 62 5F", "S r4", &error::zoserialize_reader_data_type_mismatch,
        "Invalid tag in chunked element.  Expected={@expectedType}, Actual={@actualType} "
        "(ActualTag={@actualTag})",
@@ -201,15 +196,10 @@ TEST(BinaryReaderTest, MalformedInputAndMisuseFail) {
       // The parameters carry other names than the placeholders.
       {"9B 01 61 9C 00 01 62 9F", "B r4", &type, kChunkTag,
        "type=Binary value=156 tagType=<missing> tagValue=<missing>"},
-      {"9B 01 61 9B 01 62 9F", "B r4", &type, kChunkTag, "type=Binary value=155"},
       {"9B 01 61 95 62 9F", "B r4", &type, kChunkTag, "type=Binary value=149"},
-      {"9B 01 61 90 9F", "B r4", &type, kChunkTag, "type=Binary value=144"},
       {"9B 02 61", "B r8", &eof, kEof, "expected=2 actual=1"},
-      {"9B 01 61", "B r8", &eof, kEof, "expected=1 actual=0"},
       {"9B 01 61 9D", "B r8", &eof, kEof, "expected=1 actual=0"},
-      {"9B 01 61 9E 00", "B r8", &eof, kEof, "expected=2 actual=1"},
       {"9C 00 05 61 62 63", "B r8", &eof, kEof, "expected=5 actual=3"},
-      {"53 61 E2 82", "S r8", &utf8, kUtf8Error},
       {"53 61 E2 82", "S r3 r1", &utf8, kUtf8Error},
       {"53 61 E2 82", "S r3 C", &utf8, kUtf8Error},
       {"53 61 FF 62", "S r3", &utf8, kUtf8Error, "offset=1"},
@@ -235,14 +225,11 @@ TEST(BinaryReaderTest, MalformedInputAndMisuseFail) {
       {"B4 02 11 20 21 BF", "{ }", &error::zoserialize_reader_marker_size, kSize, "",
        "BinaryReader::read_marker_end()"},
       {"B4 02 25 00 80 BF", "{ }", &error::zoserialize_reader_marker_size, kSize},
-      {"B5 00 04 11 20 21 22 23 BF", "{ }", &error::zoserialize_reader_marker_size, kSize},
       // Closing: refused while markers are open; afterwards nothing reaches the source.
       {"B0 B0 11 BF BF", "{ { X", &error::zoserialize_reader_marker_nesting,
        "Attempt to close reader with open markers", "", "BinaryReader::close()"},
       {"00", "n X n", &closed, kClosed, "", "BinaryReader::throw_closed_error()"},
       {"00", "n X e", &closed, kClosed},
-      {"00", "n X t", &closed, kClosed},
-      {"00", "n X k", &closed, kClosed},
       {"00", "n X B", &closed, kClosed},
   };
   for (zotest::ReaderFailure const& c : cases) {
@@ -285,13 +272,19 @@ TEST(BinaryReaderTest, BufferSizesAndTheSourceTraffic) {
   source = source_of(zotest::bytes("00"));
   BinaryReader(source).read_null();
   EXPECT_EQ(source->calls(), std::vector<Call>{r(16384, 1)});
-  // Once the source has ended it is not asked again.
-  for (char const* ops : {"e e t N !n !s !B !{ !k", "n e e t N !n !s !B !{ !k"}) {
-    source = source_of(zotest::bytes(ops[0] == 'n' ? "00" : ""));
+  // Once the source has ended it is not asked again, also by a payload cut short.
+  struct Ended {
+    char const* hex;
+    char const* ops;
+    std::vector<Call> calls;
+  };
+  for (Ended const& c : {Ended{"", "e e t N !n !s !B !{ !k", {r(4, 0)}},
+                         Ended{"00", "n e e t N !n !s !B !{ !k", {r(4, 1), r(4, 0)}},
+                         Ended{"53 61", "S r1 !r1 !r1", {r(4, 2), r(4, 0)}}}) {
+    source = source_of(zotest::bytes(c.hex));
     BinaryReader reader(source, 4);
-    zotest::run_reader_ops(reader, ops);
-    EXPECT_EQ(source->calls(),
-              ops[0] == 'n' ? (std::vector<Call>{r(4, 1), r(4, 0)}) : std::vector<Call>{r(4, 0)});
+    zotest::run_reader_ops(reader, c.ops);
+    EXPECT_EQ(source->calls(), c.calls) << c.ops;
   }
   // Refills of the capacity, requests of at least the capacity straight from the source, skips
   // of what the buffer does not hold.
@@ -334,7 +327,7 @@ TEST(BinaryReaderTest, BufferSizesAndTheSourceTraffic) {
 
 // ---- Payload streams and markers ----------------------------------------------------------------
 
-TEST(BinaryReaderTest, PayloadStreamsCountDownAndReadInOddPieces) {
+TEST(BinaryReaderTest, PayloadStreamsCountDown) {
   // A binary of 5 inline bytes; a chunked one of 3, 0 and 2 bytes, whose size is unknown.
   auto reader = reader_hex("95 01 02 03 04 05 9B 03 01 02 03 9D 00 9E 00 02 04 05 9F 00", 1);
   auto stream = reader->read_binary();
@@ -353,27 +346,6 @@ TEST(BinaryReaderTest, PayloadStreamsCountDownAndReadInOddPieces) {
   EXPECT_EQ(out[0], '\x05');
   EXPECT_EQ(stream->read(out, 8), 0u);
   zotest::run_reader_ops(*reader, "n e");
-  std::string const payload = zotest::pattern_string(7, 10000);
-  for (std::string const& encoding :
-       {zotest::bytes("99 27 10") + payload + zotest::bytes("11"),
-        zotest::bytes("9B 03") + payload.substr(0, 3) + zotest::bytes("9D 00 9E 27 0D") +
-            payload.substr(3) + zotest::bytes("9F 11")}) {
-    for (unsigned buffer : {1u, 7u, 4096u}) {
-      reader = reader_of(encoding, buffer);
-      stream = reader->read_binary();
-      std::string got;
-      unsigned const pieces[] = {1, 2, 3, 7, 4095, 4096, 4097, 13};
-      for (std::size_t i = 0;; ++i) {
-        std::string block(pieces[i % 8], '\0');
-        unsigned const n = stream->read(block.data(), pieces[i % 8]);
-        got.append(block.data(), n);
-        if (n < block.size()) break;
-      }
-      EXPECT_TRUE(got == payload) << "buffer " << buffer;
-      EXPECT_TRUE(reader->read_bool());
-      EXPECT_TRUE(reader->is_eof());
-    }
-  }
 }
 
 TEST(BinaryReaderTest, StreamsStayAttachedUntilTheReaderMovesOn) {

@@ -22,8 +22,8 @@ using zotest::hex;
 
 constexpr char kStreamClosed[] = "Binary stream writer object has already been closed";
 
-// A concrete writer over BinaryWriterBase that lends the encoder no output window: every byte goes
-// through the hooks, into a string. The stream writer's tests cover the windows.
+// A writer over BinaryWriterBase that lends the encoder no output window: every byte goes through
+// the hooks, into a string. The stream writer's tests cover the windows.
 class StringWriter final : public zoserialize::BinaryWriterBase {
  public:
   void write_marker_start() override {
@@ -52,16 +52,13 @@ TEST(BinaryWriterBaseTest, WholeValueHeaderOfTheLargestLength) {
   EXPECT_EQ(writer.hex_bytes(), "5A FF FF FF FF");
 }
 
-TEST(BinaryWriterBaseTest, IntegersBeyondTheLimitsAreRefusedAndNothingIsWritten) {
-  // The unsigned limit is one byte tighter than the signed one.
+// The unsigned limit is one byte tighter than the signed one; nothing is written on refusal.
+TEST(BinaryWriterBaseTest, IntegersBeyondTheLimitsAreRefused) {
   for (auto const& [is_signed, image, bits] : {std::tuple{true, "00 80 00*63", 520},
-                                               {true, "00 00 80 00*63", 520},
                                                {true, "FF 7F FF*63", 520},
                                                {true, "12 34*99", 800},
                                                {false, "01 00*63", 512},
-                                               {false, "7F FF*63", 512},
-                                               {false, "00 80 00*63", 512},
-                                               {false, "01 00*64", 520}}) {
+                                               {false, "00 80 00*63", 512}}) {
     std::string const bytes = zotest::unhex(image);
     auto const size = static_cast<unsigned>(bytes.size());
     StringWriter writer;
@@ -88,18 +85,14 @@ TEST(BinaryWriterBaseTest, MarkerStartTagWritesTheFieldOrRefusesIt) {
   for (auto const& [size, field, encoding] : {std::tuple{0u, 0u, "B0"},
                                               {255u, 0u, "B4 FF"},
                                               {256u, 0u, "B5 01 00"},
-                                              {65535u, 0u, "B5 FF FF"},
                                               {65536u, 0u, "B6 00 01 00 00"},
                                               {1u, 1u, "B4 01"},
                                               {2u, 1u, "8"},
-                                              {3u, 2u, "B5 00 03"},
                                               {4u, 2u, "16"},
                                               {15u, 3u, "B6 00 00 00 0F"},
-                                              {16u, 4u, "32"},
                                               {255u, 5u, "B7 00 00 00 00 00 00 00 FF"},
                                               {256u, 8u, "64"},
-                                              {0u, 9u, ""},
-                                              {0u, ~0u, ""}}) {
+                                              {0u, 9u, ""}}) {
     SCOPED_TRACE(::testing::Message() << "size " << size << " field " << field);
     StringWriter writer;
     auto const write = [&, size = size, field = field] {
@@ -120,8 +113,6 @@ TEST(BinaryWriterBaseTest, MarkerStartTagWritesTheFieldOrRefusesIt) {
   }
 }
 
-// ---- Sequences ------------------------------------------------------------------------------
-
 TEST(BinaryWriterBaseTest, SeparatorAndEndWithoutSequenceFail) {
   StringWriter writer;
   expect_error_details([&] { writer.write_sequence_separator(); },
@@ -137,8 +128,7 @@ TEST(BinaryWriterBaseTest, SeparatorAndEndWithoutSequenceFail) {
 // A separator beyond the hint is refused and the sequence stays open; an end after another count
 // is refused, reporting the separators (deliberately not the elements), and closes the sequence.
 TEST(BinaryWriterBaseTest, CountHintsAreEnforced) {
-  for (auto [hint, separators] :
-       {std::pair{1u, 0u}, {3u, 2u}, {2u, 0u}, {3u, 1u}, {8u, 0u}, {8u, 6u}, {300u, 100u}}) {
+  for (auto [hint, separators] : {std::pair{1u, 0u}, {3u, 2u}, {2u, 0u}, {300u, 100u}}) {
     StringWriter writer;
     writer.write_sequence_start(hint);
     writer.write_null();
@@ -167,23 +157,15 @@ TEST(BinaryWriterBaseTest, CountHintsAreEnforced) {
     EXPECT_EQ(writer.bytes, before) << "the end tag must not be written";
     writer.close();  // the sequence counts as closed
   }
-  StringWriter writer;  // a hint of 1 and no separator pass the check
-  writer.write_sequence_start(1);
-  writer.write_sequence_end();
-  EXPECT_EQ(writer.hex_bytes(), "A1 AF");
 }
-
-// ---- Values from input streams ----------------------------------------------------------------
 
 // A source that announces a size and delivers more or less: the header and the blocks before the
 // failing one stay written.
 TEST(BinaryWriterBaseTest, SourcesDeliveringAnotherSizeThanAnnouncedFail) {
   for (auto [announced, delivered, header, kept] : {std::tuple{10u, 20u, "58 0A", 0u},
-                                                    {5000u, 5001u, "59 13 88", 4096u},
                                                     {4096u, 8192u, "59 10 00", 4096u},
                                                     {5u, 0u, "55", 0u},
                                                     {5000u, 3000u, "59 13 88", 3000u},
-                                                    {70000u, 65536u, "5A 00 01 11 70", 65536u},
                                                     {4097u, 4096u, "59 10 01", 4096u}}) {
     std::string const payload = zotest::golden_text(delivered);
     ByteSource source(payload);
@@ -213,8 +195,6 @@ TEST(BinaryWriterBaseTest, SourcesAreReadInBlocksOf4096UntilAReadReturnsNothing)
     EXPECT_EQ(writer.hex_bytes().substr(0, 8), known ? "99 23 28" : "9C 10 00");
   }
 }
-
-// ---- Value streams ----------------------------------------------------------------------------
 
 // Every operation finishes an open value stream before its own bytes; writing to the stream then
 // fails. Each case runs inside a sequence: A0, the stream's 52 61 62, the operation's bytes.
@@ -262,29 +242,26 @@ TEST(BinaryWriterBaseTest, NextOperationFinishesTheValueStream) {
   }
 }
 
-TEST(BinaryWriterBaseTest, ClosingAFinishedStreamDoesNothing) {
-  StringWriter writer;
-  auto const first = writer.write_binary();
-  first->write("a", 1);
-  auto const second = writer.write_binary();
-  first->close();  // already finished by write_binary()
-  second->write("b", 1);
-  second->close();
-  second->close();
-  writer.write_null();
-  EXPECT_EQ(writer.hex_bytes(), "91 61 91 62 00");
-}
-
-TEST(BinaryWriterBaseTest, StreamOfADestroyedWriterFails) {
-  zoserialize::InterfacePtr<zoserialize::IWriteStream> stream;
+// Closing a finished stream does nothing; a stream outliving its writer fails when written to.
+TEST(BinaryWriterBaseTest, StreamsAfterTheirEnd) {
+  zoserialize::InterfacePtr<zoserialize::IWriteStream> orphan;
   {
     StringWriter writer;
-    stream = writer.write_string_stream();
-    stream->write("abc", 3);
+    auto const first = writer.write_binary();
+    first->write("a", 1);
+    auto const second = writer.write_binary();
+    first->close();  // already finished by write_binary()
+    second->write("b", 1);
+    second->close();
+    second->close();
+    writer.write_null();
+    EXPECT_EQ(writer.hex_bytes(), "91 61 91 62 00");
+    orphan = writer.write_string_stream();
+    orphan->write("abc", 3);
   }
-  expect_error_details([&] { stream->write("d", 1); }, error::zoserialize_writer_state,
+  expect_error_details([&] { orphan->write("d", 1); }, error::zoserialize_writer_state,
                        kStreamClosed, "", "BinaryWriterBase::BinaryStreamImpl::write()");
-  stream->close();  // nothing to finish, no writer to reach
+  orphan->close();  // nothing to finish, no writer to reach
 }
 
 }  // namespace

@@ -165,32 +165,6 @@ TEST(BinaryWriterTest, EveryStepReachesTheStreamWhenTheContractSays) {
   }
 }
 
-TEST(BinaryWriterTest, WithoutBufferEveryTagAndPayloadIsItsOwnWrite) {
-  auto const sink = make_sink();
-  BinaryWriter writer(sink, 0);
-  std::string const text300 = zotest::golden_text(300);
-  writer.write_null();
-  writer << std::string("abc") << 100000 << text300;
-  writer.write_sequence_start(300);
-  writer.write_string("", 0);
-  std::vector<std::string> const expected = {
-      "00", "53",    "61 62 63", "26", "00 01 86 A0", "59", "01 2C", zotest::hex(text300),
-      "A9", "01 2C", "50"};
-  EXPECT_EQ(hex_writes(*sink), expected);
-}
-
-TEST(BinaryWriterTest, ABufferOf16SplitsA40ByteString) {
-  auto const sink = make_sink();
-  BinaryWriter writer(sink, 16);
-  std::string const text = zotest::golden_text(40);
-  writer << text;
-  // The 2-byte header and 14 bytes fill the buffer, which is written; the last 26 bytes are
-  // written straight through.
-  ASSERT_EQ(sink->write_sizes(), (std::vector<unsigned>{16, 26}));
-  EXPECT_EQ(sink->writes()[0], zotest::bytes("58 28") + text.substr(0, 14));
-  EXPECT_EQ(sink->writes()[1], text.substr(14));
-}
-
 TEST(BinaryWriterTest, DefaultBufferHolds16384Bytes) {
   EXPECT_EQ(BinaryWriter::kDefaultBufferSize, 16384u);
   auto const sink = make_sink();
@@ -241,6 +215,9 @@ TEST(BinaryWriterTest, CloseChecksMarkersBeforeSequencesAfterFlushing) {
     EXPECT_EQ(raised_in(info), "zoserialize::BinaryWriter::close()");
     EXPECT_EQ(zotest::hex(sink->bytes()), "B0 A2 21");
     writer.write_marker_end();  // interleaving is not checked
+    info = ZO_EXPECT_ERROR(writer.write_marker_end(), error::zoserialize_writer_marker_nesting,
+                           "Attempt to close marker and none is open");
+    EXPECT_EQ(raised_in(info), "zoserialize::BinaryWriter::write_marker_end()");
     info = ZO_EXPECT_ERROR(writer.close(), error::zoserialize_writer_sequence_nesting,
                            "Attempt to close writer that has open sequences");
     EXPECT_EQ(raised_in(info), "zoserialize::BinaryWriterBase::close()");
@@ -254,39 +231,20 @@ TEST(BinaryWriterTest, CloseChecksMarkersBeforeSequencesAfterFlushing) {
   EXPECT_EQ(zotest::hex(sink->bytes()), "B0 A2 21 BF AE 24 02 AF B0 11");
 }
 
-TEST(BinaryWriterTest, MarkerEndWithoutMarkerFails) {
-  auto const sink = make_sink();
-  BinaryWriter writer(sink, 0);
-  writer.write_marker_start();
-  writer.write_marker_end();
-  auto const info =
-      ZO_EXPECT_ERROR(writer.write_marker_end(), error::zoserialize_writer_marker_nesting,
-                      "Attempt to close marker and none is open");
-  EXPECT_EQ(raised_in(info), "zoserialize::BinaryWriter::write_marker_end()");
-  EXPECT_EQ(zotest::hex(sink->bytes()), "B0 BF");
-}
-
 // Every operation that emits bytes fails once the writer has no stream: after close() and when it
 // was built without one. The failure leaves nothing open that would make close() fail.
 TEST(BinaryWriterTest, EveryWriteFailsOnceClosed) {
   std::string const large = zotest::golden_text(70000);
   unsigned char const image[20] = {1};
-  // clang-format off
   std::function<void(Writer&)> const ops[] = {
       [](Writer& w) { w.write_null(); },
-      [](Writer& w) { w << 100000; },
       [&](Writer& w) { w.write_int_big_endian(image, 20); },
-      [](Writer& w) { w << 0.1; },
-      [](Writer& w) { w << std::string("abc"); },
       [&](Writer& w) { w << large; },
-      [](Writer& w) { zotest::ByteSource source("abc"); w.write_string_stream(source); },
+      [](Writer& w) { w.write_string_stream(*zocore::make_ref_counted<zotest::ByteSource>("a")); },
       [](Writer& w) { w << zoserialize::RelativeTime(5) << zoserialize::Uuid(); },
-      [](Writer& w) { w.write_sequence_start(3); },
       [](Writer& w) { w.write_marker_start(); },
       [](Writer& w) { w.write_binary(); },
-      [](Writer& w) { w.write_string_stream(); },
   };
-  // clang-format on
   for (auto const& op : ops) {
     for (unsigned buffer : {0u, 1u, 64u}) {
       auto const sink = make_sink();

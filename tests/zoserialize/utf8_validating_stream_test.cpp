@@ -39,29 +39,24 @@ TEST(Utf8CarryValidatorTest, EveryCutOfValidTextValidates) {
 TEST(Utf8CarryValidatorTest, MalformedOrIncompleteTextFailsInAnyPiece) {
   std::string const cases[] = {
       "a\xFF"
-      "b",  // a byte that starts nothing
+      "b",
       "a\x80"
-      "b",                               // a stray continuation byte
-      "\xC3(",                           // a lead byte followed by a non-continuation
-      "\xC3\xA9\xA9",                    // a continuation after a complete sequence
-      "\xC0\xAF",                        // overlong
-      "\xED\xA0\x80",                    // a surrogate
+      "b",                               // a byte that starts nothing, a stray continuation
+      "\xC3(", "\xC3\xA9\xA9",           // a lead without continuation, one continuation too many
+      "\xC0\xAF", "\xED\xA0\x80",        // overlong, a surrogate
       "\xF4\x90\x80\x80",                // above U+10FFFF
       "ab\x80\x80\x80\x80\x80\x80\x80",  // continuation bytes only, more than 6
       "\xE2\x82"
-      "a",  // a carried sequence completed by a non-continuation
-      "ab\xC3", "ab\xE2\x82", "ab\xF0\x9F\x98",  // incomplete at the end
+      "a",                         // a carried sequence completed by a non-continuation
+      "ab\xC3", "ab\xF0\x9F\x98",  // incomplete at the end
       // 5- and 6-byte leads are carried as long as they announce, then refused.
       "\xF8\x88\x80\x80\x80", "\xFC\x84\x80\x80\x80\x80"};
   for (std::string const& text : cases) {
     for (std::size_t cut = 0; cut <= text.size(); ++cut) {
       SCOPED_TRACE(::testing::Message() << ::testing::PrintToString(text) << " cut at " << cut);
-      auto const validate = [&] {
-        Utf8CarryValidator v;
-        feed_in_three(v, text, cut, cut);
-        v.finish();
-      };
-      ZO_EXPECT_ERROR(validate(), zocore::error::zocore_utf8, kUtf8Error);
+      Utf8CarryValidator v;
+      ZO_EXPECT_ERROR((feed_in_three(v, text, cut, cut), v.finish()), zocore::error::zocore_utf8,
+                      kUtf8Error);
     }
   }
 }
@@ -77,10 +72,8 @@ TEST(Utf8ValidatingStreamTest, ReadsAndSkipsValidTextInAnyPieces) {
     auto const stream = zocore::make_ref_counted<ValidatingSource>(text);
     std::string got;
     std::string block(request, '\0');
-    for (unsigned n = request; n == request;) {
+    for (unsigned n = request; n == request; got.append(block.data(), n))
       n = stream->read(block.data(), request);
-      got.append(block.data(), n);
-    }
     EXPECT_EQ(got, text) << request;
   }
   // Skipped bytes are read and validated in pieces of 4096; a character cut by the skip is
