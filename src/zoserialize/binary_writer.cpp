@@ -43,18 +43,28 @@ void BinaryWriter::throw_closed_error() {
                       here("zoserialize::BinaryWriter::impl_write()"));
 }
 
+void BinaryWriter::write_to_stream(void const* data, unsigned size) {
+  try {
+    stream_->write(data, size);
+  } catch (...) {
+    // Whatever the stream took of these bytes, the rest is lost: the output is incomplete.
+    mark_output_failed();
+    throw;
+  }
+}
+
 void BinaryWriter::flush_buffer() {
   unsigned const n = buffered();
   if (n == 0) return;
   // Empty the buffer before writing: if the stream throws, the bytes are not written twice.
   out_cur_ = buffer_.get();
-  stream_->write(buffer_.get(), n);
+  write_to_stream(buffer_.get(), n);
 }
 
 void BinaryWriter::impl_write_byte(unsigned char byte) {
   if (!stream_) throw_closed_error();
   if (!buffer_) {
-    stream_->write(&byte, 1);
+    write_to_stream(&byte, 1);
     return;
   }
   // Only the buffer's last free byte is outside the window: this byte fills the buffer.
@@ -65,12 +75,12 @@ void BinaryWriter::impl_write_byte(unsigned char byte) {
 void BinaryWriter::impl_write(void const* data, unsigned size) {
   if (!stream_) throw_closed_error();
   if (!buffer_) {
-    stream_->write(data, size);
+    write_to_stream(data, size);
     return;
   }
   auto const* p = static_cast<unsigned char const*>(data);
   if (buffered() == 0 && size >= capacity_) {
-    stream_->write(p, size);
+    write_to_stream(p, size);
     return;
   }
   unsigned const room = capacity_ - buffered();
@@ -81,7 +91,7 @@ void BinaryWriter::impl_write(void const* data, unsigned size) {
   size -= n;
   if (buffered() == capacity_) flush_buffer();
   if (size >= capacity_) {
-    stream_->write(p, size);
+    write_to_stream(p, size);
   } else if (size != 0) {
     std::memcpy(out_cur_, p, size);
     out_cur_ += size;
@@ -95,7 +105,7 @@ void BinaryWriter::flush() {
 
 void BinaryWriter::close() {
   flush();  // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall): also from the destructor
-  if (open_markers_ != 0) {
+  if (open_markers() != 0) {
     zocore::throw_error(error::zoserialize_writer_marker_nesting,
                         "Attempt to close writer but there are marker that are still open",
                         here("zoserialize::BinaryWriter::close()"));

@@ -53,6 +53,8 @@ class ZOSERIALIZE_API BinaryWriter final : public BinaryWriterBase {
  private:
   [[noreturn]] static void throw_closed_error();
   void flush_buffer();
+  // stream_->write(), marking the output failed when the stream throws.
+  void write_to_stream(void const* data, unsigned size);
   unsigned buffered() const noexcept { return static_cast<unsigned>(out_cur_ - buffer_.get()); }
   void reset_window() noexcept;
 

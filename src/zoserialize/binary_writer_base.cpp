@@ -6,6 +6,7 @@
 #include <zoserialize/binary_writer_base.h>
 #include <zoserialize/error_codes.h>
 #include <zoserialize/impl/integer_form.h>
+#include <zoserialize/impl/output_failure.h>
 
 namespace zoserialize {
 namespace {
@@ -50,93 +51,87 @@ constexpr unsigned width_nibble(unsigned length) {
 
 // ---- Value stream ---------------------------------------------------------------------------
 
-class BinaryWriterBase::BinaryStreamImpl final : public IWriteStream,
-                                                 public zocore::RefCounted<zocore::AtomicRefCount> {
+// Full buffers go out as chunks of 0x1000 bytes; a write of a buffer's worth or more into an
+// empty buffer goes out directly, in chunks of at most 65535 bytes. A value that never filled the
+// buffer is written whole, so short streamed values look exactly like values written whole.
+class BinaryWriterBase::BinaryStreamImpl final
+    : public impl::BufferedValueStream<impl::kStreamChunkSize, 1> {
  public:
-  // The buffer is left uninitialised: only its first buffered_ bytes are ever read.
-  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
-  BinaryStreamImpl(BinaryWriterBase* writer, ETypePrefix prefix) noexcept
-      : writer_(writer), prefix_(prefix) {}
-
-  void write(void const* data, unsigned size) override {
-    if (!writer_) [[unlikely]] {
-      zocore::throw_error(error::zoserialize_writer_state,
-                          "Binary stream writer object has already been closed",
-                          here("zoserialize::BinaryWriterBase::BinaryStreamImpl::write()"));
-    }
-    auto const* p = static_cast<unsigned char const*>(data);
-    while (size != 0) {
-      if (buffered_ == 0 && size >= impl::kStreamChunkSize) {
-        // Large writes go out directly, without passing through the buffer.
-        while (size != 0) {
-          unsigned const piece = size < impl::kMaxChunkSize ? size : impl::kMaxChunkSize;
-          emit_chunk(p, piece);
-          p += piece;
-          size -= piece;
-        }
-        return;
-      }
-      unsigned const room = impl::kStreamChunkSize - buffered_;
-      unsigned const n = size < room ? size : room;
-      std::memcpy(buffer_ + buffered_, p, n);
-      buffered_ += n;
-      p += n;
-      size -= n;
-      if (buffered_ == impl::kStreamChunkSize) {
-        emit_chunk(buffer_, buffered_);
-        buffered_ = 0;
-      }
-    }
-  }
-
-  void close() override {
-    if (writer_) writer_->finalize_binary_writer_stream();
-  }
-
-  // Forgets the writer without writing anything: later writes fail.
-  void abandon() noexcept { writer_ = nullptr; }
-
-  // Writes what is left of the value and forgets the writer.
-  void finish() {
-    BinaryWriterBase* const w = std::exchange(writer_, nullptr);
-    if (first_) {
-      w->write_binary_aux(prefix_, buffer_, buffered_);
-    } else {
-      if (buffered_ != 0) w->write_chunk(prefix_, false, buffer_, buffered_);
-      w->write_chunk_end(prefix_);
-    }
-    buffered_ = 0;
-  }
+  BinaryStreamImpl(BinaryWriterBase& writer, ETypePrefix prefix) noexcept
+      : BufferedValueStream(writer.stream_slot_,
+                            "zoserialize::BinaryWriterBase::BinaryStreamImpl::write()"),
+        writer_(writer),
+        prefix_(prefix) {}
 
  private:
-  void emit_chunk(void const* data, unsigned size) {
-    writer_->write_chunk(prefix_, first_, data, size);
-    first_ = false;
+  void emit_block(unsigned char const* data, unsigned size) override {
+    while (size != 0) {
+      unsigned const piece = size < impl::kMaxChunkSize ? size : impl::kMaxChunkSize;
+      writer_.write_chunk(prefix_, first_, data, piece);
+      first_ = false;
+      data += piece;
+      size -= piece;
+    }
   }
 
-  BinaryWriterBase* writer_;  // null once the value is finished
+  void emit_final(unsigned char const* rest, unsigned size) override {
+    if (first_) {
+      writer_.write_binary_aux(prefix_, rest, size);
+      return;
+    }
+    if (size != 0) writer_.write_chunk(prefix_, false, rest, size);
+    writer_.write_chunk_end(prefix_);
+  }
+
+  BinaryWriterBase& writer_;
   ETypePrefix prefix_;
   bool first_ = true;  // no chunk emitted yet
-  unsigned buffered_ = 0;
-  unsigned char buffer_[impl::kStreamChunkSize];
 };
 
 // ---- Writer ---------------------------------------------------------------------------------
 
+impl::ScopeMessages const BinaryWriterBase::kScopeMessages = {
+    "zoserialize::BinaryWriterBase::write_sequence_separator()",
+    "zoserialize::BinaryWriterBase::write_sequence_end()",
+    // Unused: marker ends are refused by end_counted_marker with the concrete writer's name.
+    "zoserialize::BinaryWriterBase::write_marker_end()", "zoserialize::BinaryWriterBase::close()",
+    "Attempt to add sequence separator and no sequence is open",
+    "Attempt to close sequence and none is open", "Attempt to close marker and none is open",
+    "Attempt to close writer that has open sequences", &error::zoserialize_writer_marker_nesting,
+    false,  // Added reports the separators written, not the elements
+};
+
 BinaryWriterBase::BinaryWriterBase() = default;
 
-BinaryWriterBase::~BinaryWriterBase() {
-  // A caller may still hold the value stream; it must fail from now on rather than reach a
-  // destroyed writer. Finishing it here would call the concrete writer's hooks, which are gone.
-  if (open_stream_) open_stream_->abandon();
-}
+// A caller may still hold the value stream; the slot abandons it, so that it fails from now on
+// rather than reach a destroyed writer. Finishing it here would call the concrete writer's hooks,
+// which are gone.
+BinaryWriterBase::~BinaryWriterBase() = default;
 
 void BinaryWriterBase::close() {
   finalize_previous_element();
-  if (!sequences_.empty()) {
-    zocore::throw_error(error::zoserialize_writer_sequence_nesting,
-                        "Attempt to close writer that has open sequences",
-                        here("zoserialize::BinaryWriterBase::close()"));
+  scopes_.check_sequences_closed(kScopeMessages);
+}
+
+void BinaryWriterBase::settle() {
+  if ((pending_ & kOutputFailed) != 0) {
+    impl::throw_output_incomplete("zoserialize::BinaryWriterBase::finalize_previous_element()");
+  }
+  finalize_binary_writer_stream();
+}
+
+void BinaryWriterBase::mark_output_failed() noexcept {
+  pending_ |= kOutputFailed;
+  stream_slot_.abandon();
+}
+
+unsigned BinaryWriterBase::read_source(IReadStream& source, void* dest, unsigned size,
+                                       bool element_begun) {
+  try {
+    return source.read(dest, size);
+  } catch (...) {
+    if (element_begun) mark_output_failed();
+    throw;
   }
 }
 
@@ -349,50 +344,18 @@ void BinaryWriterBase::write_sequence_start_slow(unsigned count_hint) {
     impl::store_big_endian(count_hint, field);
     emit_tagged(0xAA, field, 4);
   }
-  sequences_.push_back({count_hint, 0});
+  scopes_.push_sequence(count_hint);
 }
 
 void BinaryWriterBase::write_sequence_start() {
   finalize_previous_element();
   emit_byte(0xA0);
-  sequences_.push_back({0, 0});
+  scopes_.push_sequence(0);
 }
 
 void BinaryWriterBase::throw_no_marker_to_close(char const* function) {
   zocore::throw_error(error::zoserialize_writer_marker_nesting,
                       "Attempt to close marker and none is open", here(function));
-}
-
-void BinaryWriterBase::throw_no_sequence_for_separator() {
-  zocore::throw_error(error::zoserialize_writer_sequence_nesting,
-                      "Attempt to add sequence separator and no sequence is open",
-                      here("zoserialize::BinaryWriterBase::write_sequence_separator()"));
-}
-
-void BinaryWriterBase::throw_too_many_elements(unsigned count_hint) {
-  zocore::ErrorComposer(
-      "Attempt to add more sequence elements than the count hint indicated.  "
-      "CountHint={@countHint}")
-      .add("countHint", count_hint)
-      .throw_error(error::zoserialize_writer_sequence_element_count,
-                   here("zoserialize::BinaryWriterBase::write_sequence_separator()"));
-}
-
-void BinaryWriterBase::throw_no_sequence_to_close() {
-  zocore::throw_error(error::zoserialize_writer_sequence_nesting,
-                      "Attempt to close sequence and none is open",
-                      here("zoserialize::BinaryWriterBase::write_sequence_end()"));
-}
-
-void BinaryWriterBase::throw_count_mismatch(unsigned count_hint, unsigned separators) {
-  // Added reports the separators written, not the elements.
-  zocore::ErrorComposer(
-      "Number of elements added to sequence does not match count hint.  "
-      "CountHint={@countHint}, Added={@elementCount}")
-      .add("countHint", count_hint)
-      .add("elementCount", separators)
-      .throw_error(error::zoserialize_writer_sequence_element_count,
-                   here("zoserialize::BinaryWriterBase::write_sequence_end()"));
 }
 
 // ---- Protected helpers ----------------------------------------------------------------------
@@ -441,13 +404,13 @@ void BinaryWriterBase::write_binary_aux(ETypePrefix prefix, IReadStream& source)
   unsigned char block[impl::kStreamChunkSize];
   unsigned const announced = source.bytes_remaining();
   if (announced == IReadStream::kUnknownSize) {
-    unsigned got = source.read(block, impl::kStreamChunkSize);
+    unsigned got = read_source(source, block, impl::kStreamChunkSize, false);
     if (got < impl::kStreamChunkSize) {
       write_binary_aux(prefix, block, got);
       return;
     }
     write_chunk(prefix, true, block, got);
-    while ((got = source.read(block, impl::kStreamChunkSize)) != 0) {
+    while ((got = read_source(source, block, impl::kStreamChunkSize, true)) != 0) {
       write_chunk(prefix, false, block, got);
     }
     write_chunk_end(prefix);
@@ -461,7 +424,7 @@ void BinaryWriterBase::write_binary_aux(ETypePrefix prefix, IReadStream& source)
     // only count as written once out_cur_ moves past them.
     bool const direct = window_room() >= impl::kStreamChunkSize;
     unsigned char* const dest = direct ? out_cur_ : block;
-    unsigned const got = source.read(dest, impl::kStreamChunkSize);
+    unsigned const got = read_source(source, dest, impl::kStreamChunkSize, true);
     if (got == 0) break;
     if (got > announced - total) {
       zocore::ErrorComposer("IReadStream returns more data than the announced {@expected} bytes")
@@ -521,14 +484,13 @@ void BinaryWriterBase::write_marker_start_tag(unsigned size, unsigned field_size
 
 InterfacePtr<IWriteStream> BinaryWriterBase::create_binary_write_stream(ETypePrefix prefix) {
   finalize_previous_element();
-  open_stream_ = zocore::make_ref_counted<BinaryStreamImpl>(this, prefix);
-  return InterfacePtr<IWriteStream>(open_stream_);
+  pending_ |= kStreamOpen;
+  return stream_slot_.open(zocore::make_ref_counted<BinaryStreamImpl>(*this, prefix));
 }
 
 void BinaryWriterBase::finalize_binary_writer_stream() {
-  // Taken out first: finishing emits bytes, and a failure must not leave the stream attached.
-  zocore::RefCountPtr<BinaryStreamImpl> const stream = std::move(open_stream_);
-  if (stream) stream->finish();
+  pending_ &= static_cast<std::uint8_t>(~kStreamOpen);
+  stream_slot_.finish();
 }
 
 }  // namespace zoserialize

@@ -13,6 +13,8 @@
 #include <zocore/stream.h>
 #include <zoserialize/binary_encoding.h>
 #include <zoserialize/export.h>
+#include <zoserialize/impl/scope_stack.h>
+#include <zoserialize/impl/value_stream_base.h>
 #include <zoserialize/writer.h>
 
 namespace zoserialize {
@@ -22,6 +24,12 @@ namespace zoserialize {
 // against their count hints. It does not know where bytes go: every byte is handed to the
 // concrete writer, either through the hooks impl_write_byte / impl_write or, on the fast path,
 // straight into an output window that the concrete writer lends it (see below).
+//
+// When the output stream (through the concrete writer's hooks) or the source of
+// write_binary(IReadStream&) / write_string_stream(IReadStream&) throws in the middle of an
+// element, the output cannot be read back any more: every later operation, close() included,
+// fails with error::zoserialize_writer_state instead of reporting success over it. The writer's
+// own failures (a count mismatch, a value out of range) leave it usable.
 //
 // Not thread-safe: one thread at a time.
 class ZOSERIALIZE_API BinaryWriterBase : public Writer {
@@ -67,7 +75,7 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   class BinaryStreamImpl;
 
   // Markers opened with write_marker_start() and not yet ended.
-  unsigned open_markers() const noexcept { return open_markers_; }
+  unsigned open_markers() const noexcept { return scopes_.open_markers(); }
 
   // ---- Inline front end ----
   // Shadows of Writer's typed front end for callers that know they hold a binary writer: they
@@ -114,11 +122,14 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
  protected:
   using ETypePrefix = impl::ETypePrefix;
 
-  // Finishes and releases an open value stream. Every element operation calls this first.
+  // Every operation calls this first: it finishes and releases an open value stream, and
+  // refuses to go on once the output is incomplete. The common case is one test.
   void finalize_previous_element() {
-    if (open_stream_) [[unlikely]]
-      finalize_binary_writer_stream();
+    if (pending_ != 0) [[unlikely]]
+      settle();
   }
+  // Called by a concrete writer when its output stream threw: the output is incomplete.
+  void mark_output_failed() noexcept;
   // The tag and length field of a whole string or binary of `length` bytes.
   void write_binary_tag_aux(ETypePrefix prefix, unsigned length);
   void write_binary_aux(ETypePrefix prefix, void const* data, unsigned size);
@@ -173,24 +184,25 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
     }
   }
 
-  bool has_open_sequences() const noexcept { return !sequences_.empty(); }
+  bool has_open_sequences() const noexcept { return scopes_.open_sequences() != 0; }
 
-  // Markers without a size, counted: the concrete writers' write_marker_start/end. `function`
-  // names the operation in the failure raised when no marker is open.
+  // Markers without a size: the concrete writers' write_marker_start/end. `function` names the
+  // operation in the failure raised when no marker is open.
   void start_counted_marker() {
     finalize_previous_element();
     write_marker_start_tag();
-    ++open_markers_;
+    scopes_.push_marker();
   }
   void end_counted_marker(char const* function) {
     finalize_previous_element();
-    if (open_markers_ == 0) [[unlikely]]
+    if (!scopes_.end_innermost_marker()) [[unlikely]]
       throw_no_marker_to_close(function);
-    --open_markers_;
     write_marker_end_tag();
   }
   [[noreturn]] static void throw_no_marker_to_close(char const* function);
-  unsigned open_markers_ = 0;
+
+  // The open sequences and markers, checked independently of each other.
+  impl::ScopeStack scopes_;
 
   // ---- Encoders: one element each, inline when the window has room ----
   void encode_bool(bool v) {
@@ -308,28 +320,27 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
     out_cur_ += 1 + width;
   }
   void write_sequence_start_slow(unsigned count_hint);
-  [[noreturn]] static void throw_no_sequence_for_separator();
-  [[noreturn]] static void throw_too_many_elements(unsigned count_hint);
-  [[noreturn]] static void throw_no_sequence_to_close();
-  [[noreturn]] static void throw_count_mismatch(unsigned count_hint, unsigned separators);
   void encode_signed_slow(std::int64_t v);
   void encode_unsigned_slow(std::uint64_t v);
   void encode_double_slow(double v);
 
  private:
-  struct SequenceEntry {
-    unsigned count_hint;
-    unsigned separators;
-  };
+  // Bits of pending_.
+  static constexpr std::uint8_t kStreamOpen = 1;
+  static constexpr std::uint8_t kOutputFailed = 2;
+  static impl::ScopeMessages const kScopeMessages;
 
+  void settle();
+  // source.read(), marking the output failed when it throws after the element has begun.
+  unsigned read_source(IReadStream& source, void* dest, unsigned size, bool element_begun);
   void write_chunk(ETypePrefix prefix, bool first, void const* data, unsigned size);
   void write_chunk_end(ETypePrefix prefix);
   void write_time(ETypePrefix prefix, std::int64_t count);
   void write_signed_wide(unsigned char const* image, unsigned size);
   void write_unsigned_wide(unsigned char const* image, unsigned size);
 
-  std::vector<SequenceEntry> sequences_;
-  zocore::RefCountPtr<BinaryStreamImpl> open_stream_;
+  impl::ValueStreamSlot stream_slot_;
+  std::uint8_t pending_ = 0;  // kStreamOpen | kOutputFailed
 
   friend class BinaryStreamImpl;
 };
@@ -351,7 +362,7 @@ inline void BinaryWriterBase::write_sequence_start(unsigned count_hint) {
   finalize_previous_element();
   if (count_hint < 8) {
     emit_byte(static_cast<unsigned char>(0xA0 | count_hint));
-    sequences_.push_back({count_hint, 0});
+    scopes_.push_sequence(count_hint);
   } else {
     write_sequence_start_slow(count_hint);
   }
@@ -359,24 +370,14 @@ inline void BinaryWriterBase::write_sequence_start(unsigned count_hint) {
 
 inline void BinaryWriterBase::write_sequence_separator() {
   finalize_previous_element();
-  if (sequences_.empty()) [[unlikely]]
-    throw_no_sequence_for_separator();
-  SequenceEntry& top = sequences_.back();
-  if (top.count_hint != 0 && top.separators >= top.count_hint - 1) [[unlikely]]
-    throw_too_many_elements(top.count_hint);
-  ++top.separators;
+  scopes_.add_separator_to_innermost_sequence(kScopeMessages);
   emit_byte(impl::kTagSequenceSeparator);
 }
 
 inline void BinaryWriterBase::write_sequence_end() {
   finalize_previous_element();
-  if (sequences_.empty()) [[unlikely]]
-    throw_no_sequence_to_close();
   // The sequence counts as closed even when the count check fails.
-  SequenceEntry const top = sequences_.back();
-  sequences_.pop_back();
-  if (top.count_hint != 0 && top.separators != top.count_hint - 1) [[unlikely]]
-    throw_count_mismatch(top.count_hint, top.separators);
+  scopes_.end_innermost_sequence(kScopeMessages);
   emit_byte(impl::kTagSequenceEnd);
 }
 

@@ -137,7 +137,7 @@ void MemoryWriter::flush() {
 }
 
 void MemoryWriter::close() {
-  if (open_markers_ != 0) {
+  if (open_markers() != 0) {
     zocore::throw_error(error::zoserialize_writer_marker_nesting,
                         "Attempt to close writer that has open markers",
                         here("zoserialize::MemoryWriter::close()"));

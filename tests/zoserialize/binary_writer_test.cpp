@@ -263,17 +263,47 @@ TEST(BinaryWriterTest, EveryWriteFailsOnceClosed) {
   }
 }
 
-TEST(BinaryWriterTest, StreamFailureIsReportedOnceAndNothingIsWrittenTwice) {
+// Once the stream has failed, the output lacks bytes it had accepted: every later operation,
+// close() and a held value stream included, refuses instead of reporting success.
+TEST(BinaryWriterTest, StreamFailureLeavesTheWriterFailed) {
+  constexpr char kIncomplete[] =
+      "Writer output is incomplete: its output stream or a source failed in the middle of an "
+      "element, so nothing more can be written";
   auto const sink = make_sink();
   sink->fail_at_write(0);
   BinaryWriter writer(sink, 4);
-  writer.write_null();
-  writer.write_null();
-  writer.write_null();
+  auto const value = writer.write_binary();
+  value->write("abc", 3);
   ZO_EXPECT_ERROR(writer.write_null(), zotest::test_stream_error, "Injected sink failure");
-  writer << true;
-  writer.close();
-  EXPECT_EQ(hex_writes(*sink), std::vector<std::string>{"11"});
+  ZO_EXPECT_ERROR(writer << true, zoserialize::error::zoserialize_writer_state, kIncomplete);
+  ZO_EXPECT_ERROR(value->write("d", 1), zoserialize::error::zoserialize_writer_state,
+                  "Binary stream writer object has already been closed");
+  ZO_EXPECT_ERROR(writer.close(), zoserialize::error::zoserialize_writer_state, kIncomplete);
+  EXPECT_TRUE(sink->writes().empty());
+}
+
+// A source that throws after the value's header went out leaves the writer failed; one that
+// throws before anything of the value was written leaves it usable.
+TEST(BinaryWriterTest, SourceFailureFailsTheWriterOnlyOnceTheValueHasBegun) {
+  for (bool const known_size : {true, false}) {
+    SCOPED_TRACE(known_size ? "size announced" : "size unknown");
+    auto const sink = make_sink();
+    BinaryWriter writer(sink, 0);
+    zotest::ByteSource source(std::string(5000, 'x'));
+    source.fail_at_call(known_size ? 1 : 0);
+    if (!known_size) source.unknown_size();
+    ZO_EXPECT_ERROR(writer.write_binary(source), zotest::test_stream_error,
+                    "Injected source failure");
+    if (known_size) {
+      ZO_EXPECT_ERROR(writer.write_null(), error::zoserialize_writer_state,
+                      "Writer output is incomplete: its output stream or a source failed in the "
+                      "middle of an element, so nothing more can be written");
+    } else {
+      writer.write_null();
+      writer.close();
+      EXPECT_EQ(sink->bytes(), zotest::bytes("00"));
+    }
+  }
 }
 
 // Value streams may be released on any thread while the writer finishes them on its own.
