@@ -106,7 +106,8 @@ class ZOSERIALIZE_API MemoryReader final : public BinaryReaderBase {
   // end).
   void open_window() const noexcept;
   void advance(unsigned n);
-  unsigned checked_calc_binary_block_size(int nibble);
+  // A plain payload's length against the bytes that remain, before anything of it is read.
+  void check_blob_length(unsigned length) const;
   // Reads the tag and the plain length of a payload, or walks its chunks; returns the range.
   InterfacePtr<IReadStream> read_payload_stream(int prefix);
   void copy_state_from(MemoryReader const& other);
