@@ -13,9 +13,13 @@ zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE
   return {function, kModuleId, line};
 }
 
+[[noreturn, gnu::cold]] void fail(zocore::ErrorCode const& code, char const* message,
+                                  char const* function) {
+  zocore::throw_error(code, message, here(function));
+}
+
 [[noreturn, gnu::cold]] void throw_detached(char const* function) {
-  zocore::throw_error(error::zoserialize_reader_state,
-                      "Reader has already been detached from stream", here(function));
+  fail(error::zoserialize_reader_state, "Reader has already been detached from stream", function);
 }
 
 [[noreturn, gnu::cold]] void throw_skipped_past_end(std::uint64_t marker_end,
@@ -168,9 +172,9 @@ BinaryReader::~BinaryReader() {
 }
 
 void BinaryReader::throw_closed_error() {
-  zocore::throw_error(error::zoserialize_reader_closed,
-                      "Cannot read from reader after it has been closed (source stream detached)",
-                      here("zoserialize::BinaryReader::throw_closed_error()"));
+  fail(error::zoserialize_reader_closed,
+       "Cannot read from reader after it has been closed (source stream detached)",
+       "zoserialize::BinaryReader::throw_closed_error()");
 }
 
 void BinaryReader::open_window() const noexcept {
@@ -355,9 +359,8 @@ void BinaryReader::read_marker_end() {
 
 void BinaryReader::close() {
   if (!markers_.empty()) {
-    zocore::throw_error(error::zoserialize_reader_marker_nesting,
-                        "Attempt to close reader with open markers",
-                        here("zoserialize::BinaryReader::close()"));
+    fail(error::zoserialize_reader_marker_nesting, "Attempt to close reader with open markers",
+         "zoserialize::BinaryReader::close()");
   }
   Reader::close();
   prepare_next();

@@ -15,6 +15,11 @@ zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE
   return {function, kModuleId, line};
 }
 
+[[noreturn, gnu::cold]] void fail(zocore::ErrorCode const& code, char const* message,
+                                  char const* function) {
+  zocore::throw_error(code, message, here(function));
+}
+
 using EToken = Reader::EToken;
 
 // next_token() by tag byte.
@@ -83,9 +88,8 @@ constexpr std::uint64_t kMaxSize32 = 0xFFFFFFFFu;
 }
 
 [[noreturn, gnu::cold]] void throw_quadruple_unsupported(char const* function) {
-  zocore::throw_error(error::zoserialize_reader_unsupported,
-                      "Reading of quadruple IEEE-754 marshaled representation not yet supported",
-                      here(function));
+  fail(error::zoserialize_reader_unsupported,
+       "Reading of quadruple IEEE-754 marshaled representation not yet supported", function);
 }
 
 [[noreturn, gnu::cold]] void throw_unknown_prefix(int tag, char const* function) {
@@ -97,8 +101,7 @@ constexpr std::uint64_t kMaxSize32 = 0xFFFFFFFFu;
 }
 
 [[noreturn, gnu::cold]] void throw_expecting_tag(char const* function) {
-  zocore::throw_error(error::zoserialize_reader_eof, "Unexpected end of data, expecting tag",
-                      here(function));
+  fail(error::zoserialize_reader_eof, "Unexpected end of data, expecting tag", function);
 }
 
 [[noreturn, gnu::cold]] void throw_sequence_error(zocore::ErrorCode const& code,
@@ -119,11 +122,6 @@ constexpr std::uint64_t kMaxSize32 = 0xFFFFFFFFu;
       .add("actualType", impl::type_prefix_name(static_cast<int>(tag)))
       .add("actualTag", tag)
       .throw_error(error::zoserialize_reader_data_type_mismatch, here(function));
-}
-
-[[noreturn, gnu::cold]] void throw_message(zocore::ErrorCode const& code, char const* message,
-                                           char const* function) {
-  zocore::throw_error(code, message, here(function));
 }
 
 [[noreturn, gnu::cold]] void throw_too_large_size() {
@@ -184,7 +182,7 @@ void BinaryReaderBase::skip_checked_slow(unsigned size) {
 
 int BinaryReaderBase::take_tag(bool available, int prefix, char const* eof_message,
                                char const* function) {
-  if (!available) throw_message(error::zoserialize_reader_eof, eof_message, function);
+  if (!available) fail(error::zoserialize_reader_eof, eof_message, function);
   unsigned char const tag = *in_cur_;
   if ((tag & 0xF0) != prefix) throw_type_mismatch(prefix, tag, function);
   ++in_cur_;
@@ -615,8 +613,8 @@ void BinaryReaderBase::finish_marker_end(bool sized, char const* function) {
   if (!sized) {
     skip_to_marker_end_tag();
   } else if (peek_next_tag() != impl::kTagMarkerEnd) [[unlikely]] {
-    throw_message(error::zoserialize_reader_marker_size,
-                  "Inconsistent marker size: no end tag at end position", function);
+    fail(error::zoserialize_reader_marker_size,
+         "Inconsistent marker size: no end tag at end position", function);
   }
   read_tag_check_type(0xB0);
 }
@@ -629,13 +627,12 @@ void BinaryReaderBase::skip_to_marker_end_tag() {
 }
 
 void BinaryReaderBase::throw_no_marker_open(char const* function) {
-  zocore::throw_error(error::zoserialize_reader_marker_mismatch, "No markers are currently open",
-                      here(function));
+  fail(error::zoserialize_reader_marker_mismatch, "No markers are currently open", function);
 }
 
 void BinaryReaderBase::throw_eof_in_marker(char const* function) {
-  zocore::throw_error(error::zoserialize_reader_eof,
-                      "Unexpected end of data in marker, expecting marker end tag", here(function));
+  fail(error::zoserialize_reader_eof, "Unexpected end of data in marker, expecting marker end tag",
+       function);
 }
 
 // ---- Skipping and copying ------------------------------------------------------------------

@@ -205,6 +205,8 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   impl::ScopeStack scopes_;
 
   // ---- Encoders: one element each, inline when the window has room ----
+  // Each form is encoded by one function into a 9-byte area: straight into the output window
+  // when it has that much room, else into a local buffer that the slow path emits.
   void encode_bool(bool v) {
     finalize_previous_element();
     emit_byte(v ? impl::kTagTrue : impl::kTagFalse);
@@ -212,7 +214,7 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   void encode_signed(std::int64_t v) {
     finalize_previous_element();
     if (window_room() >= kMaxInlineElement) [[likely]] {
-      put_signed(v);
+      out_cur_ = put_signed(out_cur_, v);
     } else {
       encode_signed_slow(v);
     }
@@ -220,7 +222,7 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   void encode_unsigned(std::uint64_t v) {
     finalize_previous_element();
     if (window_room() >= kMaxInlineElement) [[likely]] {
-      put_unsigned(v);
+      out_cur_ = put_unsigned(out_cur_, v);
     } else {
       encode_unsigned_slow(v);
     }
@@ -228,7 +230,7 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   void encode_double(double v) {
     finalize_previous_element();
     if (window_room() >= kMaxInlineElement) [[likely]] {
-      put_double(v);
+      out_cur_ = put_double(out_cur_, v);
     } else {
       encode_double_slow(v);
     }
@@ -252,46 +254,42 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   }
 
  private:
-  // A tag and up to 8 payload bytes: the inline encoders store 9 bytes at once.
+  // A tag and up to 8 payload bytes: the encoders store 9 bytes at once.
   static constexpr unsigned kMaxInlineElement = 9;
 
-  // The tag, then the low `width` bytes of v big-endian, as one 9-byte store (the window has
-  // room for it; only 1 + width bytes count).
-  void put_low_bytes(unsigned char tag, std::uint64_t v, unsigned width) noexcept {
-    out_cur_[0] = tag;
+  // The tag, then the low `width` bytes of v big-endian, as one 9-byte store at `out` (only
+  // 1 + width bytes count); returns the end of the element.
+  static unsigned char* put_low_bytes(unsigned char* out, unsigned char tag, std::uint64_t v,
+                                      unsigned width) noexcept {
+    out[0] = tag;
     std::uint64_t const be = impl::byte_swap(v << (64 - 8 * width));
-    std::memcpy(out_cur_ + 1, &be, sizeof be);
-    out_cur_ += 1 + width;
+    std::memcpy(out + 1, &be, sizeof be);
+    return out + 1 + width;
   }
-  void put_signed(std::int64_t v) noexcept {
+  static unsigned char* put_signed(unsigned char* out, std::int64_t v) noexcept {
     if (static_cast<std::uint64_t>(v) + 1 <= 2) {
-      *out_cur_++ = v == 0 ? 0x20 : v > 0 ? 0x21 : 0x22;
-    } else if (v == static_cast<std::int8_t>(v)) {
-      put_low_bytes(0x24, static_cast<std::uint64_t>(v), 1);
-    } else if (v == static_cast<std::int16_t>(v)) {
-      put_low_bytes(0x25, static_cast<std::uint64_t>(v), 2);
-    } else if (v == static_cast<std::int32_t>(v)) {
-      put_low_bytes(0x26, static_cast<std::uint64_t>(v), 4);
-    } else {
-      put_low_bytes(0x27, static_cast<std::uint64_t>(v), 8);
+      *out = v == 0 ? 0x20 : v > 0 ? 0x21 : 0x22;
+      return out + 1;
     }
+    auto const u = static_cast<std::uint64_t>(v);
+    if (v == static_cast<std::int8_t>(v)) return put_low_bytes(out, 0x24, u, 1);
+    if (v == static_cast<std::int16_t>(v)) return put_low_bytes(out, 0x25, u, 2);
+    if (v == static_cast<std::int32_t>(v)) return put_low_bytes(out, 0x26, u, 4);
+    return put_low_bytes(out, 0x27, u, 8);
   }
-  void put_unsigned(std::uint64_t v) noexcept {
+  static unsigned char* put_unsigned(unsigned char* out, std::uint64_t v) noexcept {
     if (v <= 1) {
-      *out_cur_++ = v == 0 ? 0x30 : 0x31;
-    } else if (v <= 0xFF) {
-      put_low_bytes(0x34, v, 1);
-    } else if (v <= 0xFFFF) {
-      put_low_bytes(0x35, v, 2);
-    } else if (v <= 0xFFFFFFFF) {
-      put_low_bytes(0x36, v, 4);
-    } else {
-      put_low_bytes(0x37, v, 8);
+      *out = v == 0 ? 0x30 : 0x31;
+      return out + 1;
     }
+    if (v <= 0xFF) return put_low_bytes(out, 0x34, v, 1);
+    if (v <= 0xFFFF) return put_low_bytes(out, 0x35, v, 2);
+    if (v <= 0xFFFFFFFF) return put_low_bytes(out, 0x36, v, 4);
+    return put_low_bytes(out, 0x37, v, 8);
   }
   // The shortest float form: the most significant bytes of the binary64 that are not all zero
   // beyond them.
-  void put_double(double v) noexcept {
+  static unsigned char* put_double(unsigned char* out, double v) noexcept {
     std::uint64_t bits;
     std::memcpy(&bits, &v, sizeof bits);
     auto const hi = static_cast<std::uint32_t>(bits >> 32);
@@ -300,13 +298,9 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
     if (static_cast<std::uint32_t>(bits) != 0) {
       tag = 0x47, width = 8;
     } else if ((hi & 0xFFFF) == 0) {
-      if (hi == 0) {
-        *out_cur_++ = 0x40;
-        return;
-      }
-      if ((hi & 0x7FFFFFFF) == 0x3FF00000) {
-        *out_cur_++ = (hi & 0x80000000) ? 0x42 : 0x41;
-        return;
+      if (hi == 0 || (hi & 0x7FFFFFFF) == 0x3FF00000) {
+        *out = hi == 0 ? 0x40 : (hi & 0x80000000) ? 0x42 : 0x41;
+        return out + 1;
       }
       tag = 0x44, width = 2;
     } else if ((hi & 0xFF) != 0) {
@@ -314,17 +308,18 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
     } else {
       tag = 0x45, width = 3;
     }
-    out_cur_[0] = tag;
+    out[0] = tag;
     std::uint64_t const be = impl::byte_swap(bits);
-    std::memcpy(out_cur_ + 1, &be, sizeof be);
-    out_cur_ += 1 + width;
+    std::memcpy(out + 1, &be, sizeof be);
+    return out + 1 + width;
   }
   void write_sequence_start_slow(unsigned count_hint);
   void encode_signed_slow(std::int64_t v);
   void encode_unsigned_slow(std::uint64_t v);
   void encode_double_slow(double v);
+  // Emits an element that an encoder put into `element` (tag first) up to `end`.
+  void emit_element(unsigned char const* element, unsigned char const* end);
 
- private:
   // Bits of pending_.
   static constexpr std::uint8_t kStreamOpen = 1;
   static constexpr std::uint8_t kOutputFailed = 2;

@@ -18,6 +18,11 @@ zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE
   return {function, kModuleId, line};
 }
 
+[[noreturn, gnu::cold]] void fail(zocore::ErrorCode const& code, char const* message,
+                                  char const* function) {
+  zocore::throw_error(code, message, here(function));
+}
+
 constexpr int kStringPrefix = impl::prefix_value(impl::ETypePrefix::String);
 constexpr int kBinaryPrefix = impl::prefix_value(impl::ETypePrefix::Binary);
 constexpr int kMarkerPrefix = impl::prefix_value(impl::ETypePrefix::Marker);
@@ -157,9 +162,9 @@ MemoryReader::MemoryReader(MemoryReader&& other) noexcept : BinaryReaderBase() {
 MemoryReader& MemoryReader::operator=(MemoryReader const& other) {
   if (this == &other) return *this;
   if (!markers_.empty() || has_open_sequences()) {
-    zocore::throw_error(error::zoserialize_reader,
-                        "Cannot assign to a reader that has open read marker or sequences",
-                        here("zoserialize::MemoryReader::operator=()"));
+    fail(error::zoserialize_reader,
+         "Cannot assign to a reader that has open read marker or sequences",
+         "zoserialize::MemoryReader::operator=()");
   }
   copy_state_from(other);
   return *this;

@@ -13,6 +13,11 @@ zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE
   return {function, kModuleId, line};
 }
 
+[[noreturn, gnu::cold]] void fail(zocore::ErrorCode const& code, char const* message,
+                                  char const* function) {
+  zocore::throw_error(code, message, here(function));
+}
+
 }  // namespace
 
 // The output window is the free room of the list's last chunk, open only while the writer is
@@ -41,9 +46,8 @@ MemoryWriter::~MemoryWriter() {
 }
 
 void MemoryWriter::throw_closed_error() {
-  zocore::throw_error(error::zoserialize_writer_closed,
-                      "Cannot write to MemoryWriter, it has already been closed",
-                      here("zoserialize::MemoryWriter::impl_write()"));
+  fail(error::zoserialize_writer_closed, "Cannot write to MemoryWriter, it has already been closed",
+       "zoserialize::MemoryWriter::impl_write()");
 }
 
 void MemoryWriter::sync_window() noexcept {
@@ -138,9 +142,8 @@ void MemoryWriter::flush() {
 
 void MemoryWriter::close() {
   if (open_markers() != 0) {
-    zocore::throw_error(error::zoserialize_writer_marker_nesting,
-                        "Attempt to close writer that has open markers",
-                        here("zoserialize::MemoryWriter::close()"));
+    fail(error::zoserialize_writer_marker_nesting, "Attempt to close writer that has open markers",
+         "zoserialize::MemoryWriter::close()");
   }
   BinaryWriterBase::close();
   if (list_) drop_window();
@@ -155,9 +158,9 @@ MemoryListPtr MemoryWriter::close_and_detach_memory_list() {
 void MemoryWriter::clear() {
   finalize_previous_element();
   if (!is_complete()) {
-    zocore::throw_error(error::zoserialize_writer_incomplete,
-                        "Cannot clear writer when there are open sequences or markers",
-                        here("zoserialize::MemoryWriter::clear()"));
+    fail(error::zoserialize_writer_incomplete,
+         "Cannot clear writer when there are open sequences or markers",
+         "zoserialize::MemoryWriter::clear()");
   }
   if (!list_) {
     list_ = MemoryList::create();
@@ -182,9 +185,9 @@ MemoryListPtr MemoryWriter::memory_list() {
 LinearReader MemoryWriter::create_raw_reader() {
   finalize_previous_element();
   if (!is_complete()) {
-    zocore::throw_error(error::zoserialize_writer_incomplete,
-                        "Cannot create reader from a writer while it has open sequences or markers",
-                        here("zoserialize::MemoryWriter::create_raw_reader()"));
+    fail(error::zoserialize_writer_incomplete,
+         "Cannot create reader from a writer while it has open sequences or markers",
+         "zoserialize::MemoryWriter::create_raw_reader()");
   }
   if (!list_) return LinearReader();
   drop_window();
