@@ -59,6 +59,7 @@ void MemoryWriter::sync_window() noexcept {
 }
 
 void MemoryWriter::drop_window() noexcept {
+  if (out_end_ == nullptr) return;  // no window: nothing to fold in
   sync_window();
   out_cur_ = out_end_ = window_start_ = nullptr;
 }
@@ -182,15 +183,19 @@ MemoryListPtr MemoryWriter::memory_list() {
   return list_;
 }
 
-LinearReader MemoryWriter::create_raw_reader() {
-  finalize_previous_element();
+LinearReader MemoryWriter::create_raw_reader() const {
+  // Finishing the open value and folding the output window into the list leave the written
+  // content as it is. A writer defined const has neither (both need non-const calls), so
+  // nothing is written to it then.
+  auto& self = const_cast<MemoryWriter&>(*this);
+  self.finalize_previous_element();
   if (!is_complete()) {
     fail(error::zoserialize_writer_incomplete,
          "Cannot create reader from a writer while it has open sequences or markers",
          "zoserialize::MemoryWriter::create_raw_reader()");
   }
   if (!list_) return LinearReader();
-  drop_window();
+  self.drop_window();
   return list_->reader();
 }
 

@@ -59,8 +59,9 @@ class ZOSERIALIZE_API MemoryWriter final : public BinaryWriterBase {
   // before it writes again (copy-on-write), so the caller's list never changes. An open value
   // stream is not finished.
   MemoryListPtr memory_list();
-  // A sequential reader over the list; fails when sequences or markers are open.
-  LinearReader create_raw_reader();
+  // A sequential reader over the list; fails when sequences or markers are open. An open value
+  // stream is finished first: that changes nothing of what the writer has written.
+  LinearReader create_raw_reader() const;
   // A memory reader over what has been written (an open value stream is finished first).
   MemoryReader reader();
 

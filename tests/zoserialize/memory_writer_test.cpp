@@ -2,6 +2,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -120,7 +121,7 @@ TEST(MemoryWriterTest, ReadersFinishAnOpenValueStreamAndMarkersCarryNoSize) {
   ZO_EXPECT_ERROR(stream->write("d", 1), error::zoserialize_writer_state,
                   "Binary stream writer object has already been closed");
   writer.write_binary()->write("xy", 2);
-  auto raw = writer.create_raw_reader();
+  auto raw = std::as_const(writer).create_raw_reader();
   writer.write_marker_start();
   writer.write_marker_end();
   EXPECT_EQ(hex_written(writer), "52 61 62 92 78 79 B0 BF");
