@@ -232,10 +232,11 @@ class ZOSERIALIZE_API MemoryListBase : public zocore::RefCounted<Counter>, publi
 
   // Drops the first n bytes; the write position moves down by n (not below 0).
   void erase_front(unsigned n);
-  // Growing exposes whatever bytes the chunks hold behind the old end; the write position is
-  // kept. Shrinking moves a write position beyond the new end to the end.
+  // Growing exposes zero bytes (chunks hold whatever was written last, or nothing written at
+  // all); the write position is kept. Shrinking moves a write position beyond the new end to the
+  // end.
   void resize(unsigned size);
-  // resize(size), or for npos: extends the last segment over all free room of its chunk.
+  // resize(size), or for npos: extends the last segment over all free room of its chunk (zeroed).
   void resize_to_chunk_boundary(unsigned size);
   void clear() noexcept;
 
@@ -825,8 +826,9 @@ void MemoryListBase<S, F, C, A>::resize(unsigned size) {
       // A shared last chunk is copied first: its room may be claimed by the other holders.
       S& last = segments_.back();
       unsigned room = 0;
-      last.get_append_write_ptr(&room);
+      value_type* const exposed = last.get_append_write_ptr(&room);
       unsigned const m = std::min(room, missing);
+      std::memset(exposed, 0, m);
       last.commit_append_write(m);
       size_ += m;
       missing -= m;
@@ -834,6 +836,7 @@ void MemoryListBase<S, F, C, A>::resize(unsigned size) {
     while (missing != 0) {
       ChunkPtr chunk = new_chunk(missing);
       unsigned const m = std::min(missing, chunk->size());
+      std::memset(chunk->data(), 0, m);
       drop_empty_tail();
       segments_.push_back(S(std::move(chunk), 0, m));
       size_ += m;
@@ -866,8 +869,9 @@ void MemoryListBase<S, F, C, A>::resize_to_chunk_boundary(unsigned size) {
   unsigned const old_position = write_.position;
   S& last = segments_.back();
   unsigned room = 0;
-  last.get_append_write_ptr(&room);
+  value_type* const exposed = last.get_append_write_ptr(&room);
   room = std::min(room, kMaxSize - size_);
+  std::memset(exposed, 0, room);
   last.commit_append_write(room);
   size_ += room;
   write_seek(old_position);
