@@ -70,6 +70,12 @@ class BinaryReader::BinaryStreamImpl : public BinaryStreamImplBase {
   BinaryStreamImpl(BinaryReader* reader, unsigned length) noexcept
       : BinaryStreamImplBase(reader), remaining_(length) {}
 
+  // Serves the next payload: only for a stream nobody but its reader holds any more.
+  void reopen(BinaryReader* reader, unsigned length) noexcept {
+    reader_ = reader;
+    remaining_ = length;
+  }
+
   unsigned read(void* data, unsigned size) override {
     static constexpr char kFunction[] = "zoserialize::BinaryReader::BinaryStreamImpl::read()";
     reader(kFunction);
@@ -95,7 +101,7 @@ class BinaryReader::BinaryStreamImpl : public BinaryStreamImplBase {
 
   void close() override {
     reader("zoserialize::BinaryReader::BinaryStreamImpl::close()");
-    skip(remaining_);
+    if (remaining_ != 0) skip(remaining_);
     reader_ = nullptr;
   }
 
@@ -302,8 +308,13 @@ InterfacePtr<IReadStream> BinaryReader::create_payload_stream(int prefix) {
   if (!header.chunked) {
     if (is_string) {
       stream.reset(new impl::Utf8ValidatingStreamImpl<BinaryStreamImpl>(this, header.length));
+    } else if (spare_ && spare_->is_unique()) {
+      // The last binary's stream, which its caller has released: no allocation per payload.
+      spare_->reopen(this, header.length);
+      stream = spare_;
     } else {
-      stream.reset(new BinaryStreamImpl(this, header.length));
+      spare_.reset(new BinaryStreamImpl(this, header.length));
+      stream = spare_;
     }
   } else if (is_string) {
     stream.reset(
@@ -328,7 +339,7 @@ InterfacePtr<IReadStream> BinaryReader::read_binary() {
 
 // ---- Markers -------------------------------------------------------------------------------
 
-void BinaryReader::read_marker_start() {
+void BinaryReader::read_marker_start_slow() {
   prepare_next();
   std::uint64_t const start = position();
   unsigned const size = read_marker_start_tag();
@@ -339,7 +350,7 @@ bool BinaryReader::read_marker_is_end() {
   return marker_end_is_next(!markers_.empty(), "zoserialize::BinaryReader::read_marker_is_end()");
 }
 
-void BinaryReader::read_marker_end() {
+void BinaryReader::read_marker_end_slow() {
   static constexpr char kFunction[] = "zoserialize::BinaryReader::read_marker_end()";
   bool sized = false;
   if (!marker_end_is_next_or_fail(!markers_.empty(), kFunction)) {

@@ -411,29 +411,6 @@ bool BinaryReaderBase::read_next_chunk_header(int prefix, unsigned& length, char
   return true;
 }
 
-void BinaryReaderBase::read_string_value(std::string& out) {
-  if (in_cur_ != in_end_) {
-    unsigned char const tag = *in_cur_;
-    unsigned const window = window_size();
-    unsigned header = 0;
-    unsigned length = 0;
-    if (tag >= 0x50 && tag <= 0x57) {
-      header = 1, length = tag & 0x0F;
-    } else if (tag == 0x58 && window >= 2) {
-      header = 2, length = in_cur_[1];
-    } else if (tag == 0x59 && window >= 3) {
-      header = 3, length = impl::load_big_endian<std::uint16_t>(in_cur_ + 1);
-    }
-    if (header != 0 && header + length <= window) {
-      current_tag_ = tag;
-      out.assign(reinterpret_cast<char const*>(in_cur_ + header), length);
-      in_cur_ += header + length;
-      return;
-    }
-  }
-  read_string_slow(out);
-}
-
 void BinaryReaderBase::read_string_slow(std::string& out) {
   static constexpr char kFunction[] = "zoserialize::BinaryReaderBase::read_large_string_aux()";
   PayloadHeader const header = read_payload_header(0x50, kFunction);
@@ -531,7 +508,7 @@ void BinaryReaderBase::skip_binary_aux(int prefix, unsigned nibble) {
 
 // ---- Sequences -----------------------------------------------------------------------------
 
-unsigned BinaryReaderBase::read_sequence_start() {
+unsigned BinaryReaderBase::read_sequence_start_slow() {
   unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0xA0));
   unsigned hint;
   if (nibble < 8) {
@@ -546,7 +523,7 @@ unsigned BinaryReaderBase::read_sequence_start() {
   return hint;
 }
 
-bool BinaryReaderBase::read_sequence_next() {
+bool BinaryReaderBase::read_sequence_next_slow() {
   if (sequences_.empty()) [[unlikely]] {
     throw_sequence_error(error::zoserialize_reader_sequence_nesting,
                          "Attempt to advance to next element in sequence but no sequence is open",

@@ -10,6 +10,7 @@
 #include <zocore/source_location.h>
 #include <zoserialize/binary_encoding.h>
 #include <zoserialize/export.h>
+#include <zoserialize/impl/byte_order.h>
 #include <zoserialize/reader.h>
 
 namespace zoserialize {
@@ -313,7 +314,28 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
   }
 
   // A string by value; short strings whose bytes are in the window are copied at once.
-  void read_string_value(std::string& out);
+  void read_string_value(std::string& out) {
+    if (in_cur_ != in_end_) [[likely]] {
+      unsigned char const tag = *in_cur_;
+      unsigned header = 0;
+      unsigned length = 0;
+      if (tag >= 0x50 && tag <= 0x57) {
+        header = 1, length = tag & 0x0Fu;
+      } else if (tag == 0x58 && window_size() >= 2) {
+        header = 2, length = in_cur_[1];
+      }
+      if (header != 0 && header + length <= window_size()) [[likely]] {
+        current_tag_ = tag;
+        // Strings read again and again keep their capacity: append to an empty one copies
+        // without the checks of assign.
+        out.clear();
+        out.append(reinterpret_cast<char const*>(in_cur_ + header), length);
+        in_cur_ += header + length;
+        return;
+      }
+    }
+    read_string_slow(out);
+  }
   // For readers that can be copied: takes over (or drops) the open sequence records.
   void copy_sequences_from(BinaryReaderBase const& other) { sequences_ = other.sequences_; }
   void clear_sequences() noexcept { sequences_.clear(); }
@@ -338,6 +360,8 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
   void read_integer_payload(unsigned char* out, unsigned size, unsigned width, bool is_signed,
                             char const* function);
   bool read_bool_slow();
+  unsigned read_sequence_start_slow();
+  bool read_sequence_next_slow();
   double read_double_slow();
   void read_string_slow(std::string& out);
   // A whole string's length field against the known rest of the data and the by-value limit.
@@ -348,5 +372,45 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
 
   std::vector<SequenceEntry> sequences_;
 };
+
+// The structural reads are small and frequent: their common forms are decoded here, inline for
+// callers holding a concrete reader; everything else (and every failure) is out of line.
+
+inline unsigned BinaryReaderBase::read_sequence_start() {
+  if (in_cur_ != in_end_ && (*in_cur_ & 0xF8) == 0xA0) [[likely]] {
+    current_tag_ = *in_cur_++;
+    unsigned const hint = current_tag_ & 0x07u;
+    sequences_.push_back({hint, 0});
+    return hint;
+  }
+  return read_sequence_start_slow();
+}
+
+inline bool BinaryReaderBase::read_sequence_next() {
+  if (!sequences_.empty() && in_cur_ != in_end_) [[likely]] {
+    SequenceEntry& top = sequences_.back();
+    unsigned char const tag = *in_cur_;
+    if (top.elements == 0) {
+      if (tag != impl::kTagSequenceEnd) {
+        top.elements = 1;
+        return true;
+      }
+    } else if (tag == impl::kTagSequenceSeparator) {
+      if (top.count_hint == 0 || top.elements < top.count_hint) {
+        current_tag_ = tag;
+        ++in_cur_;
+        ++top.elements;
+        return true;
+      }
+    } else if (tag == impl::kTagSequenceEnd &&
+               (top.count_hint == 0 || top.count_hint == top.elements)) {
+      current_tag_ = tag;
+      ++in_cur_;
+      sequences_.pop_back();
+      return false;
+    }
+  }
+  return read_sequence_next_slow();
+}
 
 }  // namespace zoserialize

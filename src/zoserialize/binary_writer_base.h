@@ -13,6 +13,7 @@
 #include <zocore/stream.h>
 #include <zoserialize/binary_encoding.h>
 #include <zoserialize/export.h>
+#include <zoserialize/impl/byte_order.h>
 #include <zoserialize/impl/scope_stack.h>
 #include <zoserialize/impl/value_stream_base.h>
 #include <zoserialize/writer.h>
@@ -235,21 +236,23 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
       encode_double_slow(v);
     }
   }
-  void encode_string(char const* data, unsigned size) {
+  void encode_string(char const* data, unsigned size) { encode_payload(0x50, data, size); }
+  // A string or binary given whole (`tag` 0x50 or 0x90): short ones (1-byte length at most)
+  // whose bytes fit the window go in directly.
+  void encode_payload(unsigned char tag, void const* data, unsigned size) {
     finalize_previous_element();
-    // Short strings (1-byte length at most) whose bytes fit the window go in directly.
     if (size <= 0xFF && size + 2 <= window_room()) [[likely]] {
       if (size < 8) {
-        *out_cur_++ = static_cast<unsigned char>(0x50 | size);
+        *out_cur_++ = static_cast<unsigned char>(tag | size);
       } else {
-        out_cur_[0] = 0x58;
+        out_cur_[0] = static_cast<unsigned char>(tag | 8);
         out_cur_[1] = static_cast<unsigned char>(size);
         out_cur_ += 2;
       }
-      if (size != 0) std::memcpy(out_cur_, data, size);
+      impl::copy_short(out_cur_, data, size);
       out_cur_ += size;
     } else {
-      write_binary_aux(ETypePrefix::String, data, size);
+      write_binary_aux(static_cast<ETypePrefix>(tag), data, size);
     }
   }
 
@@ -349,8 +352,7 @@ inline void BinaryWriterBase::write_null() {
 }
 
 inline void BinaryWriterBase::write_binary(void const* data, unsigned size) {
-  finalize_previous_element();
-  write_binary_aux(ETypePrefix::Binary, data, size);
+  encode_payload(0x90, data, size);
 }
 
 inline void BinaryWriterBase::write_sequence_start(unsigned count_hint) {

@@ -63,6 +63,13 @@ class MemoryReader::BinaryStreamImpl final : public IReadStream,
   BinaryStreamImpl(ConstMemoryListPtr list, MemoryListCursor const& cursor, unsigned length)
       : list_(std::move(list)), cursor_(cursor), remaining_(length) {}
 
+  // Serves the next payload: only for a stream nobody but its reader holds any more.
+  void reopen(ConstMemoryListPtr const& list, MemoryListCursor const& cursor, unsigned length) {
+    if (list_ != list) list_ = list;
+    cursor_ = cursor;
+    remaining_ = length;
+  }
+
   unsigned read(void* data, unsigned size) override {
     unsigned const n = size < remaining_ ? size : remaining_;
     if (n == 0) return 0;
@@ -219,11 +226,22 @@ void MemoryReader::open_window() const noexcept {
 void MemoryReader::sync() const noexcept {
   auto const n = static_cast<unsigned>(in_cur_ - mark_);
   if (n == 0) return;
+  if (in_cur_ != in_end_) {
+    // Still inside the cursor's segment: the window stays as it is.
+    cursor_.offset += n;
+    cursor_.position += n;
+    mark_ = in_cur_;
+    return;
+  }
   list_->cursor_advance(cursor_, n);
   open_window();
 }
 
 void MemoryReader::advance(unsigned n) {
+  if (n < window_size()) {
+    in_cur_ += n;
+    return;
+  }
   sync();
   list_->cursor_advance(cursor_, n);
   open_window();
@@ -302,9 +320,14 @@ InterfacePtr<IReadStream> MemoryReader::read_payload_stream(int prefix) {
       validate_range(*list_, cursor_, header.length, validator);
       validator.finish();
     }
-    auto stream = zocore::make_ref_counted<BinaryStreamImpl>(list_, cursor_, header.length);
+    if (spare_ && spare_->is_unique()) {
+      // The last payload's stream, which its caller has released: no allocation per payload.
+      spare_->reopen(list_, cursor_, header.length);
+    } else {
+      spare_ = zocore::make_ref_counted<BinaryStreamImpl>(list_, cursor_, header.length);
+    }
     advance(header.length);
-    return InterfacePtr<IReadStream>(stream);
+    return InterfacePtr<IReadStream>(spare_);
   }
   sync();
   MemoryListCursor const first = cursor_;
@@ -369,7 +392,7 @@ MemoryListPtr MemoryReader::read_binary_as_memory_list() {
 
 // ---- Markers -------------------------------------------------------------------------------
 
-void MemoryReader::read_marker_start() {
+void MemoryReader::read_marker_start_slow() {
   unsigned const size = read_marker_start_tag();
   if (size > remaining()) [[unlikely]] {
     throw_beyond_data(
@@ -385,7 +408,7 @@ bool MemoryReader::read_marker_is_end() {
   return marker_end_is_next(!markers_.empty(), "zoserialize::MemoryReader::read_marker_is_end()");
 }
 
-void MemoryReader::read_marker_end() {
+void MemoryReader::read_marker_end_slow() {
   static constexpr char kFunction[] = "zoserialize::MemoryReader::read_marker_end()";
   bool sized = false;
   if (!marker_end_is_next_or_fail(!markers_.empty(), kFunction)) {
