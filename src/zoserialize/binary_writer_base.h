@@ -76,7 +76,7 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   class BinaryStreamImpl;
 
   // Markers opened with write_marker_start() and not yet ended.
-  unsigned open_markers() const noexcept { return scopes_.open_markers(); }
+  unsigned open_markers() const noexcept { return open_markers_; }
 
   // ---- Inline front end ----
   // Shadows of Writer's typed front end for callers that know they hold a binary writer: they
@@ -185,25 +185,29 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
     }
   }
 
-  bool has_open_sequences() const noexcept { return scopes_.open_sequences() != 0; }
+  bool has_open_sequences() const noexcept { return !scopes_.empty(); }
+  bool is_complete() const noexcept { return scopes_.empty() && open_markers_ == 0; }
 
   // Markers without a size: the concrete writers' write_marker_start/end. `function` names the
-  // operation in the failure raised when no marker is open.
+  // operation in the failure raised when no marker is open. Markers and sequences are checked
+  // independently of each other, so markers are only counted.
   void start_counted_marker() {
     finalize_previous_element();
     write_marker_start_tag();
-    scopes_.push_marker();
+    ++open_markers_;
   }
   void end_counted_marker(char const* function) {
     finalize_previous_element();
-    if (!scopes_.end_innermost_marker()) [[unlikely]]
+    if (open_markers_ == 0) [[unlikely]]
       throw_no_marker_to_close(function);
+    --open_markers_;
     write_marker_end_tag();
   }
   [[noreturn]] static void throw_no_marker_to_close(char const* function);
 
-  // The open sequences and markers, checked independently of each other.
+  // The open sequences (the markers are counted apart).
   impl::ScopeStack scopes_;
+  unsigned open_markers_ = 0;
 
   // ---- Encoders: one element each, inline when the window has room ----
   // Each form is encoded by one function into a 9-byte area: straight into the output window

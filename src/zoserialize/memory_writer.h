@@ -54,7 +54,8 @@ class ZOSERIALIZE_API MemoryWriter final : public BinaryWriterBase {
   // Fails when sequences or markers are open (nothing changes then); otherwise empties the list
   // (or, when it is shared, starts a new one) and reopens a closed writer.
   void clear();
-  bool is_complete() const noexcept { return scopes_.empty(); }
+  // True when no marker and no sequence is open.
+  using BinaryWriterBase::is_complete;
   // The list written so far (null once detached), shared with the caller: the writer copies it
   // before it writes again (copy-on-write), so the caller's list never changes. An open value
   // stream is not finished.
