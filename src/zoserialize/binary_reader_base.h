@@ -8,8 +8,8 @@
 #include <vector>
 
 #include <zocore/source_location.h>
-#include <zoserialize/binary_encoding.h>
 #include <zoserialize/export.h>
+#include <zoserialize/impl/binary_encoding.h>
 #include <zoserialize/impl/byte_order.h>
 #include <zoserialize/reader.h>
 

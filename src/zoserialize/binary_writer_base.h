@@ -11,8 +11,8 @@
 #include <zocore/ref_count_ptr.h>
 #include <zocore/ref_counted.h>
 #include <zocore/stream.h>
-#include <zoserialize/binary_encoding.h>
 #include <zoserialize/export.h>
+#include <zoserialize/impl/binary_encoding.h>
 #include <zoserialize/impl/byte_order.h>
 #include <zoserialize/impl/scope_stack.h>
 #include <zoserialize/impl/value_stream_base.h>

@@ -2,7 +2,7 @@
 // memory readers' chunked streams.
 #pragma once
 
-#include <zoserialize/binary_encoding.h>
+#include <zoserialize/impl/binary_encoding.h>
 
 namespace zoserialize::impl {
 
