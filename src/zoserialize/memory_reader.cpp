@@ -25,7 +25,6 @@ zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE
 
 constexpr int kStringPrefix = impl::prefix_value(impl::ETypePrefix::String);
 constexpr int kBinaryPrefix = impl::prefix_value(impl::ETypePrefix::Binary);
-constexpr int kMarkerPrefix = impl::prefix_value(impl::ETypePrefix::Marker);
 
 // Validates [cursor, cursor + length) of `list` as the next piece of a UTF-8 text.
 void validate_range(MemoryListBaseType const& list, MemoryListCursor const& cursor, unsigned length,
