@@ -101,25 +101,24 @@ void MemoryWriter::clone_for_write_aux() {
 }
 
 void MemoryWriter::impl_write_byte(unsigned char byte) {
-  if (!list_ || closed_) throw_closed_error();
-  drop_window();
-  make_unique_for_write();
-  if (last_chunk_is_shared()) [[unlikely]] {
-    append_to_new_chunk(&byte, 1);
-  } else {
-    list_->push_back(static_cast<char>(byte));
-  }
-  open_window();
+  impl_write(&byte, 1);
 }
 
 void MemoryWriter::impl_write(void const* data, unsigned size) {
   if (!list_ || closed_) throw_closed_error();
   drop_window();
-  make_unique_for_write();
-  if (last_chunk_is_shared()) [[unlikely]] {
-    append_to_new_chunk(static_cast<unsigned char const*>(data), size);
-  } else {
-    list_->append(static_cast<char const*>(data), size);
+  try {
+    make_unique_for_write();
+    if (last_chunk_is_shared()) [[unlikely]] {
+      append_to_new_chunk(static_cast<unsigned char const*>(data), size);
+    } else {
+      list_->append(static_cast<char const*>(data), size);
+    }
+  } catch (...) {
+    // The list refused to grow (its size limit, or no memory) in the middle of an element: what
+    // it holds cannot be read back.
+    mark_output_failed();
+    throw;
   }
   open_window();
 }

@@ -1,4 +1,5 @@
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -318,6 +319,22 @@ TEST(MemoryWriterTest, RestOfAReaderBecomesOneSizedMarker) {
   part.write_memory_reader(contents);  // only its range
   part.write_memory_reader(own);       // a reader over the writer's own list
   EXPECT_EQ(hex_written(part), "21 24 02 B4 01 22 BF B4 02 24 02 BF");
+}
+
+// A source that throws after its value's header went out leaves the writer failed: every later
+// operation, close() included, refuses.
+TEST(MemoryWriterTest, SourceFailureInTheMiddleOfAValueLeavesTheWriterFailed) {
+  MemoryWriter writer;
+  zotest::ByteSource source(std::string(5000, 'x'));
+  source.fail_at_call(1);
+  ZO_EXPECT_ERROR(writer.write_binary(source), zotest::test_stream_error,
+                  "Injected source failure");
+  for (auto const& op : {std::function<void()>([&] { writer.write_null(); }),
+                         std::function<void()>([&] { writer.close(); })}) {
+    ZO_EXPECT_ERROR(op(), error::zoserialize_writer_state,
+                    "Writer output is incomplete: its output stream or a source failed in the "
+                    "middle of an element, so nothing more can be written");
+  }
 }
 
 // Snapshots taken from a writer are read, and their payload streams finished, on other threads
