@@ -88,14 +88,38 @@ TEST(ModuleRegistrationTest, RecordDescribesThisBuild) {
   EXPECT_NE(bytes.find("***VELD*MODULE*INFO*" + values[10] + "***\n" + xml), std::string::npos);
 }
 
-// A copy of the library file loaded with dlopen in a child process, with the variable set (even
-// empty: only its presence counts) or not. Checks the five lines on standard error; returns the
-// wait status.
+// The child process: the test binary started again with ZOTEST_MODULE_COPY loads that copy of
+// the library and exits before any test runs (a fresh process, so that AddressSanitizer can be
+// told that the second copy's globals are expected).
+int load_copy(char const* copy) {
+  std::string const xml = registered_xml();
+  // Registered before the copy loads, so it runs after the copy's unload step: the record is gone.
+  std::atexit([] { _exit(registered_xml() == "<none>" ? 0 : 20); });
+  void* const handle = dlopen(copy, RTLD_NOW | RTLD_LOCAL);
+  auto const copy_token_name = reinterpret_cast<std::string (*)(zoserialize::Reader::EToken)>(
+      handle ? dlsym(handle, "_ZN11zoserialize10token_nameB5cxx11ENS_6Reader6ETokenE") : nullptr);
+  // Both copies work, and the first copy's record stays while the second is loaded.
+  if (!copy_token_name || copy_token_name(zoserialize::Reader::EToken::Null) != "Null" ||
+      zoserialize::token_name(zoserialize::Reader::EToken::Uuid) != "Uuid" ||
+      registered_xml() != xml)
+    _exit(10);
+  std::exit(0);
+}
+
+int const child_entry = [] {
+  if (char const* copy = std::getenv("ZOTEST_MODULE_COPY")) load_copy(copy);
+  return 0;
+}();
+
+// A copy of the library file loaded in a child process, with the variable set (even empty: only
+// its presence counts) or not. Checks the five lines on standard error; returns the wait status.
 int load_copy_in_child(bool variable_set) {
   fs::path const copy =
       fs::temp_directory_path() / ("zoserialize-copy-" + std::to_string(getpid()));
   fs::copy_file(library_file(), copy, fs::copy_options::overwrite_existing);
   std::string const xml = registered_xml();
+  char const* const asan = std::getenv("ASAN_OPTIONS");
+  std::string const asan_options = std::string(asan ? asan : "") + ":detect_odr_violation=0";
   int fds[2];
   EXPECT_EQ(pipe(fds), 0);
   std::fflush(nullptr);
@@ -108,18 +132,10 @@ int load_copy_in_child(bool variable_set) {
     } else {
       unsetenv("VELD_MODULEREGISTRY_DONT_FAIL_ON_DUPLICATES");
     }
-    // Registered before the copy loads, so it runs after the copy's unload step: the record is
-    // gone.
-    std::atexit([] { _exit(registered_xml() == "<none>" ? 0 : 20); });
-    void* const handle = dlopen(copy.c_str(), RTLD_NOW | RTLD_LOCAL);
-    auto const copy_token_name = reinterpret_cast<std::string (*)(zoserialize::Reader::EToken)>(
-        handle ? dlsym(handle, "_ZN11zoserialize10token_nameB5cxx11ENS_6Reader6ETokenE") : nullptr);
-    // Both copies work, and the first copy's record stays while the second is loaded.
-    if (!copy_token_name || copy_token_name(zoserialize::Reader::EToken::Null) != "Null" ||
-        zoserialize::token_name(zoserialize::Reader::EToken::Uuid) != "Uuid" ||
-        registered_xml() != xml)
-      _exit(10);
-    std::exit(0);
+    setenv("ZOTEST_MODULE_COPY", copy.c_str(), 1);
+    setenv("ASAN_OPTIONS", asan_options.c_str(), 1);
+    execl("/proc/self/exe", "zoserialize_tests", nullptr);
+    _exit(127);
   }
   close(fds[1]);
   std::string err;
