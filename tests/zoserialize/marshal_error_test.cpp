@@ -100,7 +100,7 @@ TEST_P(MarshalErrorTest, EverythingRoundTripsIntact) {
 
 // A chain deeper than the limit is refused; one at the limit reads.
 TEST_P(MarshalErrorTest, ChainDepthIsLimited) {
-  auto const nested = [this](unsigned depth) {
+  auto const nested = [](unsigned depth) {
     ErrorPtr chain;
     for (unsigned i = 0; i < depth; ++i)
       chain = record("e", {}, {}, chain);
