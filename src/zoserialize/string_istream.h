@@ -44,7 +44,7 @@ class ZOSERIALIZE_API StringIStreamBuf : public std::streambuf {
 
   zocore::InterfacePtr<zocore::IReadStream> source_;
   bool eof_ = false;
-  char buffer_[putbackReserved + kBlockSize];
+  char buffer_[putbackReserved + kBlockSize] = {};
 };
 
 }  // namespace impl

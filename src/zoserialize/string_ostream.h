@@ -42,7 +42,7 @@ class ZOSERIALIZE_API StringOStreamBuf : public std::streambuf {
   void write_buffer();
 
   zocore::InterfacePtr<zocore::IWriteStream> sink_;
-  char buffer_[kBufferSize];
+  char buffer_[kBufferSize] = {};
 };
 
 }  // namespace impl
