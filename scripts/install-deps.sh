@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build ccache pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev
-  libmsgpack-cxx-dev
+  libmsgpack-cxx-dev libcereal-dev
   clang libclang-rt-14-dev
 )
 
