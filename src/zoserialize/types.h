@@ -107,6 +107,11 @@ class FieldWriter {
   W& writer_;
 };
 
+namespace impl {
+template <class R>
+[[gnu::always_inline]] inline bool marker_end_is_next(R& reader);
+}  // namespace impl
+
 // Reads the fields it is given, in order, until the record's marker ends; fields behind the end
 // are left untouched. Borrows the reader.
 template <class R>
@@ -117,7 +122,8 @@ class FieldReader {
   explicit FieldReader(R& reader) noexcept : reader_(reader) {}
   template <class... F>
   FieldReader& operator()(F&&... field) {
-    (read_field(field), ...);
+    // The fold stops at the first field that finds the marker's end.
+    if (!ended_) ended_ = !(read_field(field) && ...);
     return *this;
   }
   R& reader() const noexcept { return reader_; }
@@ -125,14 +131,13 @@ class FieldReader {
   bool ended() const noexcept { return ended_; }
 
  private:
+  // False, reading nothing, when the marker ends before the field.
   template <class F>
-  void read_field(F& field) {
-    if (ended_) return;
-    if (reader_.read_marker_is_end()) {
-      ended_ = true;
-      return;
-    }
+  [[gnu::always_inline]] bool read_field(F& field) {
+    if (impl::marker_end_is_next(reader_)) [[unlikely]]
+      return false;
     read_value(reader_, field);
+    return true;
   }
 
   R& reader_;
@@ -251,6 +256,30 @@ template <class V>
                    types_here("zoserialize::read_single_value()"));
 }
 
+// ---- The marker end check ----
+// Reading a record asks before every field whether its marker ends. Through Reader& that is the
+// virtual read_marker_is_end(). Inside an open marker a binary reader answers it by the next tag
+// alone, which its input window usually holds: the check looks there first, inline, and asks the
+// reader only when the window is empty. The binary readers offer no public inline form of this,
+// so the window is reached through member pointers formed in a derived class, which the language
+// allows for protected members. It saves an out-of-line call per field, most of the layer's cost.
+struct BinaryReaderPeek : BinaryReaderBase {
+  static constexpr unsigned char const* BinaryReaderBase::*kCur = &BinaryReaderPeek::in_cur_;
+  static constexpr unsigned char const* BinaryReaderBase::*kEnd = &BinaryReaderPeek::in_end_;
+};
+
+// Inside a marker the reader has just opened: whether its end comes next.
+template <class R>
+[[gnu::always_inline]] inline bool marker_end_is_next(R& reader) {
+  if constexpr (std::derived_from<R, BinaryReaderBase>) {
+    BinaryReaderBase const& binary = reader;
+    unsigned char const* const cur = binary.*BinaryReaderPeek::kCur;
+    if (cur != binary.*BinaryReaderPeek::kEnd) [[likely]]
+      return *cur == kTagMarkerEnd;
+  }
+  return reader.read_marker_is_end();
+}
+
 // ---- Type classification ----
 
 template <class T, class... U>
@@ -326,7 +355,7 @@ concept HasFixedUnderlyingType = requires {
 };
 
 template <class A, class T>
-void invoke_fields(A& archive, T& value) {
+inline void invoke_fields(A& archive, T& value) {
   if constexpr (HasMemberFields<T, A>) {
     value.fields(archive);
   } else {
@@ -340,7 +369,7 @@ struct dependent_false : std::false_type {};
 // ---- Helpers shared by the serializers ----
 
 template <class W>
-void write_sequence_start_for(W& w, std::size_t count) {
+inline void write_sequence_start_for(W& w, std::size_t count) {
   if (count <= 0xFFFFFFFFu) {
     w.write_sequence_start(static_cast<unsigned>(count));
   } else {
@@ -349,7 +378,7 @@ void write_sequence_start_for(W& w, std::size_t count) {
 }
 
 template <class W, class It>
-void write_range(W& w, std::size_t count, It it, It end) {
+inline void write_range(W& w, std::size_t count, It it, It end) {
   auto const write_element = [&w](It const& at) {
     if constexpr (std::is_same_v<std::iter_value_t<It>, bool>) {
       write_value(w, static_cast<bool>(*at));  // std::vector<bool> hands out proxies
@@ -369,7 +398,7 @@ void write_range(W& w, std::size_t count, It it, It end) {
 }
 
 template <class C>
-void reserve_from_hint(C& c, unsigned hint) {
+[[gnu::always_inline]] inline void reserve_from_hint(C& c, unsigned hint) {
   if constexpr (requires { c.reserve(std::size_t{}); }) {
     // Hash containers reserve buckets (a pointer each); vectors reserve elements.
     constexpr std::size_t per_element = requires(C & x) {
@@ -377,29 +406,52 @@ void reserve_from_hint(C& c, unsigned hint) {
     }
     ? sizeof(void*) : sizeof(typename C::value_type);
     constexpr std::size_t limit = std::max<std::size_t>(1, kReserveLimitBytes / per_element);
-    c.reserve(std::min<std::size_t>(hint, limit));
+    std::size_t const wanted = std::min<std::size_t>(hint, limit);
+    if constexpr (requires { c.capacity(); }) {
+      if (wanted > c.capacity()) c.reserve(wanted);
+    } else if (wanted > c.size()) {
+      c.reserve(wanted);
+    }
   }
 }
 
 template <class R, class C>
-void read_sequence_into(R& r, C& c) {
+inline void read_sequence_into(R& r, C& c) {
+  using T = typename C::value_type;
   unsigned const hint = r.read_sequence_start();
-  c.clear();
-  reserve_from_hint(c, hint);
-  while (r.read_sequence_next()) {
-    if constexpr (std::is_same_v<typename C::value_type, bool>) {
+  if constexpr (std::is_same_v<T, bool>) {
+    c.clear();
+    reserve_from_hint(c, hint);
+    while (r.read_sequence_next()) {
       bool b = false;  // std::vector<bool> hands out proxies, not bool&
       read_value(r, b);
       c.push_back(b);
-    } else {
-      read_value(r, c.emplace_back());
     }
+  } else if constexpr (is_front_end_v<T>) {
+    // Reading overwrites such a value whole, so the elements already there are reused, with
+    // the capacity of their strings, exactly as if they were fresh.
+    reserve_from_hint(c, hint);
+    auto at = c.begin();
+    while (r.read_sequence_next()) {
+      if (at != c.end()) {
+        read_value(r, *at++);
+      } else {
+        read_value(r, c.emplace_back());
+        at = c.end();
+      }
+    }
+    c.erase(at, c.end());
+  } else {
+    c.clear();
+    reserve_from_hint(c, hint);
+    while (r.read_sequence_next())
+      read_value(r, c.emplace_back());
   }
 }
 
 // Sets and maps: every element must add a key.
 template <class R, class C, class Element>
-void read_keyed_into(R& r, C& c) {
+inline void read_keyed_into(R& r, C& c) {
   unsigned const hint = r.read_sequence_start();
   c.clear();
   reserve_from_hint(c, hint);
@@ -434,7 +486,7 @@ void read_fixed_into(R& r, std::span<T, N> out) {
 }
 
 template <class W>
-void write_binary_bytes(W& w, void const* data, std::size_t size) {
+inline void write_binary_bytes(W& w, void const* data, std::size_t size) {
   if (size <= 0xFFFFFFFFu) [[likely]] {
     w.write_binary(data, static_cast<unsigned>(size));
     return;
@@ -454,27 +506,29 @@ void write_binary_bytes(W& w, void const* data, std::size_t size) {
 // byte-sized elements). The length a value announces is trusted only for the first piece, so
 // that a value cut short cannot make the reader allocate far ahead of the bytes that arrived.
 template <class R, class C>
-void read_binary_into(R& r, C& out) {
+inline void read_binary_into(R& r, C& out) {
   InterfacePtr<IReadStream> const stream = r.read_binary();
-  out.clear();
   unsigned const announced = stream->bytes_remaining();
-  bool const known = announced != IReadStream::kUnknownSize;
-  if (announced == 0) {
-    stream->close();
+  auto const bytes = [&out] { return reinterpret_cast<unsigned char*>(out.data()); };  // NOLINT
+  if (announced <= kBinaryFirstPieceMax) {
+    // Known and small: one piece, over the container's old bytes (no clearing first).
+    out.resize(announced);
+    out.resize(stream->read(bytes(), announced));
     return;
   }
-  std::size_t step = known ? std::min<std::size_t>(announced, kBinaryFirstPieceMax) : 4096;
+  out.clear();
+  bool const known = announced != IReadStream::kUnknownSize;
+  std::size_t step = known ? kBinaryFirstPieceMax : 4096;
   for (;;) {
     std::size_t const have = out.size();
     out.resize(have + step);
-    unsigned const got =
-        stream->read(reinterpret_cast<unsigned char*>(out.data()) + have,  // NOLINT: bytes
-                     static_cast<unsigned>(step));
+    unsigned const got = stream->read(bytes() + have, static_cast<unsigned>(step));
     out.resize(have + got);
     if (got < step || (known && have + got == announced)) break;
     step = std::min(have + got, kBinaryPieceMax);
   }
-  stream->close();
+  // The whole value has been read: the stream needs no close() (readers finish a value whose
+  // stream was dropped before they read on).
 }
 
 // ---- Times ----
@@ -854,7 +908,7 @@ struct Serializer<std::variant<T...>> {
   template <class R>
   static void read(R& r, V& value) {
     r.read_marker_start();
-    if (!r.read_marker_is_end()) {
+    if (!marker_end_is_next(r)) {
       unsigned long long const index = r.read_uint64();
       if (index >= sizeof...(T)) throw_variant_index(index, sizeof...(T));
       read_alternative(r, value, static_cast<std::size_t>(index), std::index_sequence_for<T...>{});
@@ -866,7 +920,7 @@ struct Serializer<std::variant<T...>> {
   template <class R, std::size_t I>
   static void read_as(R& r, V& value) {
     auto& alternative = value.template emplace<I>();
-    if (!r.read_marker_is_end()) read_value(r, alternative);
+    if (!marker_end_is_next(r)) read_value(r, alternative);
   }
   template <class R, std::size_t... I>
   static void read_alternative(R& r, V& value, std::size_t index, std::index_sequence<I...>) {

@@ -380,6 +380,26 @@ TEST_P(TypesEvolutionTest, NewerAndOlderRecordsReadEachOther) {
   EXPECT_EQ(reader->read_int32(), 43);
 }
 
+// The concrete binary readers check for a marker's end in their input window, and ask the
+// reader when the window is empty: both, with windows of every size.
+TEST(TypesTest, BinaryReadersEvolveRecordsAtEveryWindowSize) {
+  std::string const old_bytes = to_binary(std::vector<ItemV1>{{"a", {1, "p"}, {{2, "q"}}}});
+  std::string const new_bytes =
+      to_binary(std::vector<ItemV2>{{"b", {4, "s", 1.0, {"t"}}, {{5, "u", 0.5, {}}}, {}, {}}});
+  std::vector<ItemV2> const upgraded{{"a", {1, "p"}, {{2, "q"}}}};
+  std::vector<ItemV1> const downgraded{{"b", {4, "s"}, {{5, "u"}}}};
+  for (unsigned buffer : {1u, 3u, 4096u}) {
+    BinaryReader older{zocore::make_ref_counted<zocore::MemoryReadStream>(old_bytes), buffer};
+    BinaryReader newer{zocore::make_ref_counted<zocore::MemoryReadStream>(new_bytes), buffer};
+    EXPECT_EQ(read_value<std::vector<ItemV2>>(older), upgraded) << buffer;
+    EXPECT_EQ(read_value<std::vector<ItemV1>>(newer), downgraded) << buffer;
+  }
+  MemoryReader older(zotest::list_in_pieces(old_bytes, {1}));
+  MemoryReader newer(zotest::list_in_pieces(new_bytes, {1}));
+  EXPECT_EQ(read_value<std::vector<ItemV2>>(older), upgraded);
+  EXPECT_EQ(read_value<std::vector<ItemV1>>(newer), downgraded);
+}
+
 // Peak bytes held by containers that use Counting: a hostile count hint or length must not
 // make a reader allocate ahead of the data beyond a small constant.
 std::size_t g_live = 0;
