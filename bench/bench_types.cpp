@@ -185,13 +185,20 @@ void BM_RecordsEncode_MsgpackDefine(benchmark::State& state) {
 }
 BENCHMARK(BM_RecordsEncode_MsgpackDefine);
 
-// Unpacked whole (payloads copied into msgpack's zone, its default), then converted record by
-// record into the scratch.
-void BM_RecordsDecode_MsgpackDefine(benchmark::State& state) {
+std::string encode_msgpack_define() {
   msgpack::sbuffer buffer;
   msgpack::pack(buffer, standard_records());
-  run_records_decode(state, buffer.size(), [&](Record& scratch, auto&& on_record) {
-    msgpack::object_handle const handle = msgpack::unpack(buffer.data(), buffer.size());
+  return {buffer.data(), buffer.size()};
+}
+
+// Unpacked whole (payloads copied into msgpack's zone, its default), then converted record by
+// record into the scratch. Its speed depends on glibc's heap: unless glibc keeps freed memory
+// (GLIBC_TUNABLES=glibc.malloc.trim_threshold=1000000000), it may return the zone's memory to
+// the system after every run, and the next run pays page faults for it (docs/performance.md).
+void BM_RecordsDecode_MsgpackDefine(benchmark::State& state) {
+  std::string const bytes = encode_msgpack_define();
+  run_records_decode(state, bytes.size(), [&](Record& scratch, auto&& on_record) {
+    msgpack::object_handle const handle = msgpack::unpack(bytes.data(), bytes.size());
     msgpack::object const& root = handle.get();
     if (root.type != msgpack::type::ARRAY) throw msgpack::type_error();
     for (std::uint32_t i = 0; i < root.via.array.size; ++i) {
