@@ -650,6 +650,7 @@ struct Serializer {
     static_assert(HasFixedUnderlyingType<T> || HasEnumRange<T>,
                   "an enumeration without a fixed underlying type needs zoserialize_enum_range() "
                   "to be read: only the values of its enumerators' range are valid");
+    // NOLINTNEXTLINE(bugprone-signed-char-misuse): a number, not a character
     Wide min = static_cast<Wide>(std::numeric_limits<Narrow>::min());
     Wide max = static_cast<Wide>(std::numeric_limits<Narrow>::max());
     if constexpr (HasEnumRange<T>) {

@@ -407,11 +407,11 @@ struct Counting {
   template <class U>
   Counting(Counting<U> const&) noexcept {}  // NOLINT: allocators convert implicitly
   T* allocate(std::size_t n) {
-    g_peak = std::max(g_peak, g_live += n * sizeof(T));
+    g_peak = std::max(g_peak, g_live += n * sizeof(T));  // NOLINT(bugprone-sizeof-expression)
     return std::allocator<T>().allocate(n);
   }
   void deallocate(T* p, std::size_t n) noexcept {
-    g_live -= n * sizeof(T);
+    g_live -= n * sizeof(T);  // NOLINT(bugprone-sizeof-expression): T may be a pointer
     std::allocator<T>().deallocate(p, n);
   }
   friend bool operator==(Counting const&, Counting const&) = default;
@@ -457,13 +457,13 @@ TEST(TypesTest, FailuresOfTheLayerCarryTheirCodeMessageAndValues) {
     char const* message;
     Params params;
   };
-  auto reading = []<class T>(std::function<void(Writer&)> write, T* /*type*/) {
+  auto reading = []<class T>(std::function<void(Writer&)> const& write, T* /*type*/) {
     return [write](Format const& f) { static_cast<void>(read_value<T>(*f.read(f.write(write)))); };
   };
   auto writing = [](auto value) {
     return [value](Format const& f) { f.write([&](Writer& w) { write_value(w, value); }); };
   };
-  auto sequence = [](std::vector<std::function<void(Writer&)>> elements) {
+  auto sequence = [](std::vector<std::function<void(Writer&)>> const& elements) {
     return [elements](Writer& w) {
       WriteSequence seq(w, elements.size());
       for (auto const& element : elements)
