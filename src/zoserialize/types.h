@@ -976,8 +976,9 @@ void write_value(W& writer, T const& value) {
 }
 
 // Reads into `value`, by the same rules as write_value (a custom hook is zoserialize_read(reader,
-// value)). Containers are emptied first and get fresh, default-constructed elements; a record
-// keeps the fields the data does not hold as they were. The reader is borrowed.
+// value)). Containers are emptied first and get fresh, default-constructed elements (strings and
+// numbers are overwritten in place, to the same effect); a record keeps the fields the data does
+// not hold as they were. The reader is borrowed.
 template <ReaderType R, class T>
 void read_value(R& reader, T& value) {
   static_assert(!std::is_const_v<T>, "cannot read into a const object");
