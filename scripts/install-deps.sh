@@ -6,7 +6,8 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build ccache pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev
-  libmsgpack-cxx-dev libcereal-dev
+  libcereal-dev
+  libmsgpack-cxx-dev
   clang libclang-rt-14-dev
 )
 
