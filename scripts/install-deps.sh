@@ -6,6 +6,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build ccache pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev
+  libcereal-dev
   libmsgpack-cxx-dev
   liburiparser-dev
   clang libclang-rt-14-dev
