@@ -173,7 +173,7 @@ void Tokenizer::fail_char(char const* p, char const* function) const {
   char text[16];
   if (u[0] < 0x80 ||
       (available >= 3 && u[0] == 0xEF && u[1] == 0xBF && (u[2] == 0xBE || u[2] == 0xBF))) {
-    unsigned const code_point = u[0] < 0x80 ? u[0] : 0xFF00u | u[2];
+    unsigned const code_point = u[0] < 0x80 ? u[0] : 0xFFC0u | (u[2] & 0x3Fu);
     std::snprintf(text, sizeof text, "U+%04X", code_point);
     params.set("character", text);
     throw_located(error::zoxml_tokenizer_syntaxError,
@@ -410,6 +410,7 @@ void Tokenizer::scan_name() {
   char* p = cur_;
   bool ok = true;
   bool qok = true;
+  bool token_ok = true;    // only name characters (an Nmtoken)
   bool need_start = true;  // at the start, or right after a colon
   std::size_t colon = std::string_view::npos;
   for (;;) {
@@ -458,7 +459,7 @@ void Tokenizer::scan_name() {
       if (length <= 0) fail_char(p, kFunction);
       bool const starts = is_name_start_code_point(code_point);
       if (!starts && !is_name_code_point(code_point)) {
-        ok = qok = false;
+        ok = qok = token_ok = false;
       } else if (need_start && !starts) {
         if (p == keep_) ok = false;
         qok = false;
@@ -468,18 +469,19 @@ void Tokenizer::scan_name() {
       continue;
     }
     if (cls & kControl) fail_char(p, kFunction);
-    ok = qok = false;
+    ok = qok = token_ok = false;
     need_start = false;
     ++p;
   }
   std::size_t const size = static_cast<std::size_t>(p - keep_);
-  if (size == 0) ok = false;
+  if (size == 0) ok = token_ok = false;
   if (size == 0 || need_start) qok = false;
   cur_ = p;
   text_ = keep_;
   text_size_ = size;
   name_ok_ = ok;
   qname_ok_ = ok && qok;
+  nmtoken_ok_ = token_ok;
   name_colon_ = colon;
 }
 
@@ -918,66 +920,102 @@ EToken Tokenizer::next_attr_value() {
 }
 
 // ---- DOCTYPE ---------------------------------------------------------------------------------
-// Scanned to its end and checked lexically (names, literals, comments, processing instructions,
-// the keywords of the markup declarations and the punctuation between them); nothing declared
-// in it is taken into account.
+// Checked against the grammar of the declaration and of the markup declarations in its internal
+// subset, then skipped: nothing declared in it is taken into account (no entity is defined, no
+// default attribute added), and parameter-entity references are not expanded.
 
-void Tokenizer::expect_name(char const* what, char const* function) {
+namespace {
+constexpr char kDoctypeSyntax[] = "Syntax error in the DOCTYPE declaration: expected {@expected}";
+}  // namespace
+
+char Tokenizer::peek() {
+  if (cur_ == end_) ensure(1);
+  return *cur_;
+}
+
+bool Tokenizer::decl_space() {
+  keep_ = cur_;
+  return skip_space();
+}
+
+void Tokenizer::decl_expect(char const* expected, char const* function) const {
+  if (cur_ == end_) fail_end("the DOCTYPE declaration", function);
+  zocore::ErrorParams params;
+  params.set("expected", expected);
+  throw_located(error::zoxml_tokenizer_syntaxError, kDoctypeSyntax, std::move(params),
+                location_of(cur_), uri_, function, kModuleId, __LINE__);
+}
+
+void Tokenizer::require_space(char const* function) {
+  if (!decl_space()) decl_expect("white space", function);
+}
+
+void Tokenizer::expect_char(char c, char const* expected, char const* function) {
+  if (peek() != c) decl_expect(expected, function);
+  ++cur_;
+}
+
+std::string_view Tokenizer::decl_name(EName kind, char const* function) {
+  peek();
   scan_name();
-  if (!name_ok_) {
-    if (cur_ == end_) fail_end("the DOCTYPE declaration", function);
-    fail(what, function, location_of(keep_));
+  bool const ok = kind == EName::kQName    ? qname_ok_
+                  : kind == EName::kNCName ? name_ok_ && name_colon_ == std::string_view::npos
+                                           : nmtoken_ok_;
+  if (!ok) {
+    cur_ = keep_;
+    decl_expect(kind == EName::kNmtoken ? "a name token" : "a name", function);
   }
+  return text();
 }
 
 void Tokenizer::scan_doctype() {
   static constexpr char kFunction[] = "zoxml::impl::Tokenizer::scan_doctype()";
-  keep_ = cur_;
-  if (!skip_space()) {
-    if (cur_ == end_) fail_end("the DOCTYPE declaration", kFunction);
-    fail("Whitespace is required after '<!DOCTYPE'", kFunction, location_of(cur_));
+  require_space(kFunction);
+  decl_name(EName::kQName, kFunction);
+  bool const spaced = decl_space();
+  char const c = peek();
+  if (c == 'S' || c == 'P') {
+    if (!spaced) decl_expect("white space", kFunction);
+    scan_external_id(false);
+    decl_space();
   }
-  expect_name("Invalid name in the DOCTYPE declaration", kFunction);
-  keep_ = cur_;
-  bool spaced = skip_space();
-  if (*cur_ == 'S' || *cur_ == 'P') {
-    if (!spaced)
-      fail("Whitespace is required before an external identifier", kFunction, location_of(cur_));
-    scan_name();
-    std::string_view const keyword = text();
-    bool const is_public = keyword == "PUBLIC";
-    if (!is_public && keyword != "SYSTEM") {
-      fail("Expected SYSTEM or PUBLIC in the DOCTYPE declaration", kFunction, location_of(keep_));
-    }
-    for (int literal = is_public ? 0 : 1; literal < 2; ++literal) {
-      keep_ = cur_;
-      if (!skip_space())
-        fail("Whitespace is required before a literal", kFunction, location_of(cur_));
-      scan_literal(literal == 0);
-    }
-    keep_ = cur_;
-    skip_space();
-  }
-  if (*cur_ == '[') {
+  if (peek() == '[') {
     ++cur_;
     scan_internal_subset();
-    keep_ = cur_;
-    skip_space();
+    decl_space();
   }
-  if (*cur_ != '>') {
-    if (cur_ == end_) fail_end("the DOCTYPE declaration", kFunction);
-    fail("Expected '>' at the end of the DOCTYPE declaration", kFunction, location_of(cur_));
-  }
-  ++cur_;
+  expect_char('>', "'>'", kFunction);
 }
 
-void Tokenizer::scan_literal(bool pubid) {
-  static constexpr char kFunction[] = "zoxml::impl::Tokenizer::scan_literal()";
-  char const quote = *cur_;
-  if (quote != '"' && quote != '\'') {
-    if (cur_ == end_) fail_end("the DOCTYPE declaration", kFunction);
-    fail("Expected a quoted literal", kFunction, location_of(cur_));
+// SYSTEM S SystemLiteral | PUBLIC S PubidLiteral S SystemLiteral; a notation may end after the
+// public identifier.
+void Tokenizer::scan_external_id(bool notation) {
+  static constexpr char kFunction[] = "zoxml::impl::Tokenizer::scan_external_id()";
+  std::string_view const keyword = decl_name(EName::kNmtoken, kFunction);
+  bool const is_public = keyword == "PUBLIC";
+  if (!is_public && keyword != "SYSTEM") {
+    cur_ = keep_;
+    decl_expect("SYSTEM or PUBLIC", kFunction);
   }
+  require_space(kFunction);
+  if (!is_public) return scan_literal(ELiteral::kSystem);
+  scan_literal(ELiteral::kPubid);
+  if (!notation) {
+    require_space(kFunction);
+    return scan_literal(ELiteral::kSystem);
+  }
+  bool const spaced = decl_space();
+  char const c = peek();
+  if (c == '"' || c == '\'') {
+    if (!spaced) decl_expect("white space", kFunction);
+    scan_literal(ELiteral::kSystem);
+  }
+}
+
+void Tokenizer::scan_literal(ELiteral kind) {
+  static constexpr char kFunction[] = "zoxml::impl::Tokenizer::scan_literal()";
+  char const quote = peek();
+  if (quote != '"' && quote != '\'') decl_expect("a quoted literal", kFunction);
   keep_ = ++cur_;
   char* p = cur_;
   for (;;) {
@@ -990,13 +1028,11 @@ void Tokenizer::scan_literal(bool pubid) {
       cur_ = keep_ = p;
       if (!refill()) fail_end("a literal", kFunction);
       p = cur_;
-      continue;
-    }
-    if (c == '\n') {
+    } else if (c == '\n') {
       line_feed(p++);
     } else if (c == '\r') {
       carriage_return(p++);
-    } else if (pubid) {
+    } else if (kind == ELiteral::kPubid) {
       if (!has_class(c, kPubid)) {
         fail("Invalid character in a public identifier", kFunction, location_of(p));
       }
@@ -1011,6 +1047,29 @@ void Tokenizer::scan_literal(bool pubid) {
       p += length;
     } else if (has_class(c, kControl)) {
       fail_char(p, kFunction);
+    } else if (kind == ELiteral::kSystem) {
+      ++p;
+    } else if (c == '<' && kind == ELiteral::kAttValue) {
+      fail("'<' is not allowed in an attribute value", kFunction, location_of(p));
+    } else if (c == '%' && kind == ELiteral::kEntityValue) {
+      fail(
+          "Parameter-entity references are not allowed inside markup declarations of the "
+          "internal subset",
+          kFunction, location_of(p));
+    } else if (c == '&') {
+      cur_ = p;
+      if (scan_reference() == EToken::CharRef) {
+        std::string_view const body = text();
+        bool const hex = !body.empty() && body[0] == 'x';
+        bool ok = body.size() > (hex ? 1u : 0u);
+        for (std::size_t i = hex ? 1 : 0; ok && i < body.size(); ++i) {
+          ok = (body[i] >= '0' && body[i] <= '9') ||
+               (hex && ((body[i] >= 'a' && body[i] <= 'f') || (body[i] >= 'A' && body[i] <= 'F')));
+        }
+        if (!ok) fail("Invalid character reference", kFunction, token_at_);
+      }
+      keep_ = cur_;
+      p = cur_;
     } else {
       ++p;
     }
@@ -1020,107 +1079,232 @@ void Tokenizer::scan_literal(bool pubid) {
 void Tokenizer::scan_internal_subset() {
   static constexpr char kFunction[] = "zoxml::impl::Tokenizer::scan_internal_subset()";
   for (;;) {
-    keep_ = cur_;
-    skip_space();
-    char const c = *cur_;
+    decl_space();
+    char const c = peek();
     if (c == ']') {
       ++cur_;
       return;
     }
     if (c == '%') {
-      Location const at = location_of(cur_);
+      // A parameter-entity reference between declarations: checked, not expanded.
       ++cur_;
-      scan_name();
-      if (!name_ok_ || name_colon_ != std::string_view::npos || *cur_ != ';') {
-        fail("Invalid parameter-entity reference", kFunction, at);
-      }
-      ++cur_;
+      decl_name(EName::kNCName, kFunction);
+      expect_char(';', "';'", kFunction);
       continue;
     }
-    if (c == '<') {
-      token_at_ = location_of(cur_);
-      std::size_t const available = ensure(4);
-      if (available >= 4 && cur_[1] == '!' && cur_[2] == '-' && cur_[3] == '-') {
-        cur_ += 4;
-        skip_comment_body();
-        continue;
-      }
-      if (available >= 2 && cur_[1] == '?') {
-        cur_ += 2;
-        scan_name();
-        check_pi_target(kFunction);
-        skip_pi_body();
-        continue;
-      }
-      if (available >= 2 && cur_[1] == '!') {
-        cur_ += 2;
-        scan_name();
-        std::string_view const keyword = text();
-        if (keyword != "ELEMENT" && keyword != "ATTLIST" && keyword != "ENTITY" &&
-            keyword != "NOTATION") {
-          fail("Invalid markup declaration in the DOCTYPE declaration", kFunction, token_at_);
-        }
-        scan_markup_decl();
-        continue;
-      }
+    if (c != '<') decl_expect("a markup declaration or ']'", kFunction);
+    token_at_ = location_of(cur_);
+    std::size_t const available = ensure(4);
+    if (available >= 4 && cur_[1] == '!' && cur_[2] == '-' && cur_[3] == '-') {
+      cur_ += 4;
+      skip_comment_body();
+      continue;
     }
-    if (cur_ == end_) fail_end("the DOCTYPE declaration", kFunction);
-    fail("Invalid content in the internal subset of the DOCTYPE declaration", kFunction,
-         location_of(cur_));
+    if (available >= 2 && cur_[1] == '?') {
+      cur_ += 2;
+      scan_name();
+      check_pi_target(kFunction);
+      skip_pi_body();
+      continue;
+    }
+    if (available < 2 || cur_[1] != '!') decl_expect("a markup declaration or ']'", kFunction);
+    cur_ += 2;
+    std::string_view const keyword = decl_name(EName::kNmtoken, kFunction);
+    if (keyword == "ELEMENT") {
+      scan_element_decl();
+    } else if (keyword == "ATTLIST") {
+      scan_attlist_decl();
+    } else if (keyword == "ENTITY") {
+      scan_entity_decl();
+    } else if (keyword == "NOTATION") {
+      scan_notation_decl();
+    } else {
+      cur_ = keep_;
+      decl_expect("ELEMENT, ATTLIST, ENTITY or NOTATION", kFunction);
+    }
   }
 }
 
-void Tokenizer::scan_markup_decl() {
-  static constexpr char kFunction[] = "zoxml::impl::Tokenizer::scan_markup_decl()";
-  keep_ = cur_;
-  if (!skip_space()) {
-    if (cur_ == end_) fail_end("the DOCTYPE declaration", kFunction);
-    fail("Whitespace is required after the keyword of a markup declaration", kFunction,
-         location_of(cur_));
-  }
-  for (;;) {
-    keep_ = cur_;
-    skip_space();
-    char const c = *cur_;
-    switch (c) {
-      case '>':
+void Tokenizer::scan_element_decl() {
+  static constexpr char kFunction[] = "zoxml::impl::Tokenizer::scan_element_decl()";
+  require_space(kFunction);
+  decl_name(EName::kQName, kFunction);
+  require_space(kFunction);
+  if (peek() != '(') {
+    std::string_view const keyword = decl_name(EName::kNmtoken, kFunction);
+    if (keyword != "EMPTY" && keyword != "ANY") {
+      cur_ = keep_;
+      decl_expect("EMPTY, ANY or a content model", kFunction);
+    }
+  } else {
+    ++cur_;
+    decl_space();
+    if (peek() != '#') {
+      scan_content_group(1);
+    } else {
+      // Mixed content: (#PCDATA) or (#PCDATA | a | b)*
+      ++cur_;
+      if (decl_name(EName::kNmtoken, kFunction) != "PCDATA") {
+        cur_ = keep_;
+        decl_expect("#PCDATA", kFunction);
+      }
+      bool names = false;
+      for (;;) {
+        decl_space();
+        if (peek() != '|') break;
         ++cur_;
-        return;
-      case '"':
-      case '\'':
-        scan_literal(false);
-        continue;
-      case '%':
+        decl_space();
+        decl_name(EName::kQName, kFunction);
+        names = true;
+      }
+      expect_char(')', "'|' or ')'", kFunction);
+      if (peek() == '*') {
         ++cur_;
-        if (ensure(1) == 0) fail_end("the DOCTYPE declaration", kFunction);
-        if (has_class(*cur_, kSpace)) continue;  // "<!ENTITY % name ...": a parameter entity
-        expect_name("Invalid parameter-entity reference", kFunction);
-        if (*cur_ != ';') fail("Invalid parameter-entity reference", kFunction, location_of(cur_));
-        ++cur_;
-        continue;
-      case '(':
-      case ')':
-      case '|':
-      case ',':
-      case '?':
-      case '*':
-      case '+':
-        ++cur_;
-        continue;
-      case '#':
-        ++cur_;
-        expect_name("Invalid name in a markup declaration", kFunction);
-        continue;
-      default:
-        if (cur_ == end_) fail_end("the DOCTYPE declaration", kFunction);
-        if (has_class(c, kControl)) fail_char(cur_, kFunction);
-        if (has_class(c, kNameEnd)) {
-          fail("Unexpected character in a markup declaration", kFunction, location_of(cur_));
-        }
-        expect_name("Invalid name in a markup declaration", kFunction);
-        continue;
+      } else if (names) {
+        decl_expect("'*' after a mixed content model", kFunction);
+      }
     }
   }
+  decl_space();
+  expect_char('>', "'>'", kFunction);
+}
+
+// A choice or sequence after its '(': cp (S? sep S? cp)* S? ')' with one separator throughout,
+// then an optional occurrence mark.
+void Tokenizer::scan_content_group(unsigned depth) {
+  static constexpr char kFunction[] = "zoxml::impl::Tokenizer::scan_content_group()";
+  if (depth > kMaxContentDepth) decl_expect("a shallower content model", kFunction);
+  char separator = 0;
+  for (;;) {
+    decl_space();
+    if (peek() == '(') {
+      ++cur_;
+      scan_content_group(depth + 1);
+    } else {
+      decl_name(EName::kQName, kFunction);
+      char const mark = peek();
+      if (mark == '?' || mark == '*' || mark == '+') ++cur_;
+    }
+    decl_space();
+    char const c = peek();
+    if (c == ')') {
+      ++cur_;
+      break;
+    }
+    if ((c != '|' && c != ',') || (separator != 0 && c != separator)) {
+      decl_expect(separator == 0     ? "'|', ',' or ')'"
+                  : separator == '|' ? "'|' or ')'"
+                                     : "',' or ')'",
+                  kFunction);
+    }
+    separator = c;
+    ++cur_;
+  }
+  char const mark = peek();
+  if (mark == '?' || mark == '*' || mark == '+') ++cur_;
+}
+
+void Tokenizer::scan_attlist_decl() {
+  static constexpr char kFunction[] = "zoxml::impl::Tokenizer::scan_attlist_decl()";
+  require_space(kFunction);
+  decl_name(EName::kQName, kFunction);
+  for (;;) {
+    bool const spaced = decl_space();
+    if (peek() == '>') {
+      ++cur_;
+      return;
+    }
+    if (!spaced) decl_expect("white space", kFunction);
+    decl_name(EName::kQName, kFunction);
+    require_space(kFunction);
+    if (peek() == '(') {
+      ++cur_;
+      scan_name_list(EName::kNmtoken);
+    } else {
+      std::string_view const type = decl_name(EName::kNmtoken, kFunction);
+      if (type == "NOTATION") {
+        require_space(kFunction);
+        expect_char('(', "'('", kFunction);
+        scan_name_list(EName::kNCName);
+      } else if (type != "CDATA" && type != "ID" && type != "IDREF" && type != "IDREFS" &&
+                 type != "ENTITY" && type != "ENTITIES" && type != "NMTOKEN" &&
+                 type != "NMTOKENS") {
+        cur_ = keep_;
+        decl_expect("an attribute type", kFunction);
+      }
+    }
+    require_space(kFunction);
+    if (peek() == '#') {
+      ++cur_;
+      std::string_view const keyword = decl_name(EName::kNmtoken, kFunction);
+      if (keyword == "FIXED") {
+        require_space(kFunction);
+        scan_literal(ELiteral::kAttValue);
+      } else if (keyword != "REQUIRED" && keyword != "IMPLIED") {
+        cur_ = keep_;
+        decl_expect("#REQUIRED, #IMPLIED or #FIXED", kFunction);
+      }
+    } else {
+      scan_literal(ELiteral::kAttValue);
+    }
+  }
+}
+
+// After '(': S? name (S? '|' S? name)* S? ')'
+void Tokenizer::scan_name_list(EName kind) {
+  static constexpr char kFunction[] = "zoxml::impl::Tokenizer::scan_name_list()";
+  for (;;) {
+    decl_space();
+    decl_name(kind, kFunction);
+    decl_space();
+    char const c = peek();
+    if (c == ')') {
+      ++cur_;
+      return;
+    }
+    if (c != '|') decl_expect("'|' or ')'", kFunction);
+    ++cur_;
+  }
+}
+
+void Tokenizer::scan_entity_decl() {
+  static constexpr char kFunction[] = "zoxml::impl::Tokenizer::scan_entity_decl()";
+  require_space(kFunction);
+  bool parameter = false;
+  if (peek() == '%') {
+    ++cur_;
+    require_space(kFunction);
+    parameter = true;
+  }
+  decl_name(EName::kNCName, kFunction);
+  require_space(kFunction);
+  char const c = peek();
+  if (c == '"' || c == '\'') {
+    scan_literal(ELiteral::kEntityValue);
+  } else {
+    scan_external_id(false);
+    bool const spaced = decl_space();
+    if (!parameter && spaced && peek() != '>') {
+      if (decl_name(EName::kNmtoken, kFunction) != "NDATA") {
+        cur_ = keep_;
+        decl_expect("NDATA or '>'", kFunction);
+      }
+      require_space(kFunction);
+      decl_name(EName::kNCName, kFunction);
+    }
+  }
+  decl_space();
+  expect_char('>', "'>'", kFunction);
+}
+
+void Tokenizer::scan_notation_decl() {
+  static constexpr char kFunction[] = "zoxml::impl::Tokenizer::scan_notation_decl()";
+  require_space(kFunction);
+  decl_name(EName::kNCName, kFunction);
+  require_space(kFunction);
+  scan_external_id(true);
+  decl_space();
+  expect_char('>', "'>'", kFunction);
 }
 
 }  // namespace zoxml::impl

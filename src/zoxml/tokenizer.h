@@ -142,12 +142,27 @@ class Tokenizer {
   void scan_name();
   void skip_comment_body();
   void skip_pi_body();
+  // DOCTYPE declaration.
+  enum class EName : unsigned char { kQName, kNCName, kNmtoken };
+  enum class ELiteral : unsigned char { kSystem, kPubid, kAttValue, kEntityValue };
+  static constexpr unsigned kMaxContentDepth = 256;  // nesting of a content model
   void scan_doctype();
+  void scan_external_id(bool notation);
+  void scan_literal(ELiteral kind);
   void scan_internal_subset();
-  void scan_markup_decl();
-  void scan_literal(bool pubid);
+  void scan_element_decl();
+  void scan_content_group(unsigned depth);
+  void scan_attlist_decl();
+  void scan_name_list(EName kind);
+  void scan_entity_decl();
+  void scan_notation_decl();
+  char peek();
   bool skip_space();
-  void expect_name(char const* what, char const* function);
+  bool decl_space();
+  void require_space(char const* function);
+  void expect_char(char c, char const* expected, char const* function);
+  std::string_view decl_name(EName kind, char const* function);
+  [[noreturn, gnu::cold]] void decl_expect(char const* expected, char const* function) const;
   void check_pi_target(char const* function) const;
   // At a byte >= 0x80: the length of the character there, 0 when more input must be read
   // before it can be told; fails on malformed UTF-8 and on U+FFFE, U+FFFF.
@@ -195,6 +210,7 @@ class Tokenizer {
   std::size_t text_size_ = 0;
   bool name_ok_ = false;
   bool qname_ok_ = false;
+  bool nmtoken_ok_ = false;
   std::size_t name_colon_ = std::string_view::npos;
 
   EMode mode_ = EMode::kStart;
