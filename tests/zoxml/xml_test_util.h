@@ -12,11 +12,11 @@
 
 namespace zotest {
 
-// Parses `document` to its end and returns its nodes: <{ns}name a="v"> for a start tag (with
+// Parses to the end and returns the nodes: <{ns}name a="v"> for a start tag (with
 // "/" before ">" for an empty-element tag), </name>, "text" for character data read whole,
 // ~"text" for a white-space node, a leading "p" on text under xml:space="preserve". Line feeds
-// print as \n.
-inline std::string trace(zoxml::XmlReader& parser) {
+// print as \n. Values are read whole, or through the value stream in pieces of `piece` bytes.
+inline std::string trace(zoxml::XmlReader& parser, unsigned piece = 0) {
   std::string out;
   auto const quoted = [&out](std::string_view text) {
     out += '"';
@@ -49,18 +49,28 @@ inline std::string trace(zoxml::XmlReader& parser) {
       default:
         if (node.preserve_space()) out += 'p';
         if (node.is_whitespace()) out += '~';
-        quoted(parser.read_value_into_buffer());
+        if (piece == 0) {
+          quoted(parser.read_value_into_buffer());
+          break;
+        }
+        std::string value;
+        char buffer[64];
+        for (unsigned n; (n = parser.value_stream().read(buffer, piece)) != 0;)
+          value.append(buffer, n);
+        quoted(value);
         break;
     }
   }
   return out;
 }
 
-// "name=value;name=value" of the parameters listed, in that order.
+// "name=value;name=value" of the parameters listed ("name;name" or "name=...;name=..."), in
+// that order.
 inline std::string params_of(ErrorPtr const& info, std::string_view names) {
   std::string out;
   std::istringstream in{std::string(names)};
   for (std::string name; std::getline(in, name, ';');) {
+    name = name.substr(0, name.find('='));
     if (!out.empty()) out += ';';
     out += name + "=" + param(info, name);
   }
