@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <istream>
 #include <utility>
@@ -18,9 +19,27 @@ constexpr std::size_t npos = std::string::npos;
 // value does not pin its memory for the rest of the document.
 constexpr std::size_t kKeptValueCapacity = 1 << 20;
 
+// Byte-wise equality of a word with a repeated byte: 0x80 in each byte that matches.
+constexpr std::uint64_t kLow7 = 0x7F7F7F7F7F7F7F7Full;
+inline std::uint64_t bytes_equal(std::uint64_t word, std::uint64_t repeated) noexcept {
+  std::uint64_t const x = word ^ repeated;
+  return ~(((x & kLow7) + kLow7) | x) & ~kLow7;
+}
+
+// True when the text holds only space, tab, line feed and carriage return; the layout between
+// elements is such text, so it is tested eight bytes at a time.
 bool is_white_space(std::string_view text) noexcept {
-  for (char const c : text) {
-    if (!impl::has_class(c, impl::kSpace)) return false;
+  constexpr std::uint64_t kOnes = 0x0101010101010101ull;
+  std::size_t i = 0;
+  for (; i + 8 <= text.size(); i += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, text.data() + i, 8);
+    std::uint64_t const space = bytes_equal(word, kOnes * ' ') | bytes_equal(word, kOnes * '\n') |
+                                bytes_equal(word, kOnes * '\t') | bytes_equal(word, kOnes * '\r');
+    if (space != ~kLow7) return false;
+  }
+  for (; i < text.size(); ++i) {
+    if (!impl::has_class(text[i], impl::kSpace)) return false;
   }
   return true;
 }
@@ -431,7 +450,7 @@ void XmlReader::read_starttag() {
   node_.kind_ = EToken::StartTagStart;
   node_.element_ = &element;
   node_.attributes_ = {attributes_.data(), attribute_count_};
-  node_.value_ = nullptr;
+  node_.value_ = {};
   node_.whitespace_ = false;
   node_.preserve_space_ = element.preserve_space_;
 }
@@ -678,7 +697,7 @@ void XmlReader::begin_text() {
   node_.element_ = nullptr;
   node_.attributes_ = {};
   node_.empty_ = false;
-  node_.value_ = &value_;
+  node_.value_ = {};
   node_.preserve_space_ = elements_[depth_ - 1].preserve_space_;
   value_.clear();
   pending_ = {};
@@ -689,7 +708,14 @@ void XmlReader::begin_text() {
   std::string_view piece;
   while (next_piece(piece)) {
     if (piece_plain_ && is_white_space(piece)) {
+      if (value_.empty() && tok_->text_ends_at_tag()) {
+        // The whole value in one piece: handed out from the tokenizer's buffer.
+        node_.value_ = piece;
+        text_open_ = false;
+        break;
+      }
       append_value(value_, piece);
+      node_.value_ = value_;
       continue;
     }
     pending_ = piece;
@@ -756,9 +782,10 @@ void XmlReader::append_value(std::string& value, std::string_view piece) {
 
 std::size_t XmlReader::transfer_value(char* out, std::size_t size) {
   std::size_t done = 0;
-  if (stream_offset_ < value_.size()) {
-    done = std::min(size, value_.size() - stream_offset_);
-    if (out) std::memcpy(out, value_.data() + stream_offset_, done);
+  std::string_view const held = node_.value_;
+  if (stream_offset_ < held.size()) {
+    done = std::min(size, held.size() - stream_offset_);
+    if (out) std::memcpy(out, held.data() + stream_offset_, done);
     stream_offset_ += done;
   }
   while (done < size) {
@@ -791,19 +818,27 @@ std::string_view XmlReader::read_value_into_buffer() {
     if (node_.kind_ != EToken::CharData) return {};
     switch (value_state_) {
       case EValue::kPending: {
+        value_state_ = EValue::kBuffered;
+        if (value_.empty() && tok_->text_ends_at_tag()) {
+          // The whole value in one piece: handed out from the tokenizer's buffer.
+          node_.value_ = pending_;
+          pending_ = {};
+          text_open_ = false;
+          return node_.value_;
+        }
         append_value(value_, pending_);
         pending_ = {};
         std::string_view piece;
         while (next_piece(piece))
           append_value(value_, piece);
-        value_state_ = EValue::kBuffered;
-        return value_;
+        node_.value_ = value_;
+        return node_.value_;
       }
       case EValue::kComplete:
         value_state_ = EValue::kBuffered;
-        return value_;
+        return node_.value_;
       case EValue::kBuffered:
-        return value_;
+        return node_.value_;
       case EValue::kStreamed:
         fail(error::zoxml_reader,
              "Value has already been read through stream, cannot create value buffer", kFunction,
@@ -852,7 +887,7 @@ void XmlReader::discard_chardata() {
     }
     if (node_.kind_ != EToken::CharData) return;
     if (text_open_) skip_value();
-    value_.clear();
+    node_.value_ = {};
     value_state_ = EValue::kDiscarded;
   } catch (...) {
     state_ = EState::kError;

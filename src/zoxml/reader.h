@@ -163,14 +163,14 @@ class XmlReader {
     bool preserve_space() const noexcept { return preserve_space_; }
     // The value as far as it has been read into the buffer: complete after
     // read_value_into_buffer() and for white-space nodes.
-    std::string_view value() const noexcept { return value_ ? *value_ : std::string_view(); }
+    std::string_view value() const noexcept { return value_; }
 
    private:
     friend class XmlReader;
     EToken kind_ = EToken::DocumentStart;
     Element const* element_ = nullptr;
     std::span<Attribute const> attributes_;
-    std::string const* value_ = nullptr;
+    std::string_view value_;
     bool empty_ = false;
     bool whitespace_ = false;
     bool preserve_space_ = false;
@@ -280,9 +280,10 @@ class XmlReader {
   Node node_;
   Location node_at_;
 
-  // Open elements and namespace bindings. Deques, and slots reused rather than destroyed, so
-  // that views into an entry stay valid while it is in use and no allocation recurs.
-  std::deque<Element> elements_;
+  // Open elements and namespace bindings; slots are reused rather than destroyed, so that no
+  // allocation recurs. Bindings are a deque: elements keep views of their URIs, which must stay
+  // put while more bindings are pushed.
+  std::vector<Element> elements_;
   std::size_t depth_ = 0;
   std::deque<Binding> bindings_;  // "xml" and "xmlns" first, never removed
   std::size_t binding_count_ = 0;
@@ -293,9 +294,9 @@ class XmlReader {
   EToken token_ = EToken::Unknown;
   bool have_token_ = false;
 
-  // The value of the current CharData node: value_ holds what has been read into it, pending_
-  // the piece read from the tokenizer but not yet taken, stream_offset_ what of value_ was
-  // already delivered through the stream.
+  // The value of the current CharData node: node_.value_ what has been read of it, kept in value_
+  // or, for a value of one piece, in the tokenizer's buffer; pending_ the piece read from the
+  // tokenizer but not yet taken; stream_offset_ what of node_.value_ the stream has delivered.
   std::string value_;
   std::string_view pending_;
   std::size_t stream_offset_ = 0;

@@ -110,6 +110,14 @@ class Tokenizer {
   Location text_location(std::size_t offset) const noexcept;
   Location location() const noexcept { return location_of(cur_); }
 
+  // True when, in character data, the tokenizer stands at a start or end tag: the text before
+  // it has ended, so the last piece can be taken as it is. False when that cannot be told
+  // without reading on (the tag is not in the buffer yet), which is always safe.
+  bool text_ends_at_tag() const noexcept {
+    return mode_ == EMode::kContent && end_ - cur_ >= 2 && cur_[0] == '<' && cur_[1] != '!' &&
+           cur_[1] != '?';
+  }
+
   void set_normalize_line_ends(bool on) noexcept { normalize_ = on; }
   bool had_byte_order_mark() const noexcept { return had_bom_; }
 
