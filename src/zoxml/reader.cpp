@@ -708,7 +708,7 @@ void XmlReader::begin_text() {
   std::string_view piece;
   while (next_piece(piece)) {
     if (piece_plain_ && is_white_space(piece)) {
-      if (value_.empty() && tok_->text_ends_at_tag()) {
+      if (value_.empty() && tok_->text_ends_at_tag() && piece.size() <= max_value_) {
         // The whole value in one piece: handed out from the tokenizer's buffer.
         node_.value_ = piece;
         text_open_ = false;
@@ -819,7 +819,7 @@ std::string_view XmlReader::read_value_into_buffer() {
     switch (value_state_) {
       case EValue::kPending: {
         value_state_ = EValue::kBuffered;
-        if (value_.empty() && tok_->text_ends_at_tag()) {
+        if (value_.empty() && tok_->text_ends_at_tag() && pending_.size() <= max_value_) {
           // The whole value in one piece: handed out from the tokenizer's buffer.
           node_.value_ = pending_;
           pending_ = {};

@@ -318,13 +318,16 @@ TEST(XmlReaderTest, ValuesHeldWholeAreBounded) {
   constexpr char kSize[] =
       "[line {@line}, pos {@linePos}]: Node value exceeds {@maxSize}bytes of character data";
   for (std::string const text :
-       {"123456789", "1234<![CDATA[56789]]>", "12345678&amp;", "         x"}) {
-    Doc doc("<a>" + text + "</a>", 4);
-    zoxml::XmlReaderTestPeer::set_max_value(*doc, 8);
-    doc->read_next();
-    auto const info = ZO_EXPECT_ERROR(doc->read_next(); doc->read_value_into_buffer(),
-                                                        error::zoxml_reader_unexpected_size, kSize);
-    EXPECT_EQ(zotest::params_of(info, "maxSize"), "maxSize=8");
+       {"123456789", "1234<![CDATA[56789]]>", "12345678&amp;", "         x", "         "}) {
+    for (std::size_t block : {std::size_t{4}, XmlReader::kDefaultBlockSize}) {
+      Doc doc("<a>" + text + "</a>", block);
+      zoxml::XmlReaderTestPeer::set_max_value(*doc, 8);
+      doc->read_next();
+      auto const info =
+          ZO_EXPECT_ERROR(doc->read_next(); doc->read_value_into_buffer(),
+                                            error::zoxml_reader_unexpected_size, kSize);
+      EXPECT_EQ(zotest::params_of(info, "maxSize"), "maxSize=8");
+    }
   }
   Doc attribute("<a b='123456789'/>");
   zoxml::XmlReaderTestPeer::set_max_value(*attribute, 8);
