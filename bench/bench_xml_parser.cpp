@@ -192,8 +192,7 @@ std::string const& text_document() {
                                          "holding",
                                          "them",
                                          "whole",
-                                         "stra\xC3\x9F"
-                                         "e",
+                                         "stra\xC3\x9F\x65",
                                          "\xE6\x97\xA5\xE6\x9C\xAC"};
     std::uint64_t state = kRecordSeed;
     auto const next = [&state] {

@@ -34,7 +34,7 @@ void throw_located(zocore::ErrorCode const& code, char const* message, zocore::E
   text += message;
   params.set("uri", uri);
   params.set("line", static_cast<unsigned long long>(at.line));
-  params.set("linePos", static_cast<unsigned long long>(at.pos - at.line_start + 1));
+  params.set("linePos", static_cast<unsigned long long>(at.pos - at.line_start) + 1);
   params.set("sourcePos", static_cast<unsigned long long>(at.pos));
   zocore::ErrorException::throw_error(zocore::ErrorInfo::create(
       code, zocore::SourceString(std::string_view(text)), std::move(params),

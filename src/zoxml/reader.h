@@ -89,7 +89,7 @@ class XmlReader {
  public:
   // The most bytes a value read whole (and an attribute value) may hold.
   static constexpr std::size_t kMaxValueSize = 0x8000000;
-  static constexpr std::size_t kDefaultBlockSize = 64 * 1024;
+  static constexpr std::size_t kDefaultBlockSize = std::size_t{64} * 1024;
   // The namespace names bound to the prefixes "xml" and "xmlns" in every document.
   static constexpr std::string_view kXmlNamespace = "http://www.w3.org/XML/1998/namespace";
   static constexpr std::string_view kXmlnsNamespace = "http://www.w3.org/2000/xmlns/";

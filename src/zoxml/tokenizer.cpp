@@ -1047,8 +1047,6 @@ void Tokenizer::scan_literal(ELiteral kind) {
       p += length;
     } else if (has_class(c, kControl)) {
       fail_char(p, kFunction);
-    } else if (kind == ELiteral::kSystem) {
-      ++p;
     } else if (c == '<' && kind == ELiteral::kAttValue) {
       fail("'<' is not allowed in an attribute value", kFunction, location_of(p));
     } else if (c == '%' && kind == ELiteral::kEntityValue) {
@@ -1056,7 +1054,7 @@ void Tokenizer::scan_literal(ELiteral kind) {
           "Parameter-entity references are not allowed inside markup declarations of the "
           "internal subset",
           kFunction, location_of(p));
-    } else if (c == '&') {
+    } else if (c == '&' && kind != ELiteral::kSystem) {
       cur_ = p;
       if (scan_reference() == EToken::CharRef) {
         std::string_view const body = text();

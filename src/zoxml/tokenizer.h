@@ -72,7 +72,7 @@ class ReadStreamSource final : public InputSource {
 // `max_token` bytes fails. Character data never needs to fit: it is handed out in pieces.
 class Tokenizer {
  public:
-  static constexpr std::size_t kDefaultBlockSize = 64 * 1024;
+  static constexpr std::size_t kDefaultBlockSize = std::size_t{64} * 1024;
 
   // `source` is borrowed; `uri` (borrowed, may be empty) names the input in error messages.
   Tokenizer(InputSource& source, std::string_view uri, std::size_t block_size,

@@ -106,10 +106,11 @@ std::string prolog_to_lf(std::string const& doc) {
   }
   std::string prolog;
   for (std::size_t k = 0; k < i && k < doc.size(); ++k) {
-    if (doc[k] != '\r')
+    if (doc[k] != '\r') {
       prolog += doc[k];
-    else if (k + 1 == doc.size() || doc[k + 1] != '\n')
+    } else if (k + 1 == doc.size() || doc[k + 1] != '\n') {
       prolog += '\n';
+    }
   }
   return prolog + doc.substr(std::min(i, doc.size()));
 }

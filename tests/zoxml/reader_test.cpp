@@ -33,7 +33,7 @@ using zoxml::XmlReader;
 // A document and a parser over it, read from a std::istream or from an IReadStream.
 class Doc {
  public:
-  explicit Doc(std::string text, std::size_t block = XmlReader::kDefaultBlockSize,
+  explicit Doc(std::string const& text, std::size_t block = XmlReader::kDefaultBlockSize,
                bool istream = true, std::string_view uri = {})
       : in_(text), source_(zocore::make_ref_counted<zotest::ByteSource>(text)) {
     parser_ = istream ? std::make_unique<XmlReader>(in_, uri, block)

@@ -48,8 +48,8 @@ std::string tokens(std::string const& doc, std::size_t block, bool normalize) {
 }
 
 struct TokenRow {
-  char const* doc;
-  char const* expected;  // without the DocumentStart and DocumentEnd around it
+  char const* doc = nullptr;
+  char const* expected = nullptr;  // without the DocumentStart and DocumentEnd around it
   bool normalize = true;
 };
 
@@ -102,18 +102,11 @@ TEST(TokenizerTest, TellsWhetherANameIsANameAndAQName) {
   };
   constexpr std::size_t npos = std::string_view::npos;
   Row const rows[] = {
-      {"a:b", true, true, 1},
-      {":a", true, false, 0},
-      {"a:", true, false, 1},
-      {"a:b:c", true, false, 1},
-      {"1a", false, false, npos},
-      {"a:1", true, false, 1},
-      {"a&b", false, false, npos},
-      {"\xC3\xA9", true, true, npos},
-      {"a\xC2\xB7", true, true, npos},
-      {"\xC2\xB7"
-       "a",
-       false, false, npos},
+      {"a:b", true, true, 1},          {":a", true, false, 0},
+      {"a:", true, false, 1},          {"a:b:c", true, false, 1},
+      {"1a", false, false, npos},      {"a:1", true, false, 1},
+      {"a&b", false, false, npos},     {"\xC3\xA9", true, true, npos},
+      {"a\xC2\xB7", true, true, npos}, {"\xC2\xB7\x61", false, false, npos},
       {"_.-9", true, true, npos},
   };
   for (Row const& row : rows) {

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace zoxml::impl {
 
@@ -28,11 +29,14 @@ constexpr std::array<std::uint16_t, 256> make_char_classes() {
   auto add = [&t](unsigned c, std::uint16_t bits) {
     t[c] = static_cast<std::uint16_t>(t[c] | bits);
   };
+  auto add_all = [&add](std::string_view chars, std::uint16_t bits) {
+    for (char const c : chars)
+      add(static_cast<unsigned char>(c), bits);
+  };
   for (unsigned c = 0; c < 0x20; ++c) {
     if (c != '\t' && c != '\n' && c != '\r') add(c, kControl);
   }
-  for (unsigned c : {' ', '\t', '\n', '\r'})
-    add(c, kSpace);
+  add_all(" \t\n\r", kSpace);
   for (unsigned c = 'a'; c <= 'z'; ++c)
     add(c, kNameStart | kNameChar | kAlnum | kPubid);
   for (unsigned c = 'A'; c <= 'Z'; ++c)
@@ -42,30 +46,20 @@ constexpr std::array<std::uint16_t, 256> make_char_classes() {
   add('_', kNameStart | kNameChar);
   add('-', kNameChar);
   add('.', kNameChar);
-  for (unsigned char c :
-       std::array<unsigned char, 22>{' ', '\r', '\n', '-', '\'', '(', ')', '+', ',', '.', '/',
-                                     ':', '=',  '?',  ';', '!',  '*', '#', '@', '$', '_', '%'}) {
-    add(c, kPubid);
-  }
+  add_all(" \r\n-'()+,./:=?;!*#@$_%", kPubid);
   std::uint16_t const all_stops = kTextStop | kAttrStop | kCommentStop | kPIStop | kCDataStop;
   for (unsigned c = 0; c < 0x20; ++c) {
     if (t[c] & kControl) add(c, all_stops);
   }
   for (unsigned c = 0x80; c < 0x100; ++c)
     add(c, all_stops);
-  for (unsigned c : {'\n', '\r'})
-    add(c, all_stops);
-  for (unsigned c : {'<', '&', ']'})
-    add(c, kTextStop);
-  for (unsigned c : {'<', '&', '"', '\'', '\t'})
-    add(c, kAttrStop);
+  add_all("\n\r", all_stops);
+  add_all("<&]", kTextStop);
+  add_all("<&\"'\t", kAttrStop);
   add('-', kCommentStop);
   add('?', kPIStop);
   add(']', kCDataStop);
-  for (unsigned c : {' ', '\t', '\n', '\r', '/', '>', '=', '<', '"', '\'', '?',
-                     '[', ']',  ';',  '(',  ')', '|', ',', '*', '+', '%',  '\0'}) {
-    add(c, kNameEnd);
-  }
+  add_all(std::string_view(" \t\n\r/>=<\"'?[];()|,*+%\0", 22), kNameEnd);
   return t;
 }
 
