@@ -432,7 +432,12 @@ void XmlReader::read_starttag() {
   }
   if (depth_ == elements_.size()) elements_.emplace_back();
   Element& element = elements_[depth_];
-  element.qname_.assign(name);
+  // Documents repeat their element names level by level; a slot that holds the name already
+  // is not written again.
+  if (element.qname_.size() != name.size() ||
+      std::char_traits<char>::compare(element.qname_.data(), name.data(), name.size()) != 0) {
+    element.qname_.assign(name);
+  }
   element.colon_ = colon;
   element.bindings_begin_ = binding_count_;
   if (depth_ != 0) {

@@ -489,7 +489,7 @@ EToken Tokenizer::scan_end_tag() {
   cur_ += 2;
   scan_name();
   std::size_t const size = text_size_;
-  skip_space();  // keeps the name: keep_ stays at its start
+  if (*cur_ != '>') skip_space();  // keeps the name: keep_ stays at its start
   if (*cur_ != '>') {
     if (cur_ == end_) fail_end("an end tag", "zoxml::impl::Tokenizer::scan_end_tag()");
     fail("Expected '>' at the end of an end tag", "zoxml::impl::Tokenizer::scan_end_tag()",
@@ -764,6 +764,12 @@ bool Tokenizer::skip_space() {
 
 EToken Tokenizer::next_in_tag() {
   static constexpr char kFunction[] = "zoxml::impl::Tokenizer::next_in_tag()";
+  if (*cur_ == '>' && !decl_) {  // the usual end of a tag, right after its name or a value
+    token_at_ = location_of(cur_);
+    ++cur_;
+    mode_ = EMode::kContent;
+    return EToken::StartTagEnd;
+  }
   keep_ = cur_;
   bool const spaced = skip_space();
   token_at_ = location_of(cur_);
