@@ -287,13 +287,22 @@ bool Tokenizer::scan_text() {
       p += 4;
     }
     char const c = *p;
+    std::size_t const available = static_cast<std::size_t>(end_ - p);
+    if (static_cast<unsigned char>(c) >= 0x80 && available >= 4) {
+      // A character beyond ASCII with all its bytes in the buffer: decoded here, the buffer's
+      // end is handled below.
+      std::uint32_t code_point;
+      int const length = decode_utf8(p, available, code_point);
+      if (length <= 0) fail_char(p, kFunction);
+      p += length;
+      continue;
+    }
     if (c == '\n') {
       line_feed(p);
       ++p;
       continue;
     }
     if (c == '<' || c == '&') break;
-    std::size_t const available = static_cast<std::size_t>(end_ - p);
     if (c == ']') {
       if (available < 3 && !eof_) {
         if (p != start) break;
