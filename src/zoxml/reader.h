@@ -9,17 +9,23 @@
 //
 //   zoxml::XmlReader parser(in, "file:///data.xml");      // borrows `in`
 //   while (parser.read_next()) {                           // false once the document ended
-//     XmlReader::Node const& node = parser.node();
+//     zoxml::XmlReader::Node const& node = parser.node();
 //     switch (node.kind()) {
 //       case zoxml::EToken::StartTagStart:                 // <a ...> or <a .../>
-//         node.local_name(); node.namespace_uri();         // namespace already resolved
-//         if (auto const* count = node.find_attribute("count")) count->value();
+//         use(node.local_name(), node.namespace_uri());    // the namespace is resolved
+//         if (auto const* a = node.find_attribute("count")) use(a->value());   // no namespace
+//         if (auto const* a = node.find_attribute("type", kXsi)) use(a->value());
 //         break;                                           // <a/> is followed by its EndTag
 //       case zoxml::EToken::EndTag:                        // </a>
 //         break;
 //       case zoxml::EToken::CharData:                      // text between two tags
-//         if (node.is_whitespace()) break;                 // layout: value() already whole
-//         std::string_view text = parser.read_value_into_buffer();
+//         if (node.is_whitespace()) break;                 // layout; value() is whole here
+//         use(parser.read_value_into_buffer());            // the whole value, or:
+//         // char buffer[4096];                            // the value in pieces, or:
+//         // for (unsigned n; (n = parser.value_stream().read(buffer, 4096)) != 0;) ...
+//         // parser.discard_chardata();                    // skip it (read_next() also does)
+//         break;
+//       default:
 //         break;
 //     }
 //   }
@@ -57,8 +63,9 @@
 // Input is read in blocks of block_size bytes; UTF-8 only (a declared encoding must be "UTF-8"
 // in any letter case). Line ends inside and after the root element are normalised to line
 // feeds, attribute values are normalised (white space to spaces). A DOCTYPE declaration is
-// checked lexically and skipped: entities declared in it are not expanded (a reference to one
-// fails unless an entity resolver supplies it) and no default attributes are added.
+// checked against its grammar and skipped: entities declared in it are not expanded (a
+// reference to one fails unless an entity resolver supplies it) and no default attributes are
+// added. docs/xml-parser.md describes every such reading in full.
 //
 // Not thread-safe: one parser is used by one thread at a time.
 #pragma once

@@ -91,6 +91,7 @@ TEST(XmlReaderTest, HandsOutNodesWhateverTheInputAndTheWayValuesAreRead) {
         Doc doc(row.doc, block, piece != 1);
         EXPECT_EQ(zotest::trace(*doc, piece), row.nodes)
             << row.doc << ", block " << block << ", piece " << piece;
+        EXPECT_EQ(doc.source().calls_after_end(), 0u) << "the stream was asked again after its end";
       }
     }
   }
