@@ -91,7 +91,10 @@ TEST(XmlReaderTest, HandsOutNodesWhateverTheInputAndTheWayValuesAreRead) {
         Doc doc(row.doc, block, piece != 1);
         EXPECT_EQ(zotest::trace(*doc, piece), row.nodes)
             << row.doc << ", block " << block << ", piece " << piece;
-        EXPECT_EQ(doc.source().calls_after_end(), 0u) << "the stream was asked again after its end";
+        // A short read ends an IReadStream: it is not asked again after one.
+        auto const& calls = doc.source().calls();
+        for (std::size_t i = 0; i + 1 < calls.size(); ++i)
+          EXPECT_EQ(calls[i].returned, calls[i].requested) << "asked again after a short read";
       }
     }
   }
