@@ -9,6 +9,7 @@ packages=(
   libcereal-dev
   libmsgpack-cxx-dev
   liburiparser-dev
+  libxml2-dev libexpat1-dev
   clang libclang-rt-14-dev
 )
 
