@@ -8,6 +8,8 @@
 #include <zoserialize/binary_writer.h>
 #include <zoserialize/memory_reader.h>
 #include <zoserialize/memory_writer.h>
+#include <zoserialize/text_reader.h>
+#include <zoserialize/text_writer.h>
 
 namespace zotest {
 namespace {
@@ -57,6 +59,19 @@ std::vector<Format> make_formats() {
                  [](std::string bytes) {
                    return owning(std::move(bytes), [](std::string const& kept) {
                      return std::make_unique<zoserialize::MemoryReader>(list_of(kept));
+                   });
+                 }});
+  out.push_back({"Text",
+                 [](std::function<void(Writer&)> const& fn) {
+                   std::string text;
+                   zoserialize::TextWriter writer(text);
+                   fn(writer);
+                   writer.close();
+                   return text;
+                 },
+                 [](std::string bytes) {
+                   return owning(std::move(bytes), [](std::string const& kept) {
+                     return std::make_unique<zoserialize::TextReader>(&kept);
                    });
                  }});
   return out;
