@@ -7,6 +7,7 @@ packages=(
   g++ cmake ninja-build ccache pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev
   libmsgpack-cxx-dev
+  rapidjson-dev
   clang libclang-rt-14-dev
 )
 

@@ -94,6 +94,42 @@ bool is_digit(char c) noexcept {
   return static_cast<unsigned>(c - '0') < 10;
 }
 
+constexpr std::uint64_t kOnes = 0x0101010101010101ull;
+constexpr std::uint64_t kHighs = 0x8080808080808080ull;
+
+std::uint64_t load_word(char const* p) noexcept {
+  std::uint64_t word;
+  std::memcpy(&word, p, sizeof word);
+  return word;
+}
+
+// The index of the first marked byte of a non-zero mask (one bit per byte, as below).
+unsigned first_marked(std::uint64_t mask) noexcept {
+  if constexpr (std::endian::native == std::endian::little) {
+    return static_cast<unsigned>(std::countr_zero(mask)) / 8;
+  } else {
+    return static_cast<unsigned>(std::countl_zero(mask)) / 8;
+  }
+}
+
+// The bytes of `word` that end a plain run in a string: '"', '~' and control characters (line
+// breaks among them). Exact for the first such byte in memory order, which is all that is used.
+std::uint64_t string_stops(std::uint64_t word) noexcept {
+  std::uint64_t const quote = word ^ (kOnes * '"');
+  std::uint64_t const tilde = word ^ (kOnes * '~');
+  return ((word - kOnes * 0x20) & ~word & kHighs) | ((quote - kOnes) & ~quote & kHighs) |
+         ((tilde - kOnes) & ~tilde & kHighs);
+}
+
+bool is_ascii(char const* p, std::size_t n) noexcept {
+  std::uint64_t bits = 0;
+  for (; n >= 8; n -= 8, p += 8)
+    bits |= load_word(p);
+  for (; n != 0; --n, ++p)
+    bits |= static_cast<unsigned char>(*p);
+  return (bits & kHighs) == 0;
+}
+
 std::uint64_t pow10(unsigned n) noexcept {
   std::uint64_t v = 1;
   while (n-- > 0)
@@ -348,6 +384,13 @@ void TextReader::SourceBase::read_string(std::string& out, std::size_t max_size)
   static constexpr char kFunction[] = "zoserialize::TextReader::SourceBase::read_string()";
   // The usual string lies whole in the window, without escapes or line breaks.
   char const* p = cur_;
+  for (; end_ - p >= 8; p += 8) {
+    std::uint64_t const stops = string_stops(load_word(p));
+    if (stops != 0) {
+      p += first_marked(stops);
+      break;
+    }
+  }
   while (p != end_ && kStringPlain[static_cast<unsigned char>(*p)])
     ++p;
   auto const run = static_cast<std::size_t>(p - cur_);
@@ -589,23 +632,38 @@ class TextReader::ReadStreamImpl : public zocore::RefCounted<zocore::AtomicRefCo
 
   // Decodes the next block of base64 into `out` (room for kBlockBytes) and returns the bytes.
   unsigned decode_block(SourceBase& s, unsigned char* out) {
-    char chars[kBlockChars];
-    bool ended = false;
-    unsigned const got = s.read_binary_base64_buffer(chars, kBlockChars, ended);
-    // Stopped at a character that is neither base64 nor the end.
-    if (!ended && got < kBlockChars) throw_invalid(s, offset_ + got);
-    unsigned const whole = got / 4 * 4;
     unsigned char* o = out;
-    for (unsigned i = 0; i < whole; i += 4) {
-      std::uint32_t const v =
-          std::uint32_t{kBase64Value[static_cast<unsigned char>(chars[i])]} << 18 |
-          std::uint32_t{kBase64Value[static_cast<unsigned char>(chars[i + 1])]} << 12 |
-          std::uint32_t{kBase64Value[static_cast<unsigned char>(chars[i + 2])]} << 6 |
-          kBase64Value[static_cast<unsigned char>(chars[i + 3])];
-      o[0] = static_cast<unsigned char>(v >> 16);
-      o[1] = static_cast<unsigned char>(v >> 8);
-      o[2] = static_cast<unsigned char>(v);
-      o += 3;
+    // Whole groups straight from the window while they are plain base64.
+    char const* p = s.cur_;
+    char const* const stop = s.end_ - p > kBlockChars ? p + kBlockChars : s.end_;
+    for (; stop - p >= 4; p += 4, o += 3) {
+      unsigned const a = kBase64Value[static_cast<unsigned char>(p[0])];
+      unsigned const b = kBase64Value[static_cast<unsigned char>(p[1])];
+      unsigned const c = kBase64Value[static_cast<unsigned char>(p[2])];
+      unsigned const d = kBase64Value[static_cast<unsigned char>(p[3])];
+      if ((a | b | c | d) >= 64) break;
+      put_group(o, a << 18 | b << 12 | c << 6 | d);
+    }
+    auto const taken = static_cast<unsigned>(p - s.cur_);
+    offset_ += taken;
+    s.cur_ = p;
+    if (p != s.end_ && *p == ']') {
+      s.cur_ = p + 1;
+      state_ = EState::kEnded;
+      return static_cast<unsigned>(o - out);
+    }
+    if (taken == kBlockChars) return static_cast<unsigned>(o - out);
+    // The rest of the block character by character: line breaks, refills, the last group.
+    char chars[kBlockChars];
+    unsigned const room = kBlockChars - taken;
+    bool ended = false;
+    unsigned const got = s.read_binary_base64_buffer(chars, room, ended);
+    // Stopped at a character that is neither base64 nor the end.
+    if (!ended && got < room) throw_invalid(s, offset_ + got);
+    unsigned const whole = got / 4 * 4;
+    for (unsigned i = 0; i < whole; i += 4, o += 3) {
+      put_group(o, value_of(chars[i]) << 18 | value_of(chars[i + 1]) << 12 |
+                       value_of(chars[i + 2]) << 6 | value_of(chars[i + 3]));
     }
     // The last group of a value: two or three characters for one or two bytes, the unused bits
     // zero so that every byte string has exactly one text.
@@ -613,16 +671,16 @@ class TextReader::ReadStreamImpl : public zocore::RefCounted<zocore::AtomicRefCo
       case 1:
         throw_invalid(s, offset_ + got);
       case 2: {
-        unsigned const a = kBase64Value[static_cast<unsigned char>(chars[whole])];
-        unsigned const b = kBase64Value[static_cast<unsigned char>(chars[whole + 1])];
+        unsigned const a = value_of(chars[whole]);
+        unsigned const b = value_of(chars[whole + 1]);
         if ((b & 0x0F) != 0) throw_invalid(s, offset_ + whole + 1);
         *o++ = static_cast<unsigned char>(a << 2 | b >> 4);
         break;
       }
       case 3: {
-        unsigned const a = kBase64Value[static_cast<unsigned char>(chars[whole])];
-        unsigned const b = kBase64Value[static_cast<unsigned char>(chars[whole + 1])];
-        unsigned const c = kBase64Value[static_cast<unsigned char>(chars[whole + 2])];
+        unsigned const a = value_of(chars[whole]);
+        unsigned const b = value_of(chars[whole + 1]);
+        unsigned const c = value_of(chars[whole + 2]);
         if ((c & 0x03) != 0) throw_invalid(s, offset_ + whole + 2);
         *o++ = static_cast<unsigned char>(a << 2 | b >> 4);
         *o++ = static_cast<unsigned char>((b & 0x0F) << 4 | c >> 2);
@@ -634,6 +692,13 @@ class TextReader::ReadStreamImpl : public zocore::RefCounted<zocore::AtomicRefCo
     offset_ += got;
     if (ended) state_ = EState::kEnded;
     return static_cast<unsigned>(o - out);
+  }
+
+  static unsigned value_of(char c) noexcept { return kBase64Value[static_cast<unsigned char>(c)]; }
+  static void put_group(unsigned char* o, std::uint32_t v) noexcept {
+    o[0] = static_cast<unsigned char>(v >> 16);
+    o[1] = static_cast<unsigned char>(v >> 8);
+    o[2] = static_cast<unsigned char>(v);
   }
 
   // The base64 text is wrong at character `offset` of the value (counted after its `[`).
@@ -772,8 +837,79 @@ void TextReader::read_uint_big_endian(void* data, unsigned size) {
   read_integer(data, size, false, "zoserialize::TextReader::read_uint_big_endian()");
 }
 
+bool TextReader::read_integer_in_window(SourceBase& s, unsigned char* out, unsigned size,
+                                        bool is_signed) noexcept {
+  char const* const p = s.cur_;
+  char const* const end = s.end_;
+  if (p == end) return false;
+  char const tag = *p;
+  char const* q = p + 1;
+  std::uint64_t u = 0;
+  bool negative = false;
+  if (tag == (is_signed ? 'I' : 'X')) {
+    // At most 17 digits are looked at: a 17th sends the token to the general path.
+    char const* const limit = end - q > 17 ? q + 17 : end;
+    unsigned v;
+    while (q != limit && (v = kHexValue[static_cast<unsigned char>(*q)]) != kNoValue) {
+      u = u << 4 | v;
+      ++q;
+    }
+    auto const digits = static_cast<unsigned>(q - p - 1);
+    if (digits > 16) return false;
+    // The first digit carries the sign.
+    negative = is_signed && digits != 0 && kHexValue[static_cast<unsigned char>(p[1])] >= 8;
+    if (negative && digits < 16) u |= ~std::uint64_t{0} << (4 * digits);
+  } else if (tag == (is_signed ? '+' : 'U') || (is_signed && tag == '-')) {
+    // Nineteen digits cannot overflow 64 bits; a twentieth sends the token to the general path.
+    char const* const limit = end - q > 20 ? q + 20 : end;
+    while (q != limit && is_digit(*q))
+      u = u * 10 + static_cast<unsigned>(*q++ - '0');
+    if (q - p > 20) return false;
+    if (is_signed) {
+      negative = tag == '-' && u != 0;
+      if (u > (negative ? std::uint64_t{1} << 63 : std::uint64_t{INT64_MAX})) return false;
+      if (negative) u = 0 - u;
+    }
+  } else {
+    return false;
+  }
+  // The token must end in the window, at anything but a line break (it may go on after one).
+  if (q == end || SourceBase::is_line_break(*q)) return false;
+  if (size < 8) {
+    unsigned const bits = 8 * size;
+    bool const fits = is_signed
+                          ? static_cast<std::int64_t>(u) >= -(std::int64_t{1} << (bits - 1)) &&
+                                static_cast<std::int64_t>(u) < (std::int64_t{1} << (bits - 1))
+                          : u < (std::uint64_t{1} << bits);
+    if (!fits) return false;
+  }
+  switch (size) {
+    case 1:
+      out[0] = static_cast<unsigned char>(u);
+      break;
+    case 2:
+      impl::store_big_endian(static_cast<std::uint16_t>(u), out);
+      break;
+    case 4:
+      impl::store_big_endian(static_cast<std::uint32_t>(u), out);
+      break;
+    case 8:
+      impl::store_big_endian(u, out);
+      break;
+    default: {
+      unsigned char const fill = negative ? 0xFF : 0x00;
+      for (unsigned i = 0; i < size; ++i)
+        out[size - 1 - i] = i < 8 ? static_cast<unsigned char>(u >> (8 * i)) : fill;
+    }
+  }
+  s.cur_ = q;
+  return true;
+}
+
 void TextReader::read_integer(void* data, unsigned size, bool is_signed, char const* function) {
   SourceBase& s = prepare(function);
+  if (read_integer_in_window(s, static_cast<unsigned char*>(data), size, is_signed)) [[likely]]
+    return;
   char const tag =
       read_tag(s, is_signed ? EToken::SignedInteger : EToken::UnsignedInteger, function);
   // The value as a big-endian two's-complement (signed) or plain (unsigned) image.
@@ -837,6 +973,23 @@ void TextReader::read_integer(void* data, unsigned size, bool is_signed, char co
 double TextReader::read_double() {
   static constexpr char kFunction[] = "zoserialize::TextReader::read_double()";
   SourceBase& s = prepare(kFunction);
+  // The usual token: `R` and its digits in the window, ended by anything but a line break.
+  if (s.cur_ != s.end_ && *s.cur_ == 'R') [[likely]] {
+    char const* q = s.cur_ + 1;
+    char const* const limit = s.end_ - q > 16 ? q + 16 : s.end_;
+    std::uint64_t bits = 0;
+    unsigned v;
+    while (q != limit && (v = kHexValue[static_cast<unsigned char>(*q)]) != kNoValue) {
+      bits = bits << 4 | v;
+      ++q;
+    }
+    auto const n = static_cast<unsigned>(q - s.cur_ - 1);
+    if (q != s.end_ && !SourceBase::is_line_break(*q)) {
+      s.cur_ = q;
+      if (n != 0) bits <<= 4 * (16 - n);
+      return std::bit_cast<double>(bits);
+    }
+  }
   read_tag(s, EToken::Double, kFunction);
   char digits[16];
   unsigned const n = s.read_hexdigit_buffer(digits, sizeof digits);
@@ -854,7 +1007,9 @@ void TextReader::read_string_element(SourceBase& source, std::string& out, char 
     return;
   }
   source.read_string(out, kMaxStringByValue);
-  if (!zocore::is_valid_utf8(out.data(), out.size())) throw_invalid_utf8(source, out, function);
+  if (!is_ascii(out.data(), out.size()) && !zocore::is_valid_utf8(out.data(), out.size())) {
+    throw_invalid_utf8(source, out, function);
+  }
 }
 
 void TextReader::read_string(SourceString& out) {

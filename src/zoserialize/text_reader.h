@@ -113,6 +113,9 @@ class ZOSERIALIZE_API TextReader : public Reader {
     std::uint64_t window_pos_ = 0;
 
    private:
+    // The reader parses whole tokens straight from the window when they lie in it.
+    friend class TextReader;
+
     static bool is_line_break(char c) noexcept { return c == '\n' || c == '\r'; }
     int peek_char_slow();
     // Takes the line breaks at cur_ within the window.
@@ -259,6 +262,10 @@ class ZOSERIALIZE_API TextReader : public Reader {
   SourceBase& prepare_slow(char const* function);
   void detach_stream();
   void read_integer(void* data, unsigned size, bool is_signed, char const* function);
+  // A whole integer token of at most 64 bits in the source's window, fitted to `size` bytes;
+  // false (nothing taken) for anything else, which the general path then reads or refuses.
+  static bool read_integer_in_window(SourceBase& s, unsigned char* out, unsigned size,
+                                     bool is_signed) noexcept;
   InterfacePtr<IReadStream> open_stream(SourceBase& s, bool binary, bool ended);
   // Skips (writer null) or copies one whole element.
   void walk(Writer* writer, char const* function);

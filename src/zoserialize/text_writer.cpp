@@ -52,18 +52,62 @@ constexpr unsigned kBase64Block = 3072;
 constexpr unsigned kStringSourceBlock = 4096;
 constexpr unsigned kLargestWrittenHint = 9999999;
 
-// Decimal digits of `v` at `out`; returns the end.
-template <class U>
-char* format_decimal(char* out, U v) noexcept {
+constexpr std::array<char, 200> make_digit_pairs() {
+  std::array<char, 200> t{};
+  for (unsigned i = 0; i < 100; ++i) {
+    t[2 * i] = static_cast<char>('0' + i / 10);
+    t[2 * i + 1] = static_cast<char>('0' + i % 10);
+  }
+  return t;
+}
+constexpr std::array<char, 200> kDigitPairs = make_digit_pairs();
+
+constexpr std::array<char, 512> make_hex_pairs() {
+  std::array<char, 512> t{};
+  for (unsigned i = 0; i < 256; ++i) {
+    t[2 * i] = kHexDigits[i >> 4];
+    t[2 * i + 1] = kHexDigits[i & 15];
+  }
+  return t;
+}
+constexpr std::array<char, 512> kHexPairs = make_hex_pairs();
+
+// Decimal digits of `v` at `out`, two at a time; returns the end.
+char* format_decimal(char* out, std::uint64_t v) noexcept {
   char digits[20];
   char* p = digits + sizeof digits;
-  do {
-    *--p = static_cast<char>('0' + v % 10);
-    v /= 10;
-  } while (v != 0);
+  while (v >= 100) {
+    p -= 2;
+    std::memcpy(p, &kDigitPairs[2 * (v % 100)], 2);
+    v /= 100;
+  }
+  if (v >= 10) {
+    p -= 2;
+    std::memcpy(p, &kDigitPairs[2 * v], 2);
+  } else {
+    *--p = static_cast<char>('0' + v);
+  }
   auto const n = static_cast<std::size_t>(digits + sizeof digits - p);
   std::memcpy(out, p, n);
   return out + n;
+}
+
+// The low `bytes` bytes of `v`, most significant first, as two hex digits each.
+char* format_hex_bytes(char* out, std::uint64_t v, unsigned bytes) noexcept {
+  for (unsigned i = bytes; i-- > 0; out += 2)
+    std::memcpy(out, &kHexPairs[2 * ((v >> (8 * i)) & 0xFF)], 2);
+  return out;
+}
+
+// A set bit in each byte of `word` (eight string bytes) that matches: exact for the first match
+// in memory order, which is all the scan needs (a borrow can only mark bytes after a true one).
+constexpr std::uint64_t kOnes = 0x0101010101010101ull;
+constexpr std::uint64_t kHighs = 0x8080808080808080ull;
+constexpr std::uint64_t zero_bytes(std::uint64_t x) noexcept {
+  return (x - kOnes) & ~x & kHighs;
+}
+constexpr std::uint64_t bytes_equal(std::uint64_t word, unsigned char c) noexcept {
+  return zero_bytes(word ^ (kOnes * c));
 }
 
 // Exactly `width` digits of `v` (which fits them), zero-padded.
@@ -112,6 +156,8 @@ struct TextWriter::Core {
         escape_mask(static_cast<std::uint8_t>(kEscapeAlways |
                                               (o.escape_spaces() ? kEscapeSpace : 0) |
                                               (o.ascii_only() ? kEscapeHighBit : 0))),
+        escape_space(o.escape_spaces()),
+        escape_high(o.ascii_only()),
         pending(target ? 0 : kClosed) {}
 
   // A run of characters gathered on the stack before it goes to the target in one call. A run of
@@ -195,23 +241,54 @@ struct TextWriter::Core {
     }
   }
 
+  // The length of the run at `p` that needs no escape, eight bytes at a time.
+  std::size_t plain_run(unsigned char const* p, std::size_t size) const noexcept {
+    std::size_t i = 0;
+    for (; size - i >= 8; i += 8) {
+      std::uint64_t word;
+      std::memcpy(&word, p + i, sizeof word);
+      // Below 0x20 (bytes of 0x80 and above are excluded by ~word), '"', '~', 0x7F.
+      std::uint64_t hit = ((word - kOnes * 0x20) & ~word & kHighs) | bytes_equal(word, '"') |
+                          bytes_equal(word, '~') | bytes_equal(word, 0x7F);
+      if (escape_space) hit |= bytes_equal(word, ' ');
+      if (escape_high) hit |= word & kHighs;
+      if (hit != 0) {
+        if constexpr (std::endian::native == std::endian::little) {
+          return i + static_cast<std::size_t>(std::countr_zero(hit)) / 8;
+        } else {
+          return i + static_cast<std::size_t>(std::countl_zero(hit)) / 8;
+        }
+      }
+    }
+    while (i != size && (kEscapeClasses[p[i]] & escape_mask) == 0)
+      ++i;
+    return i;
+  }
+
   // The string bytes, escaped where the options say.
   void add_escaped(Composer& out, unsigned char const* p, std::size_t size) const {
-    unsigned char const* const end = p + size;
-    while (p != end) {
-      unsigned char const* const run = p;
-      while (p != end && (kEscapeClasses[*p] & escape_mask) == 0)
-        ++p;
-      if (p != run)
-        out.add_run(reinterpret_cast<char const*>(run), static_cast<std::size_t>(p - run));
-      if (p == end) break;
-      out.add_escape(*p++);
+    while (size != 0) {
+      std::size_t const run = plain_run(p, size);
+      if (run != 0) out.add_run(reinterpret_cast<char const*>(p), run);
+      if (run == size) return;
+      out.add_escape(p[run]);
+      p += run + 1;
+      size -= run + 1;
     }
   }
 
   void write_string_value(unsigned char const* data, std::size_t size) {
     if (size == 0) {
       put('S');
+      return;
+    }
+    // The usual short string without escapes: composed whole, one call to the target.
+    char whole[2 + 254];
+    if (size <= sizeof whole - 2 && plain_run(data, size) == size) {
+      whole[0] = '"';
+      std::memcpy(whole + 1, data, size);
+      whole[size + 1] = '"';
+      emit(whole, size + 2);
       return;
     }
     Composer out(*this);
@@ -269,28 +346,15 @@ struct TextWriter::Core {
   }
 
   void write_signed(unsigned char const* image, unsigned size) {
+    if (size <= 8) return write_small_signed(impl::load_signed(image, size));
     impl::SignedForm const form = impl::minimal_signed_form(image, size);
     unsigned char const* const bytes = image + form.offset;
-    if (form.length == 0) {
-      if (form.sign == 0) {
-        put('+');
-      } else {
-        emit("-1", 2);
-      }
-      return;
-    }
-    if (form.length <= 3) {
-      // Sign-extended to 32 bits: -8,388,608 to 8,388,607 go in decimal.
-      std::uint32_t u = form.sign == 0 ? 0 : 0xFFFFFFFFu;
+    if (form.length <= 8) {
+      // Sign-extended from its significant bytes, the value fits 64 bits.
+      std::uint64_t u = form.sign == 0 ? 0 : ~std::uint64_t{0};
       for (unsigned i = 0; i < form.length; ++i)
         u = (u << 8) | bytes[i];
-      auto const v = static_cast<std::int32_t>(u);
-      char buffer[12];
-      buffer[0] = v < 0 ? '-' : '+';
-      std::uint32_t const magnitude = v < 0 ? 0u - u : u;
-      char* const end = format_decimal(buffer + 1, magnitude);
-      emit(buffer, static_cast<std::size_t>(end - buffer));
-      return;
+      return write_small_signed(static_cast<std::int64_t>(u));
     }
     unsigned const hi = bytes[0] >> 4;
     unsigned const lo = bytes[0] & 15;
@@ -298,30 +362,64 @@ struct TextWriter::Core {
     write_hex_number('I', bytes, form.length, redundant);
   }
 
+  // Decimal while the value fits 3 bytes (-8,388,608 to 8,388,607), else the shortest signed
+  // hex: its significant bytes with one sign bit, and the first digit dropped for `I` when it
+  // only repeats the sign.
+  void write_small_signed(std::int64_t v) {
+    char buffer[20];
+    char* out = buffer;
+    auto const u = static_cast<std::uint64_t>(v);
+    if (v >= -8388608 && v <= 8388607) {
+      if (v == 0) return put('+');
+      *out++ = v < 0 ? '-' : '+';
+      out = format_decimal(out, v < 0 ? 0 - u : u);
+      return emit(buffer, static_cast<std::size_t>(out - buffer));
+    }
+    std::uint64_t const magnitude = v < 0 ? ~u : u;
+    unsigned const bytes = static_cast<unsigned>(64 - std::countl_zero(magnitude)) / 8 + 1;
+    buffer[0] = 'I';
+    char* const digits = buffer + 1;
+    out = format_hex_bytes(digits, u, bytes);
+    bool const redundant =
+        (digits[0] == '0' && digits[1] <= '7') || (digits[0] == 'f' && digits[1] >= '8');
+    char* const start = redundant ? digits : buffer;
+    start[0] = 'I';
+    emit(start, static_cast<std::size_t>(out - start));
+  }
+
   void write_unsigned(unsigned char const* image, unsigned size) {
+    if (size <= 8) return write_small_unsigned(impl::load_unsigned(image, size));
     impl::UnsignedForm const form = impl::minimal_unsigned_form(image, size);
     unsigned char const* const bytes = image + form.offset;
-    if (form.length == 0) {
-      put('U');
-      return;
-    }
-    if (form.length <= 3) {
-      std::uint32_t u = 0;
-      for (unsigned i = 0; i < form.length; ++i)
-        u = (u << 8) | bytes[i];
-      char buffer[12];
-      buffer[0] = 'U';
-      char* const end = format_decimal(buffer + 1, u);
-      emit(buffer, static_cast<std::size_t>(end - buffer));
-      return;
-    }
+    if (form.length <= 8) return write_small_unsigned(impl::load_unsigned(bytes, form.length));
     write_hex_number('X', bytes, form.length, (bytes[0] >> 4) == 0);
+  }
+
+  // Decimal below 2^24, else hex with `X` in place of a leading `0` digit.
+  void write_small_unsigned(std::uint64_t v) {
+    char buffer[20];
+    char* out = buffer;
+    if (v < (1u << 24)) {
+      if (v == 0) return put('U');
+      *out++ = 'U';
+      out = format_decimal(out, v);
+      return emit(buffer, static_cast<std::size_t>(out - buffer));
+    }
+    unsigned const bytes = static_cast<unsigned>(64 - std::countl_zero(v) + 7) / 8;
+    buffer[0] = 'X';
+    char* const digits = buffer + 1;
+    out = format_hex_bytes(digits, v, bytes);
+    char* const start = digits[0] == '0' ? digits : buffer;
+    start[0] = 'X';
+    emit(start, static_cast<std::size_t>(out - start));
   }
 
   Options options;
   InterfacePtr<ITextTarget> target;  // null once closed
   std::string* direct;               // the caller's string, written without the target's calls
   std::uint8_t escape_mask;
+  bool escape_space;
+  bool escape_high;
   std::uint8_t pending;  // kStreamOpen | kOutputFailed | kClosed
   impl::ScopeStack scopes;
   // Last, so that it is destroyed first: an open stream is abandoned before anything it uses.
@@ -476,15 +574,12 @@ void TextWriter::write_uint_big_endian(void const* data, unsigned size) {
 
 void TextWriter::write_double(double value) {
   Core& c = begin("zoserialize::TextWriter::write_double()");
-  std::uint64_t bits = std::bit_cast<std::uint64_t>(value);
+  auto const bits = std::bit_cast<std::uint64_t>(value);
   // The bit pattern's hex digits without the trailing zero digits (all of them for +0.0).
   unsigned const digits = bits == 0 ? 0 : 16 - static_cast<unsigned>(std::countr_zero(bits)) / 4;
-  char buffer[17];
+  char buffer[1 + 16];
   buffer[0] = 'R';
-  for (unsigned i = 0; i < digits; ++i) {
-    buffer[1 + i] = kHexDigits[bits >> 60];
-    bits <<= 4;
-  }
+  format_hex_bytes(buffer + 1, bits, 8);
   c.emit(buffer, 1 + digits);
 }
 
