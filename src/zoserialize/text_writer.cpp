@@ -146,8 +146,8 @@ impl::ScopeMessages const kScopeMessages = {
 
 // ---- Core ---------------------------------------------------------------------------------------
 
-// Everything the writer keeps, behind the installed header. Every character reaches the target
-// through put() or emit(); a target that throws leaves the writer failed.
+// Everything the writer keeps, behind the installed header. Every character passes through the
+// output buffer to the target; a target that throws leaves the writer failed.
 struct TextWriter::Core {
   Core(Options const& o, InterfacePtr<ITextTarget> t, std::string* string) noexcept
       : options(o),
@@ -160,61 +160,50 @@ struct TextWriter::Core {
         escape_high(o.ascii_only()),
         pending(target ? 0 : kClosed) {}
 
-  // A run of characters gathered on the stack before it goes to the target in one call. A run of
-  // string bytes that does not fit goes to the target on its own, never split.
-  class Composer {
-   public:
-    explicit Composer(Core& core) noexcept : core_(core) {}
-    Composer(Composer const&) = delete;
-    Composer& operator=(Composer const&) = delete;
+  // ---- Output buffer ----
+  // Text is gathered here and handed to the target when the buffer is full, at flush() and at
+  // close(). Encoders write straight into it: room(n) makes n characters free at the returned
+  // pointer, commit() takes what was written.
+  static constexpr unsigned kBufferSize = 4096;
 
-    void add(char c) {
-      if (used_ == sizeof buffer_) flush();
-      buffer_[used_++] = c;
-    }
-    void add_escape(unsigned char byte) {
-      if (sizeof buffer_ - used_ < 3) flush();
-      buffer_[used_] = '~';
-      buffer_[used_ + 1] = kHexDigits[byte >> 4];
-      buffer_[used_ + 2] = kHexDigits[byte & 15];
-      used_ += 3;
-    }
-    void add_run(char const* data, std::size_t size) {
-      if (size <= sizeof buffer_ - used_) {
-        std::memcpy(buffer_ + used_, data, size);
-        used_ += static_cast<unsigned>(size);
-        return;
-      }
-      flush();
-      core_.emit(data, size);
-    }
-    void flush() {
-      if (used_ != 0) core_.emit(buffer_, used_);
-      used_ = 0;
-    }
-
-   private:
-    Core& core_;
-    unsigned used_ = 0;
-    char buffer_[512];  // NOLINT(cppcoreguidelines-pro-type-member-init): written before read
-  };
+  char* room(unsigned n) {
+    if (kBufferSize - used < n) [[unlikely]]
+      flush_buffer();
+    return buffer + used;
+  }
+  void commit(char const* end) noexcept { used = static_cast<unsigned>(end - buffer); }
 
   void put(char c) {
-    try {
-      if (direct != nullptr) [[likely]] {
-        direct->push_back(c);
-      } else {
-        target->put(c);
-      }
-    } catch (...) {
-      output_failed();
-      throw;
+    if (used == kBufferSize) [[unlikely]]
+      flush_buffer();
+    buffer[used++] = c;
+  }
+
+  // A run that does not fit what is left of the buffer goes to the target whole, never split.
+  void emit(char const* data, std::size_t size) {
+    if (size <= kBufferSize - used) [[likely]] {
+      std::memcpy(buffer + used, data, size);
+      used += static_cast<unsigned>(size);
+      return;
+    }
+    flush_buffer();
+    if (size < kBufferSize) {
+      std::memcpy(buffer, data, size);
+      used = static_cast<unsigned>(size);
+    } else {
+      to_target(data, size);
     }
   }
 
-  void emit(char const* data, std::size_t size) {
+  void flush_buffer() {
+    unsigned const n = used;
+    used = 0;
+    if (n != 0) to_target(buffer, n);
+  }
+
+  void to_target(char const* data, std::size_t size) {
     try {
-      if (direct != nullptr) [[likely]] {
+      if (direct != nullptr) {
         direct->append(data, size);
       } else {
         target->write(data, static_cast<unsigned>(size));
@@ -228,6 +217,7 @@ struct TextWriter::Core {
   // What was written can no longer be read back: refuse from now on.
   void output_failed() noexcept {
     pending |= kOutputFailed;
+    used = 0;
     slot.abandon();
   }
 
@@ -266,82 +256,62 @@ struct TextWriter::Core {
   }
 
   // The string bytes, escaped where the options say.
-  void add_escaped(Composer& out, unsigned char const* p, std::size_t size) const {
+  void write_escaped(unsigned char const* p, std::size_t size) {
     while (size != 0) {
       std::size_t const run = plain_run(p, size);
-      if (run != 0) out.add_run(reinterpret_cast<char const*>(p), run);
+      if (run != 0) emit(reinterpret_cast<char const*>(p), run);
       if (run == size) return;
-      out.add_escape(p[run]);
+      char* const out = room(3);
+      out[0] = '~';
+      std::memcpy(out + 1, &kHexPairs[2 * p[run]], 2);
+      commit(out + 3);
       p += run + 1;
       size -= run + 1;
     }
   }
 
   void write_string_value(unsigned char const* data, std::size_t size) {
-    if (size == 0) {
-      put('S');
+    if (size == 0) return put('S');
+    // The usual short string without escapes: copied whole into the buffer.
+    if (size + 2 <= kBufferSize - used && plain_run(data, size) == size) [[likely]] {
+      char* const out = buffer + used;
+      out[0] = '"';
+      std::memcpy(out + 1, data, size);
+      out[size + 1] = '"';
+      used += static_cast<unsigned>(size + 2);
       return;
     }
-    // The usual short string without escapes: composed whole, one call to the target.
-    char whole[2 + 254];
-    if (size <= sizeof whole - 2 && plain_run(data, size) == size) {
-      whole[0] = '"';
-      std::memcpy(whole + 1, data, size);
-      whole[size + 1] = '"';
-      emit(whole, size + 2);
-      return;
-    }
-    Composer out(*this);
-    out.add('"');
-    add_escaped(out, data, size);
-    out.add('"');
-    out.flush();
+    put('"');
+    write_escaped(data, size);
+    put('"');
   }
 
-  // `lead`, the base64 of the bytes in pieces of 4096 characters, then `trail`; a 0 character
-  // stands for none.
+  // `lead`, the base64 of the bytes, then `trail`; a 0 character stands for none. The bytes are
+  // encoded in pieces of whole 3-byte groups straight into the buffer, so consecutive pieces join
+  // without padding.
   void write_base64(unsigned char const* data, std::size_t size, char lead, char trail) {
-    char piece[1 + 4096 + 1];
-    do {
-      std::size_t const n = size < kBase64Block ? size : kBase64Block;
-      char* out = piece;
-      if (lead != 0) *out++ = lead;
-      lead = 0;
-      out += zocore::base64_encode(data, n, out, false);
+    if (lead != 0) put(lead);
+    while (size != 0) {
+      if (kBufferSize - used < 4) flush_buffer();
+      std::size_t const fit = (kBufferSize - used) / 4 * 3;
+      std::size_t const n = size < fit ? size : fit;
+      used += static_cast<unsigned>(zocore::base64_encode(data, n, buffer + used, false));
       data += n;
       size -= n;
-      if (size == 0 && trail != 0) *out++ = trail;
-      emit(piece, static_cast<std::size_t>(out - piece));
-    } while (size != 0);
+    }
+    if (trail != 0) put(trail);
   }
 
-  // `tag` and the bytes in hex. `redundant_first`: the first digit only repeats the sign, so the
-  // tag takes its place.
+  // `tag` and the bytes in hex (numbers wider than 64 bits). `redundant_first`: the first digit
+  // only repeats the sign, so the tag takes its place.
   void write_hex_number(char tag, unsigned char const* bytes, std::size_t size,
                         bool redundant_first) {
-    char buffer[1 + 2 * 128];
-    char* out = buffer;
-    *out++ = tag;
-    out[0] = kHexDigits[bytes[0] >> 4];
-    out[1] = kHexDigits[bytes[0] & 15];
-    if (redundant_first) {
-      out[0] = out[1];
-      out += 1;
-    } else {
-      out += 2;
-    }
-    ++bytes;
-    --size;
-    for (;;) {
-      std::size_t const room = (sizeof buffer - static_cast<std::size_t>(out - buffer)) / 2;
-      std::size_t const n = size < room ? size : room;
-      zocore::hex_encode(bytes, n, out);
-      out += 2 * n;
-      bytes += n;
-      size -= n;
-      emit(buffer, static_cast<std::size_t>(out - buffer));
-      if (size == 0) return;
-      out = buffer;
+    put(tag);
+    if (redundant_first) put(kHexDigits[bytes[0] & 15]);
+    for (std::size_t i = redundant_first ? 1 : 0; i < size; ++i) {
+      char* const pair = room(2);
+      std::memcpy(pair, &kHexPairs[2 * bytes[i]], 2);
+      commit(pair + 2);
     }
   }
 
@@ -366,25 +336,27 @@ struct TextWriter::Core {
   // hex: its significant bytes with one sign bit, and the first digit dropped for `I` when it
   // only repeats the sign.
   void write_small_signed(std::int64_t v) {
-    char buffer[20];
-    char* out = buffer;
+    char* const start = room(20);
+    char* out = start;
     auto const u = static_cast<std::uint64_t>(v);
     if (v >= -8388608 && v <= 8388607) {
       if (v == 0) return put('+');
       *out++ = v < 0 ? '-' : '+';
-      out = format_decimal(out, v < 0 ? 0 - u : u);
-      return emit(buffer, static_cast<std::size_t>(out - buffer));
+      return commit(format_decimal(out, v < 0 ? 0 - u : u));
     }
     std::uint64_t const magnitude = v < 0 ? ~u : u;
     unsigned const bytes = static_cast<unsigned>(64 - std::countl_zero(magnitude)) / 8 + 1;
-    buffer[0] = 'I';
-    char* const digits = buffer + 1;
+    start[0] = 'I';
+    char* const digits = start + 1;
     out = format_hex_bytes(digits, u, bytes);
     bool const redundant =
         (digits[0] == '0' && digits[1] <= '7') || (digits[0] == 'f' && digits[1] >= '8');
-    char* const start = redundant ? digits : buffer;
-    start[0] = 'I';
-    emit(start, static_cast<std::size_t>(out - start));
+    if (redundant) {
+      // The tag takes the place of the digit that only repeats the sign.
+      std::memmove(digits, digits + 1, static_cast<std::size_t>(out - digits - 1));
+      --out;
+    }
+    commit(out);
   }
 
   void write_unsigned(unsigned char const* image, unsigned size) {
@@ -397,21 +369,22 @@ struct TextWriter::Core {
 
   // Decimal below 2^24, else hex with `X` in place of a leading `0` digit.
   void write_small_unsigned(std::uint64_t v) {
-    char buffer[20];
-    char* out = buffer;
+    char* const start = room(20);
+    char* out = start;
     if (v < (1u << 24)) {
       if (v == 0) return put('U');
       *out++ = 'U';
-      out = format_decimal(out, v);
-      return emit(buffer, static_cast<std::size_t>(out - buffer));
+      return commit(format_decimal(out, v));
     }
     unsigned const bytes = static_cast<unsigned>(64 - std::countl_zero(v) + 7) / 8;
-    buffer[0] = 'X';
-    char* const digits = buffer + 1;
-    out = format_hex_bytes(digits, v, bytes);
-    char* const start = digits[0] == '0' ? digits : buffer;
     start[0] = 'X';
-    emit(start, static_cast<std::size_t>(out - start));
+    char* const digits = start + 1;
+    out = format_hex_bytes(digits, v, bytes);
+    if (digits[0] == '0') {
+      std::memmove(digits, digits + 1, static_cast<std::size_t>(out - digits - 1));
+      --out;
+    }
+    commit(out);
   }
 
   Options options;
@@ -421,9 +394,11 @@ struct TextWriter::Core {
   bool escape_space;
   bool escape_high;
   std::uint8_t pending;  // kStreamOpen | kOutputFailed | kClosed
+  unsigned used = 0;     // characters in the buffer
   impl::ScopeStack scopes;
   // Last, so that it is destroyed first: an open stream is abandoned before anything it uses.
   impl::ValueStreamSlot slot;
+  char buffer[kBufferSize];  // NOLINT(cppcoreguidelines-pro-type-member-init): written before read
 };
 
 // ---- Value streams ------------------------------------------------------------------------------
@@ -457,21 +432,17 @@ class TextWriter::StringStreamImpl final : public impl::BufferedValueStream<4096
 
  private:
   void emit_block(unsigned char const* data, unsigned size) override {
-    Core::Composer out(core_);
-    if (first_) out.add('"');
+    if (first_) core_.put('"');
     first_ = false;
-    core_.add_escaped(out, data, size);
-    out.flush();
+    core_.write_escaped(data, size);
   }
   void emit_final(unsigned char const* rest, unsigned size) override {
     if (first_) {
       core_.write_string_value(rest, size);
       return;
     }
-    Core::Composer out(core_);
-    core_.add_escaped(out, rest, size);
-    out.add('"');
-    out.flush();
+    core_.write_escaped(rest, size);
+    core_.put('"');
   }
 
   Core& core_;
@@ -509,6 +480,13 @@ TextWriter::~TextWriter() {
     close();
   } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor must not throw
   }
+  // A close that failed (scopes left open) still hands over what was written.
+  if ((core_->pending & (kClosed | kOutputFailed)) == 0) {
+    try {
+      core_->flush_buffer();
+    } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor must not throw
+    }
+  }
 }
 
 InterfacePtr<TextWriter::ITextTarget> TextWriter::make_target(InterfacePtr<IWriteStream> stream) {
@@ -545,13 +523,14 @@ void TextWriter::close() {
   if ((c.pending & kClosed) != 0) return;
   begin(kFunction);
   c.scopes.check_all_closed(kScopeMessages);
+  c.flush_buffer();
   c.target.reset();
   c.direct = nullptr;
   c.pending = kClosed;
 }
 
 void TextWriter::flush() {
-  begin("zoserialize::TextWriter::flush()");
+  begin("zoserialize::TextWriter::flush()").flush_buffer();
 }
 
 void TextWriter::write_null() {
@@ -603,16 +582,13 @@ void TextWriter::write_string_stream(IReadStream& source) {
     c.put('S');
     return;
   }
-  Core::Composer out(c);
-  out.add('"');
-  c.add_escaped(out, block, got);
+  c.put('"');
+  c.write_escaped(block, got);
   while (got == kStringSourceBlock) {
-    out.flush();
     got = c.read_source(source, block, kStringSourceBlock, true);
-    c.add_escaped(out, block, got);
+    c.write_escaped(block, got);
   }
-  out.add('"');
-  out.flush();
+  c.put('"');
 }
 
 void TextWriter::write_absolute_time(AbsoluteTime const& value) {

@@ -18,10 +18,11 @@ namespace zoserialize {
 // every byte above 0x7E as well), so the text can be pasted into logs, mails and configuration
 // values. docs/text-format.md describes the grammar; TextReader reads it back.
 //
-// Output goes to the target as it is produced (there is no buffer in the writer), so the target
-// holds everything written so far after each operation, except the bytes gathered by an open
-// value stream (write_string_stream() / write_binary()), which appear when that value ends.
-// Escaped strings and base64 are produced in pieces on the stack; scalars cause no allocation.
+// Output is gathered in a buffer of 4 KiB inside the writer and handed to the target when the
+// buffer is full, at flush(), at close() and at destruction: the target holds all that was
+// written only after one of these. A run of string bytes that needs no escape is never split
+// across target calls. Escapes and base64 are encoded straight into the buffer; scalars cause no
+// allocation.
 //
 // When the target (or the source of write_binary(IReadStream&) / write_string_stream(
 // IReadStream&), once the value has begun) throws, what was written so far cannot be read back:
@@ -88,17 +89,18 @@ class ZOSERIALIZE_API TextWriter final : public Writer {
   explicit TextWriter(InterfacePtr<IWriteStream> stream, Options const& options = Options());
   TextWriter(TextWriter const&) = delete;
   TextWriter& operator=(TextWriter const&) = delete;
-  // Calls close(), swallowing its failure (open scopes); a caller who still holds a value
-  // stream gets failures from it afterwards.
+  // Calls close(), swallowing its failure (open scopes), and hands what is still buffered to the
+  // target even then; a caller who still holds a value stream gets failures from it afterwards.
   ~TextWriter() override;
 
   Options const& options() const noexcept;
 
   // Ends an open value stream, checks that no sequence or marker is open (the writer stays open
-  // when one is), then releases the target; there is no end-of-document mark. Closing a closed
-  // writer does nothing.
+  // when one is), hands the buffered text to the target, then releases the target; there is no
+  // end-of-document mark. Closing a closed writer does nothing.
   void close() override;
-  // Ends an open value stream; the target itself is not flushed.
+  // Ends an open value stream and hands the buffered text to the target; the target itself (an
+  // ostream, a stream) is not flushed.
   void flush() override;
   void write_null() override;
   void write_bool(bool value) override;
@@ -107,13 +109,14 @@ class ZOSERIALIZE_API TextWriter final : public Writer {
   void write_double(double value) override;
   // The bytes are escaped as needed but not checked as UTF-8.
   void write_string(char const* data, unsigned size) override;
-  // Gathers 4096 bytes before it writes; the string ends with the next operation or close().
+  // Gathers 4096 bytes before it renders them; the string ends with the next operation, flush()
+  // or close().
   InterfacePtr<IWriteStream> write_string_stream() override;
   void write_string_stream(IReadStream& source) override;
   void write_absolute_time(AbsoluteTime const& value) override;
   void write_relative_time(RelativeTime const& value) override;
   void write_uuid(Uuid const& value) override;
-  // Writes `[` at once, then base64 of every 4095 bytes gathered; `]` when the value ends.
+  // Writes `[` at once, then the base64 of every 4095 bytes gathered; `]` when the value ends.
   InterfacePtr<IWriteStream> write_binary() override;
   void write_binary(IReadStream& source) override;
   void write_binary(void const* data, unsigned size) override;

@@ -224,19 +224,22 @@ TEST(TextWriterTest, WrappedLinesKeepTheirShape) {
   }
 }
 
-// Unescaped runs reach the target in one call; a string is written as few calls as fit.
-TEST(TextWriterTest, StringsGoToTheTargetInFewCalls) {
-  std::string const run(1000, 'x');
+// The text reaches the target from the writer's buffer when it is full, at flush() and at
+// close(); an unescaped run too large for what is left of the buffer goes to the target whole.
+TEST(TextWriterTest, BufferedTextReachesTheTargetInFewCalls) {
+  std::string const run(5000, 'x');
   auto target = make_ref_counted<RecordingTarget>();
   TextWriter w{InterfacePtr<TextWriter::ITextTarget>(target)};
-  w << "a~b" << run + "\x01" + run;
+  w << "a~b";
+  EXPECT_TRUE(target->calls.empty());
+  w.flush();
+  w << run + "\x01" + run;
   w.close();
   EXPECT_EQ(target->calls, (std::vector<std::string>{"w:\"a~7eb\"", "w:\"", "w:" + run, "w:~01",
                                                      "w:" + run, "w:\""}));
 }
 
-// Value streams give the same text as the whole value, whatever the pieces; `[` is written when
-// the binary starts, the rest when the value ends.
+// Value streams give the same text as the whole value, whatever the pieces.
 TEST(TextWriterTest, ValueStreamsWriteWhatWholeValuesWrite) {
   std::string const text = "0123456789 ~\"abcdefghijklmnopqrstuvwxyz";
   for (std::size_t size : {0u, 1u, 2u, 4094u, 4095u, 4096u, 4097u, 8190u, 12289u}) {
@@ -252,7 +255,6 @@ TEST(TextWriterTest, ValueStreamsWriteWhatWholeValuesWrite) {
       auto target = make_ref_counted<RecordingTarget>();
       TextWriter w{InterfacePtr<TextWriter::ITextTarget>(target)};
       InterfacePtr<IWriteStream> const binary = w.write_binary();
-      EXPECT_EQ(target->text, "[");
       for (std::size_t at = 0; at < size; at += piece)
         binary->write(data.data() + at,
                       static_cast<unsigned>(std::min<std::size_t>(piece, size - at)));
@@ -279,15 +281,14 @@ TEST(TextWriterTest, ValueStreamsEndWithTheNextOperation) {
   TextWriter w(out);
   InterfacePtr<IWriteStream> const binary = w.write_binary();
   binary->write("hi", 2);
-  EXPECT_EQ(out, "[");
   w.flush();
   EXPECT_EQ(out, "[aGk]");
   InterfacePtr<IWriteStream> const string = w.write_string_stream();
   string->write("x", 1);
   string->close();
-  EXPECT_EQ(out, "[aGk]\"x\"");
   InterfacePtr<IWriteStream> const next = w.write_string_stream();
   w.write_null();
+  w.flush();
   EXPECT_EQ(out, "[aGk]\"x\"SZ");
   for (auto const* stream : {&binary, &string, &next}) {
     auto const info = ZO_EXPECT_ERROR((*stream)->write("y", 1), error::zoserialize_writer_state,
@@ -442,36 +443,36 @@ TEST(TextWriterTest, UnwrittenHintIsChecked) {
   w.write_null();
   for (int i = 1; i < 10000000; ++i)
     w.write_sequence_separator();
+  w.flush();
   EXPECT_EQ(target->count, 1u + 1u + 9999999u);
   ZO_EXPECT_ERROR(w.write_sequence_separator(), error::zoserialize_writer_sequence_element_count,
                   "Attempt to add more sequence elements than the count hint indicated.  "
                   "CountHint={@countHint}");
 }
 
-// Once the target or a source has failed inside an element, the text cannot be read back: every
-// later operation is refused, close() included. A source that fails before anything of its
-// element was written leaves no trace.
+// Once the target or a source has failed, the text cannot be read back: every later operation is
+// refused, close() included. A source that fails before anything of its element was written
+// leaves no trace.
 TEST(TextWriterTest, ForeignFailureLeavesTheWriterFailed) {
   constexpr char kIncomplete[] =
       "Writer output is incomplete: its output stream or a source failed in the middle of an "
       "element, so nothing more can be written";
+  // Each way text reaches the target: flush(), close(), a full buffer, a run too large for it.
+  std::string const big(5000, 'a');
   std::vector<WriteFn> const failing = {
-      [](Writer& w) { w << "abc"; },
-      [](Writer& w) { w.write_binary()->write("abc", 3); },
-      [](Writer& w) {
-        InterfacePtr<IWriteStream> const s = w.write_string_stream();
-        std::string const big(5000, 'a');
-        s->write(big.data(), 5000);
-      },
+      [](Writer& w) { w.flush(); },
+      [](Writer& w) { w.close(); },
+      [&](Writer& w) { w << big; },
+      [&](Writer& w) { w.write_binary()->write(big.data(), 5000); },
+      [&](Writer& w) { w.write_string_stream()->write(big.data(), 5000); },
   };
   for (WriteFn const& fn : failing) {
     auto target = make_ref_counted<RecordingTarget>();
-    target->fail_at = 1;
+    target->fail_at = 0;
     TextWriter w{InterfacePtr<TextWriter::ITextTarget>(target)};
     w.write_null();
     try {
       fn(w);
-      w.flush();
       ADD_FAILURE() << "the target did not fail";
     } catch (std::runtime_error const&) {
     }
