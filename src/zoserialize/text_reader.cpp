@@ -647,12 +647,20 @@ class TextReader::ReadStreamImpl : public zocore::RefCounted<zocore::AtomicRefCo
     auto const taken = static_cast<unsigned>(p - s.cur_);
     offset_ += taken;
     s.cur_ = p;
-    if (p != s.end_ && *p == ']') {
-      s.cur_ = p + 1;
+    if (taken == kBlockChars) return static_cast<unsigned>(o - out);
+    // The usual end: a last group of 0, 2 or 3 characters, then `]`.
+    std::ptrdiff_t tail = 0;
+    while (tail < 4 && s.end_ - p > tail && value_of(p[tail]) < 64)
+      ++tail;
+    if (tail != 1 && tail != 4 && s.end_ - p > tail && p[tail] == ']') {
+      if (tail != 0 && !put_last_group(o, p, static_cast<unsigned>(tail))) {
+        throw_invalid(s, offset_ + static_cast<unsigned>(tail) - 1);
+      }
+      offset_ += static_cast<unsigned>(tail);
+      s.cur_ = p + tail + 1;
       state_ = EState::kEnded;
       return static_cast<unsigned>(o - out);
     }
-    if (taken == kBlockChars) return static_cast<unsigned>(o - out);
     // The rest of the block character by character: line breaks, refills, the last group.
     char chars[kBlockChars];
     unsigned const room = kBlockChars - taken;
@@ -665,36 +673,32 @@ class TextReader::ReadStreamImpl : public zocore::RefCounted<zocore::AtomicRefCo
       put_group(o, value_of(chars[i]) << 18 | value_of(chars[i + 1]) << 12 |
                        value_of(chars[i + 2]) << 6 | value_of(chars[i + 3]));
     }
-    // The last group of a value: two or three characters for one or two bytes, the unused bits
-    // zero so that every byte string has exactly one text.
-    switch (got - whole) {
-      case 1:
-        throw_invalid(s, offset_ + got);
-      case 2: {
-        unsigned const a = value_of(chars[whole]);
-        unsigned const b = value_of(chars[whole + 1]);
-        if ((b & 0x0F) != 0) throw_invalid(s, offset_ + whole + 1);
-        *o++ = static_cast<unsigned char>(a << 2 | b >> 4);
-        break;
-      }
-      case 3: {
-        unsigned const a = value_of(chars[whole]);
-        unsigned const b = value_of(chars[whole + 1]);
-        unsigned const c = value_of(chars[whole + 2]);
-        if ((c & 0x03) != 0) throw_invalid(s, offset_ + whole + 2);
-        *o++ = static_cast<unsigned char>(a << 2 | b >> 4);
-        *o++ = static_cast<unsigned char>((b & 0x0F) << 4 | c >> 2);
-        break;
-      }
-      default:
-        break;
-    }
+    unsigned const rest = got - whole;
+    if (rest == 1) throw_invalid(s, offset_ + got);
+    if (rest != 0 && !put_last_group(o, chars + whole, rest)) throw_invalid(s, offset_ + got - 1);
     offset_ += got;
     if (ended) state_ = EState::kEnded;
     return static_cast<unsigned>(o - out);
   }
 
   static unsigned value_of(char c) noexcept { return kBase64Value[static_cast<unsigned char>(c)]; }
+  // The last group of a value: two or three characters for one or two bytes, the unused bits of
+  // the last character zero so that every byte string has exactly one text. Advances `o`; false
+  // when those bits are not zero.
+  static bool put_last_group(unsigned char*& o, char const* chars, unsigned n) noexcept {
+    unsigned const a = value_of(chars[0]);
+    unsigned const b = value_of(chars[1]);
+    if (n == 2) {
+      if ((b & 0x0F) != 0) return false;
+      *o++ = static_cast<unsigned char>(a << 2 | b >> 4);
+      return true;
+    }
+    unsigned const c = value_of(chars[2]);
+    if ((c & 0x03) != 0) return false;
+    *o++ = static_cast<unsigned char>(a << 2 | b >> 4);
+    *o++ = static_cast<unsigned char>((b & 0x0F) << 4 | c >> 2);
+    return true;
+  }
   static void put_group(unsigned char* o, std::uint32_t v) noexcept {
     o[0] = static_cast<unsigned char>(v >> 16);
     o[1] = static_cast<unsigned char>(v >> 8);
@@ -875,6 +879,8 @@ bool TextReader::read_integer_in_window(SourceBase& s, unsigned char* out, unsig
   }
   // The token must end in the window, at anything but a line break (it may go on after one).
   if (q == end || SourceBase::is_line_break(*q)) return false;
+  // Zero bytes (only 0, or -1 when signed, fit them) are the general path's business.
+  if (size == 0) return false;
   if (size < 8) {
     unsigned const bits = 8 * size;
     bool const fits = is_signed

@@ -153,6 +153,7 @@ std::vector<TextRow> make_rows() {
       {"BinaryOneByte", binary(std::string(1, '\0')), "[AA]"},
       {"BinaryHi", binary("hi"), "[aGk]"},
       {"BinaryThreeBytes", binary("\xFF\xFE\xFD"), "[//79]"},
+      {"Binary3072Bytes", binary(pattern3073.substr(0, 3072)), "[" + base64_of_pattern(3072) + "]"},
       {"Binary3073Bytes", binary(pattern3073), "[" + base64_of_pattern(3073) + "]"},
       {"BinaryStream",
        [pattern3073](Writer& w) {

@@ -241,6 +241,14 @@ TEST(TextReaderTest, IntegersFitTheWidthAsked) {
       bits(ZO_EXPECT_ERROR(r.read_uint64(), error::zoserialize_reader_data_type_range, kUnsigned)),
       "64/72");
   EXPECT_EQ(r.read_uint64(), UINT64_MAX);
+  // Zero bytes hold 0 and, signed, -1.
+  o = open("+-1+5");
+  unsigned char none[1];
+  o->reader->read_int_big_endian(none, 0);
+  o->reader->read_int_big_endian(none, 0);
+  EXPECT_EQ(bits(ZO_EXPECT_ERROR(o->reader->read_int_big_endian(none, 0),
+                                 error::zoserialize_reader_data_type_range, kSigned)),
+            "0/8");
 }
 
 struct FailureCase {
