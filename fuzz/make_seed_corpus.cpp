@@ -236,12 +236,14 @@ int main(int argc, char** argv) {
   }
   std::size_t seeds = 0;
   std::size_t skipped = 0;
-  for (zotest::BinaryGoldenCase const& row : zotest::binary_golden_cases()) {
-    if (row.bytes.size() > kMaxSeedBytes) {
+  zotest::GoldenColumn const& column = zotest::binary_column();
+  for (std::string const& name : column.names()) {
+    std::string const& bytes = column.find(name)->bytes;
+    if (bytes.size() > kMaxSeedBytes) {
       ++skipped;
       continue;
     }
-    if (!write_seed(dir, variants, "golden_" + row.name, row.bytes)) return 1;
+    if (!write_seed(dir, variants, "golden_" + name, bytes)) return 1;
     ++seeds;
   }
   auto docs = documents();

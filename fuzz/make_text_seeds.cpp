@@ -1,11 +1,11 @@
-// Writes the seed corpus of fuzz_text_reader: the text of every grammar row
-// (tests/support/text_rows) and a few larger documents written with wrapping and escaping
-// options, each behind the target's 6-byte header in three variants: read in place, through a
-// 3-character buffer from a stream that sometimes delivers short pieces, and through a
-// 101-character buffer from a choppy stream that hides its size.
+// Writes the seed corpus of fuzz_text_reader: every text of the text format's golden column
+// (tests/support/text_golden) that is small enough for a fuzz input, and a few larger documents
+// written with wrapping and escaping options, each behind the target's 6-byte header in three
+// variants: read in place, through a 3-character buffer from a stream that sometimes delivers short
+// pieces, and through a 101-character buffer from a choppy stream that hides its size.
 //
 // Usage: make_text_seeds <output directory>
-// The files are committed under fuzz/corpus/text_reader/; regenerate them after the rows change
+// The files are committed under fuzz/corpus/text_reader/; regenerate them after the column changes
 // (remove the old files first, so that renamed rows leave nothing behind).
 
 #include <cstdio>
@@ -16,7 +16,7 @@
 #include <vector>
 
 #include <support/random_document.h>
-#include <support/text_rows.h>
+#include <support/text_golden.h>
 #include <zoserialize/text_writer.h>
 
 namespace {
@@ -56,8 +56,10 @@ int main(int argc, char** argv) {
   std::error_code ec;
   fs::create_directories(dir, ec);
   std::vector<std::pair<std::string, std::string>> seeds;
-  for (zotest::TextRow const& row : zotest::text_rows())
-    seeds.emplace_back("row_" + row.name, row.text);
+  for (std::string const& name : zotest::text_column().names()) {
+    if (auto const* rendering = zotest::text_column().find(name))
+      seeds.emplace_back("golden_" + name, rendering->bytes);
+  }
   seeds.emplace_back("doc_plain", document(1, TextWriter::Options()));
   seeds.emplace_back("doc_wrapped", document(2, TextWriter::Options().line_width(13)));
   seeds.emplace_back("doc_escaped", document(3, TextWriter::Options()

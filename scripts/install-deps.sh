@@ -8,6 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libmsgpack-cxx-dev
   rapidjson-dev
+  liburiparser-dev
   clang libclang-rt-14-dev
 )
 

@@ -6,13 +6,14 @@
 #include <zocore/memory_stream.h>
 #include <zoserialize/binary_reader.h>
 #include <zoserialize/binary_writer.h>
+#include <zoserialize/marshal_uri.h>
 
 int main() {
   try {
     auto sink = zocore::make_ref_counted<zocore::StringWriteStream>();
     {
       zoserialize::BinaryWriter writer{zocore::InterfacePtr<zocore::IWriteStream>(sink)};
-      writer << 42 << std::string("hello") << 2.5;
+      writer << 42 << std::string("hello") << 2.5 << zouri::AbsoluteUri("https://example.org/a");
       writer.close();
     }
     auto source = zocore::make_ref_counted<zocore::MemoryReadStream>(sink->str());
@@ -20,8 +21,10 @@ int main() {
     int number = 0;
     std::string text;
     double value = 0;
-    reader >> number >> text >> value;
-    bool const ok = number == 42 && text == "hello" && value == 2.5 && reader.is_eof();
+    zouri::AbsoluteUri uri;
+    reader >> number >> text >> value >> uri;
+    bool const ok = number == 42 && text == "hello" && value == 2.5 &&
+                    uri.text() == "https://example.org/a" && reader.is_eof();
     std::cout << (ok ? "consumer: ok" : "consumer: MISMATCH") << " (" << sink->str().size()
               << " bytes)\n";
     return ok ? 0 : 1;

@@ -15,7 +15,8 @@ file(REMOVE_RECURSE ${WORK_DIR})
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
 foreach(header zocore/ref_count_ptr.h zoserialize/writer.h zoserialize/binary_reader.h
-               zoserialize/error_codes.h)
+               zoserialize/error_codes.h zoserialize/marshal_uri.h zouri/uri.h
+               zomoduleregistry/module_registry.h)
   if(NOT EXISTS ${prefix}/include/${header})
     message(FATAL_ERROR "installed header missing: ${header}")
   endif()
@@ -24,6 +25,19 @@ file(GLOB_RECURSE private_headers ${prefix}/include/*/impl/*)
 if(private_headers)
   message(FATAL_ERROR "private headers were installed: ${private_headers}")
 endif()
+
+# The module-information block, marker line first, is in the installed library file.
+file(GLOB installed_library ${prefix}/*/libzoserialize.so.*.*.*)
+if(NOT installed_library)
+  message(FATAL_ERROR "libzoserialize.so was not installed")
+endif()
+# The marker line: "***VELD*MODULE*INFO*", 32 uppercase hex digits, "***" (55 characters).
+file(STRINGS ${installed_library} marker REGEX "^\\*\\*\\*VELD\\*MODULE\\*INFO\\*[0-9A-F]+\\*\\*\\*$")
+string(LENGTH "${marker}" marker_length)
+if(NOT marker_length EQUAL 55)
+  message(FATAL_ERROR "no module-information marker line in ${installed_library}: ${marker}")
+endif()
+message(STATUS "module information: ${marker}")
 
 # find_package(zoserialize)
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples/consumer -B ${WORK_DIR}/build -G ${GENERATOR}

@@ -1,8 +1,14 @@
 #include <ostream>
+#include <sstream>
 #include <utility>
 
+#include <gtest/gtest.h>
+
+#include <support/binary_golden.h>
 #include <support/formats.h>
 #include <support/memory_lists.h>
+#include <support/test_streams.h>
+#include <support/text_golden.h>
 #include <zocore/memory_stream.h>
 #include <zoserialize/binary_reader.h>
 #include <zoserialize/binary_writer.h>
@@ -16,71 +22,202 @@ namespace {
 
 using zoserialize::Reader;
 using zoserialize::Writer;
+using WriteBody = std::function<void(Writer&)>;
 
-// A reader together with the bytes it reads, kept alive by the returned pointer. `make` builds
-// the reader over the kept bytes.
+// A reader together with what it reads, kept alive by the returned pointer. `make` builds the
+// reader over the kept bytes; `check` runs when the reader is released.
 template <class Make>
-std::shared_ptr<Reader> owning(std::string bytes, Make make) {
+std::shared_ptr<Reader> owning(std::string bytes, Make make,
+                               std::function<void()> check = nullptr) {
   struct Holder {
     std::string bytes;
     std::unique_ptr<Reader> reader;
+    std::function<void()> check;
+    ~Holder() {
+      reader.reset();
+      if (check) check();
+    }
   };
   auto holder = std::make_shared<Holder>();
   holder->bytes = std::move(bytes);
   holder->reader = make(holder->bytes);
+  holder->check = std::move(check);
   return {holder, holder->reader.get()};
 }
 
-std::vector<Format> make_formats() {
-  std::vector<Format> out;
-  out.push_back({"Binary",
-                 [](std::function<void(Writer&)> const& fn) {
-                   auto sink = zocore::make_ref_counted<zocore::StringWriteStream>();
-                   zoserialize::BinaryWriter writer{
-                       zocore::InterfacePtr<zocore::IWriteStream>(sink)};
-                   fn(writer);
-                   writer.close();
-                   return sink->take();
-                 },
-                 [](std::string bytes) {
-                   return owning(std::move(bytes), [](std::string const& kept) {
-                     return std::make_unique<zoserialize::BinaryReader>(
-                         zocore::InterfacePtr<zocore::IReadStream>(
-                             zocore::make_ref_counted<zocore::MemoryReadStream>(kept)),
-                         4096);
-                   });
-                 }});
-  out.push_back({"Memory",
-                 [](std::function<void(Writer&)> const& fn) {
-                   zoserialize::MemoryWriter writer;
-                   fn(writer);
-                   return bytes_of(*writer.close_and_detach_memory_list());
-                 },
-                 [](std::string bytes) {
-                   return owning(std::move(bytes), [](std::string const& kept) {
-                     return std::make_unique<zoserialize::MemoryReader>(list_of(kept));
-                   });
-                 }});
-  out.push_back({"Text",
-                 [](std::function<void(Writer&)> const& fn) {
-                   std::string text;
-                   zoserialize::TextWriter writer(text);
-                   fn(writer);
-                   writer.close();
-                   return text;
-                 },
-                 [](std::string bytes) {
-                   return owning(std::move(bytes), [](std::string const& kept) {
-                     return std::make_unique<zoserialize::TextReader>(&kept);
-                   });
-                 }});
-  return out;
+Format::WriteFn binary_writer(unsigned buffer) {
+  return [buffer](WriteBody const& fn) {
+    auto const sink = zocore::make_ref_counted<zocore::StringWriteStream>();
+    zoserialize::BinaryWriter writer{zocore::InterfacePtr<zocore::IWriteStream>(sink), buffer};
+    fn(writer);
+    writer.close();
+    return sink->take();
+  };
+}
+
+// Over a source that records its calls: once it has reported its end, it must not be asked again.
+Format::ReadFn binary_reader(unsigned buffer, bool known_size) {
+  return [=](std::string bytes) {
+    auto const source = zocore::make_ref_counted<ByteSource>(std::move(bytes));
+    if (!known_size) source->unknown_size();
+    return owning(
+        "",
+        [&](std::string const&) {
+          return std::make_unique<zoserialize::BinaryReader>(
+              zocore::InterfacePtr<zocore::IReadStream>(source), buffer);
+        },
+        [source] { EXPECT_EQ(source->calls_after_end(), 0u) << "source asked after its end"; });
+  };
+}
+
+Format binary_format() {
+  Format f = make_format<zoserialize::BinaryWriter, zoserialize::BinaryReader>(
+      "Binary", binary_writer(zoserialize::BinaryWriter::kDefaultBufferSize),
+      [](std::string bytes) {
+        return owning(std::move(bytes), [](std::string const& kept) {
+          return std::make_unique<zoserialize::BinaryReader>(
+              zocore::InterfacePtr<zocore::IReadStream>(
+                  zocore::make_ref_counted<zocore::MemoryReadStream>(kept)),
+              4096);
+        });
+      },
+      true);
+  f.column = &binary_column();
+  for (unsigned buffer : {0u, 1u, 7u, 16u, 4096u})
+    f.writers.emplace_back("Buffer" + std::to_string(buffer), binary_writer(buffer));
+  for (unsigned buffer : {0u, 1u, 7u, 4096u}) {
+    f.readers.emplace_back("Buffer" + std::to_string(buffer), binary_reader(buffer, true));
+    f.readers.emplace_back("Buffer" + std::to_string(buffer) + "Unknown",
+                           binary_reader(buffer, false));
+  }
+  f.read_with_seam = [](std::string bytes, std::size_t seam) {
+    return binary_reader(seam == 0 ? 1 : static_cast<unsigned>(seam), true)(std::move(bytes));
+  };
+  return f;
+}
+
+// The writer starts on a list of `chunks`-byte chunks (0: pooled), behind `prefix`, in a list
+// the caller still holds when `kept`: that list must not change.
+Format::WriteFn memory_writer(int chunks, std::string prefix, bool kept) {
+  return [=](WriteBody const& fn) {
+    zoserialize::MemoryListPtr list = chunks < 0    ? nullptr
+                                      : chunks == 0 ? zoserialize::MemoryList::create()
+                                                    : tiny_chunk_list(chunks);
+    if (list) list_of(prefix, list);
+    zoserialize::MemoryWriter writer(kept ? list : std::move(list));
+    fn(writer);
+    writer.close();
+    std::string const bytes = bytes_of(*writer.memory_list());
+    EXPECT_TRUE(writer.memory_list()->validate_size() && bytes.starts_with(prefix));
+    EXPECT_TRUE(!kept || bytes_of(*list) == prefix) << "the writer changed a shared list";
+    return bytes.substr(prefix.size());
+  };
+}
+
+Format memory_format() {
+  Format f = make_format<zoserialize::MemoryWriter, zoserialize::MemoryReader>(
+      "Memory",
+      [](WriteBody const& fn) {
+        zoserialize::MemoryWriter writer;
+        fn(writer);
+        return bytes_of(*writer.close_and_detach_memory_list());
+      },
+      [](std::string bytes) {
+        return owning(std::move(bytes), [](std::string const& kept) {
+          return std::make_unique<zoserialize::MemoryReader>(list_of(kept));
+        });
+      },
+      true);
+  f.column = &binary_column();
+  f.writers.emplace_back("NullList", memory_writer(-1, "", false));
+  f.writers.emplace_back("Chunks1", memory_writer(1, "", false));
+  f.writers.emplace_back("PooledBehindPrefix", memory_writer(0, "\x11\x10", false));
+  f.writers.emplace_back("Chunks3Shared", memory_writer(3, "\x11", true));
+  for (ListLayout const& layout : list_layouts()) {
+    f.readers.emplace_back(layout.name, [make = layout.make](std::string bytes) {
+      return owning(std::move(bytes), [&](std::string const& kept) {
+        return std::make_unique<zoserialize::MemoryReader>(make(kept));
+      });
+    });
+  }
+  f.read_with_seam = [](std::string bytes, std::size_t seam) {
+    return owning(std::move(bytes), [seam](std::string const& kept) {
+      return std::make_unique<zoserialize::MemoryReader>(list_in_pieces(kept, {seam, kept.size()}));
+    });
+  };
+  return f;
+}
+
+// The text archives: the writer over each kind of target, the reader in place and through
+// stream sources with read-ahead buffers that cut every token.
+Format::WriteFn text_writer(int target) {
+  return [target](WriteBody const& fn) {
+    std::string out;
+    std::ostringstream os;
+    auto const sink = zocore::make_ref_counted<zocore::StringWriteStream>();
+    {
+      std::unique_ptr<zoserialize::TextWriter> writer;
+      if (target == 0) writer = std::make_unique<zoserialize::TextWriter>(out);
+      if (target == 1) writer = std::make_unique<zoserialize::TextWriter>(os);
+      if (target == 2) {
+        writer = std::make_unique<zoserialize::TextWriter>(
+            zocore::InterfacePtr<zocore::IWriteStream>(sink));
+      }
+      fn(*writer);
+      writer->close();
+    }
+    return target == 0 ? out : target == 1 ? os.str() : sink->take();
+  };
+}
+
+Format::ReadFn text_stream_reader(unsigned buffer) {
+  return [buffer](std::string bytes) {
+    auto const source = zocore::make_ref_counted<ByteSource>(std::move(bytes));
+    return owning(
+        "",
+        [&](std::string const&) {
+          return std::make_unique<zoserialize::TextReader>(
+              zocore::InterfacePtr<zocore::IReadStream>(source), buffer);
+        },
+        [source] { EXPECT_EQ(source->calls_after_end(), 0u) << "source asked after its end"; });
+  };
+}
+
+Format text_format() {
+  Format f = make_format<zoserialize::TextWriter, zoserialize::TextReader>(
+      "Text", text_writer(0), [](std::string bytes) {
+        return owning(std::move(bytes), [](std::string const& kept) {
+          return std::make_unique<zoserialize::TextReader>(&kept);
+        });
+      });
+  f.column = &text_column();
+  f.prefix_is_incomplete = false;
+  f.writers.emplace_back("Ostream", text_writer(1));
+  f.writers.emplace_back("WriteStream", text_writer(2));
+  f.readers.emplace_back("Chars", [](std::string bytes) {
+    return owning(std::move(bytes), [](std::string const& kept) {
+      return std::make_unique<zoserialize::TextReader>(kept.data(),
+                                                       static_cast<unsigned>(kept.size()));
+    });
+  });
+  for (unsigned buffer : {1u, 3u, 4096u})
+    f.readers.emplace_back("Stream" + std::to_string(buffer), text_stream_reader(buffer));
+  f.readers.emplace_back("Istream7", [](std::string bytes) {
+    auto in = std::make_shared<std::istringstream>(std::move(bytes));
+    return owning(
+        "", [&](std::string const&) { return std::make_unique<zoserialize::TextReader>(*in, 7); },
+        [in] {});
+  });
+  f.read_with_seam = [](std::string bytes, std::size_t seam) {
+    return text_stream_reader(seam == 0 ? 1 : static_cast<unsigned>(seam))(std::move(bytes));
+  };
+  return f;
 }
 
 }  // namespace
 
 std::vector<Format> const& formats() {
-  static std::vector<Format> const all = make_formats();
+  static std::vector<Format> const all = {binary_format(), memory_format(), text_format()};
   return all;
 }
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <support/binary_golden.h>
+#include <support/golden.h>
 #include <support/random_document.h>
 
 namespace zotest {
@@ -41,12 +41,11 @@ class RandomDocument::Generator {
  private:
   // Single elements of every form whose copy is identical and equal to them, small enough to
   // keep documents short. The first one is the null.
-  static std::vector<BinaryGoldenCase const*> const& pool() {
+  static std::vector<GoldenRow const*> const& pool() {
     static auto const rows = [] {
-      std::vector<BinaryGoldenCase const*> out;
-      for (BinaryGoldenCase const& row : binary_golden_cases()) {
-        if (row.write && row.elements == 1 && row.copy == BinaryGoldenCase::ECopy::kIdentical &&
-            row.self_equal && row.bytes.size() <= 10000)
+      std::vector<GoldenRow const*> out;
+      for (GoldenRow const& row : golden_rows()) {
+        if (row.elements == 1 && row.self_equal && row.valid_text && row.payload <= 5000)
           out.push_back(&row);
       }
       return out;
@@ -61,12 +60,12 @@ class RandomDocument::Generator {
     std::size_t const row = below(pool().size());
     if (budget_ != 0 && depth < 5 && kind == 0) return sequence(depth);
     if (budget_ != 0 && depth < 5 && kind == 1) return marker(depth);
-    BinaryGoldenCase const& c = *pool()[budget_ == 0 ? 0 : row];
+    GoldenRow const& c = *pool()[budget_ == 0 ? 0 : row];
     budget_ -= budget_ != 0;
-    if (mode_ == EMode::kWrite) c.write(*w_);
+    if (mode_ == EMode::kWrite) write_script(*w_, c.script);
     // The reading side may skip an element instead, a stream value possibly half read.
     if (mode_ == EMode::kRead && reading_() % 4 == 0) return r_->skip_element();
-    if (mode_ == EMode::kRead) c.read(*r_);
+    if (mode_ == EMode::kRead) read_script(*r_, c.script);
   }
 
   // Without hint, with the exact hint, or with hint 0.

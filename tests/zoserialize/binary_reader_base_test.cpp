@@ -8,9 +8,9 @@
 
 #include <gtest/gtest.h>
 
-#include <support/binary_golden.h>
 #include <support/error_matchers.h>
 #include <support/hex_bytes.h>
+#include <support/script.h>
 #include <support/test_streams.h>
 #include <zocore/core_errors.h>
 #include <zocore/memory_stream.h>
@@ -107,10 +107,10 @@ TEST_P(BinaryReaderBaseTagTest, EveryOperationAcceptsOrRejectsTheTag) {
       element.empty() ? std::string(1, static_cast<char>(tag)) : unhex(element);
   std::string const type = zoserialize::impl::type_prefix_name(static_cast<int>(tag));
   std::string const value = std::to_string(tag);
-  char const* const kMatching[16] = {"n", "b",     "i",   "u",   "d", "s", "a", "R",
-                                     "g", "B r16", "[ L", "{ }", "",  "",  "",  ""};
+  char const* const kMatching[16] = {"n", "b",      "i",   "u",   "d", "s", "a", "r",
+                                     "g", "B .r16", "[ L", "{ }", "",  "",  "",  ""};
   std::vector<std::string> ops = {kMatching[tag >> 4], "k", "c"};
-  if ((tag >> 4) == 5) ops.push_back("S r16");
+  if ((tag >> 4) == 5) ops.push_back("S .r16");
   if (tag >= 0xC0) ops.erase(ops.begin());  // the other-type read below covers it
   for (unsigned buffer : {1u, 4096u}) {
     SCOPED_TRACE(::testing::Message() << "buffer " << buffer);
@@ -130,18 +130,18 @@ TEST_P(BinaryReaderBaseTagTest, EveryOperationAcceptsOrRejectsTheTag) {
       SCOPED_TRACE(op);
       r = reader_of(bytes, buffer);
       if (!element.empty()) {
-        zotest::run_reader_ops(*r, op);
+        zotest::run_ops(*r, op);
         EXPECT_TRUE(r->is_eof());
       } else if (tag >= 0x48 && tag <= 0x4B) {
-        ZO_EXPECT_ERROR(zotest::run_reader_ops(*r, op), error::zoserialize_reader_unsupported,
+        ZO_EXPECT_ERROR(zotest::run_ops(*r, op), error::zoserialize_reader_unsupported,
                         "Reading of quadruple IEEE-754 marshaled representation not yet supported");
       } else if (tag >= 0xC0) {
-        info = ZO_EXPECT_ERROR(zotest::run_reader_ops(*r, op), error::zoserialize_reader_data_type,
+        info = ZO_EXPECT_ERROR(zotest::run_ops(*r, op), error::zoserialize_reader_data_type,
                                kUnknownPrefix);
         EXPECT_EQ(zotest::param(info, "actualType"), type);
         EXPECT_EQ(zotest::param(info, "actualTag"), value);
       } else {
-        info = ZO_EXPECT_ERROR(zotest::run_reader_ops(*r, op), error::zoserialize_reader_data_type,
+        info = ZO_EXPECT_ERROR(zotest::run_ops(*r, op), error::zoserialize_reader_data_type,
                                kUnexpected);
         EXPECT_EQ(zotest::param(info, "tagType"), type);
         EXPECT_EQ(zotest::param(info, "tagValue"), value);

@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include <support/binary_golden.h>
 #include <support/error_matchers.h>
 #include <support/hex_bytes.h>
+#include <support/script.h>
 #include <support/test_streams.h>
 #include <zocore/ref_count_ptr.h>
 #include <zoserialize/binary_writer_base.h>

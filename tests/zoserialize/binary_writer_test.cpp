@@ -6,9 +6,9 @@
 
 #include <gtest/gtest.h>
 
-#include <support/binary_golden.h>
 #include <support/error_matchers.h>
 #include <support/hex_bytes.h>
+#include <support/script.h>
 #include <support/test_streams.h>
 #include <zocore/ref_count_ptr.h>
 #include <zoserialize/binary_writer.h>
@@ -40,24 +40,6 @@ std::vector<std::string> hex_writes(RecordingSink const& sink) {
 std::string raised_in(zotest::ErrorPtr const& info) {
   return info ? std::string(info->location().function().view()) : "<nothing raised>";
 }
-
-class BinaryWriterGoldenTest : public ::testing::TestWithParam<zotest::BinaryGoldenCase> {};
-
-TEST_P(BinaryWriterGoldenTest, WritesTheBytesWithAnyBuffer) {
-  for (unsigned buffer : {0u, 1u, 7u, 16u, 4096u}) {
-    auto const sink = make_sink();
-    BinaryWriter writer(sink, buffer);
-    GetParam().write(writer);
-    writer.close();
-    std::string const got = sink->bytes();
-    EXPECT_TRUE(got == GetParam().bytes)
-        << "buffer " << buffer << ": " << zotest::hex(got.substr(0, 64));
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(Written, BinaryWriterGoldenTest,
-                         ::testing::ValuesIn(zotest::binary_golden_written_cases()),
-                         [](auto const& p) { return p.param.name; });
 
 // The output buffering exactly as the contract states it, every byte passing through the hooks.
 // BinaryWriter must cut its output into the very same stream writes, at the same moments.

@@ -6,11 +6,11 @@
 
 #include <gtest/gtest.h>
 
-#include <support/binary_golden.h>
 #include <support/error_matchers.h>
 #include <support/hex_bytes.h>
 #include <support/memory_lists.h>
 #include <support/random_document.h>
+#include <support/script.h>
 #include <support/test_streams.h>
 #include <zocore/memory_stream.h>
 #include <zoserialize/binary_writer.h>
@@ -50,44 +50,6 @@ std::string stream_bytes(F const& write) {
   writer.close();
   return sink->str();
 }
-
-class MemoryWriterGoldenTest : public ::testing::TestWithParam<zotest::BinaryGoldenCase> {};
-
-TEST_P(MemoryWriterGoldenTest, WritesTheBytesOfTheStreamWriter) {
-  zotest::BinaryGoldenCase const& row = GetParam();
-  std::string const prefix = zotest::bytes("00 11");
-  // chunks -2: default constructor, -1: null list, 0: pooled chunks, else tiny chunks, so that
-  // elements cross chunk seams; behind a null and a true in a list the test may keep.
-  struct Start {
-    int chunks;
-    bool prefixed, kept;
-  } const starts[] = {
-      {-2, false, false}, {-1, false, false}, {1, false, false}, {0, true, false}, {3, true, true}};
-  for (Start const& s : starts) {
-    SCOPED_TRACE(::testing::Message() << s.chunks << " " << s.prefixed << s.kept);
-    MemoryListPtr list = s.chunks < 0    ? MemoryListPtr()
-                         : s.chunks == 0 ? MemoryList::create()
-                                         : zotest::tiny_chunk_list(s.chunks);
-    if (s.prefixed) list_of(prefix, list);
-    auto const writer = s.chunks == -2
-                            ? std::make_unique<MemoryWriter>()
-                            : std::make_unique<MemoryWriter>(s.kept ? list : std::move(list));
-    row.write(*writer);
-    writer->close();
-    EXPECT_TRUE(written(*writer) == (s.prefixed ? prefix : "") + row.bytes &&
-                writer->memory_list()->validate_size());
-    EXPECT_TRUE(!s.kept || bytes_of(*list) == prefix);
-    MemoryReader reader = writer->reader();
-    for (int i = s.prefixed ? 2 : 0; i > 0; --i)
-      reader.skip_element();
-    row.read(reader);
-    EXPECT_TRUE(reader.is_eof());
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(Written, MemoryWriterGoldenTest,
-                         ::testing::ValuesIn(zotest::binary_golden_written_cases()),
-                         [](auto const& p) { return p.param.name; });
 
 // Whatever is taken from the writer while it writes (its list, a sublist sharing only chunks, a
 // reader) holds exactly what was written up to then, and keeps holding it.
