@@ -380,26 +380,31 @@ std::size_t TextReader::SourceBase::read_string_buffer(char* out, std::size_t si
   return n;
 }
 
-void TextReader::SourceBase::read_string(std::string& out, std::size_t max_size) {
+bool TextReader::SourceBase::read_string(std::string& out, std::size_t max_size) {
   static constexpr char kFunction[] = "zoserialize::TextReader::SourceBase::read_string()";
-  // The usual string lies whole in the window, without escapes or line breaks.
+  // The usual string lies whole in the window, without escapes or line breaks. The bytes scanned
+  // are gathered on the way: without a high bit they are ASCII, which needs no UTF-8 check (a
+  // word may reach past the string, which only costs that check).
+  std::uint64_t seen = 0;
   char const* p = cur_;
   for (; end_ - p >= 8; p += 8) {
-    std::uint64_t const stops = string_stops(load_word(p));
+    std::uint64_t const word = load_word(p);
+    seen |= word;
+    std::uint64_t const stops = string_stops(word);
     if (stops != 0) {
       p += first_marked(stops);
       break;
     }
   }
   while (p != end_ && kStringPlain[static_cast<unsigned char>(*p)])
-    ++p;
+    seen |= static_cast<unsigned char>(*p++);
   auto const run = static_cast<std::size_t>(p - cur_);
   if (run > max_size) throw_string_too_large(*this, kFunction);
   out.assign(cur_, run);
   cur_ = p;
   if (p != end_ && *p == '"') {
     ++cur_;
-    return;
+    return (seen & kHighs) == 0;
   }
   char block[4096];
   bool ended = false;
@@ -408,6 +413,7 @@ void TextReader::SourceBase::read_string(std::string& out, std::size_t max_size)
     if (n > max_size - out.size()) throw_string_too_large(*this, kFunction);
     out.append(block, n);
   }
+  return is_ascii(out.data(), out.size());
 }
 
 unsigned TextReader::SourceBase::read_binary_base64_buffer(char* out, unsigned max, bool& ended) {
@@ -1012,8 +1018,8 @@ void TextReader::read_string_element(SourceBase& source, std::string& out, char 
     out.clear();
     return;
   }
-  source.read_string(out, kMaxStringByValue);
-  if (!is_ascii(out.data(), out.size()) && !zocore::is_valid_utf8(out.data(), out.size())) {
+  bool const ascii = source.read_string(out, kMaxStringByValue);
+  if (!ascii && !zocore::is_valid_utf8(out.data(), out.size())) {
     throw_invalid_utf8(source, out, function);
   }
 }

@@ -74,8 +74,9 @@ class ZOSERIALIZE_API TextReader : public Reader {
     // `out` skips. Fails on a bad escape, a raw control character or the end of the input.
     std::size_t read_string_buffer(char* out, std::size_t size, bool& ended);
     // Reads the rest of a quoted string (after its opening quote) into `out`, replacing its
-    // content; longer than `max_size` bytes fails.
-    void read_string(std::string& out, std::size_t max_size);
+    // content; longer than `max_size` bytes fails. Returns true when the text is plain ASCII
+    // (false says nothing: the caller checks UTF-8 where it matters).
+    bool read_string(std::string& out, std::size_t max_size);
     // Copies the base64 characters of a binary (after its `[`), at most `max`, and returns how
     // many; `ended` becomes true when the closing `]` was taken. Stops early, without taking it,
     // at a character that is neither; fails at the end of the input.
