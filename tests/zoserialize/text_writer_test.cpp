@@ -239,41 +239,20 @@ TEST(TextWriterTest, BufferedTextReachesTheTargetInFewCalls) {
                                                      "w:" + run, "w:\""}));
 }
 
-// Value streams give the same text as the whole value, whatever the pieces.
-TEST(TextWriterTest, ValueStreamsWriteWhatWholeValuesWrite) {
-  std::string const text = "0123456789 ~\"abcdefghijklmnopqrstuvwxyz";
-  for (std::size_t size : {0u, 1u, 2u, 4094u, 4095u, 4096u, 4097u, 8190u, 12289u}) {
-    std::string const data = zotest::pattern_string(0, size);
-    std::string chars(size, 'x');
-    for (std::size_t i = 0; i < size; ++i)
-      chars[i] = text[(i * 7) % text.size()];
-    std::string const whole = write_via(ETarget::kString, [&](Writer& w) {
-      w.write_binary(data.data(), static_cast<unsigned>(size));
-      w << chars;
-    });
-    for (unsigned piece : {1u, 7u, 3000u, 5000u}) {
-      auto target = make_ref_counted<RecordingTarget>();
-      TextWriter w{InterfacePtr<TextWriter::ITextTarget>(target)};
-      InterfacePtr<IWriteStream> const binary = w.write_binary();
-      for (std::size_t at = 0; at < size; at += piece)
-        binary->write(data.data() + at,
-                      static_cast<unsigned>(std::min<std::size_t>(piece, size - at)));
-      InterfacePtr<IWriteStream> const string = w.write_string_stream();
-      for (std::size_t at = 0; at < size; at += piece)
-        string->write(chars.data() + at,
-                      static_cast<unsigned>(std::min<std::size_t>(piece, size - at)));
-      w.close();
-      EXPECT_EQ(target->text, whole) << size << " in pieces of " << piece;
-      zotest::ByteSource bytes(data);
-      zotest::ByteSource string_bytes(chars);
-      EXPECT_EQ(write_via(ETarget::kString,
-                          [&](Writer& out) {
-                            out.write_binary(bytes);
-                            out.write_string_stream(string_bytes);
-                          }),
-                whole);
-    }
-  }
+// A string stream renders escapes across its 4096-byte blocks as the whole string would (the
+// golden rows check value streams in pieces of every size).
+TEST(TextWriterTest, StringStreamsEscapeAcrossBlocks) {
+  std::string chars(9000, 'x');
+  for (std::size_t i = 0; i < chars.size(); i += 7)
+    chars[i] = "~\" \x01"[i % 4];
+  std::string const whole = write_via(ETarget::kString, [&](Writer& w) { w << chars; });
+  EXPECT_EQ(write_via(ETarget::kCaller,
+                      [&](Writer& w) {
+                        InterfacePtr<IWriteStream> const s = w.write_string_stream();
+                        for (std::size_t at = 0; at < chars.size(); at += 1000)
+                          s->write(chars.data() + at, 1000);
+                      }),
+            whole);
 }
 
 TEST(TextWriterTest, ValueStreamsEndWithTheNextOperation) {
@@ -326,14 +305,6 @@ TEST(TextWriterTest, FailuresReportCodeMessageAndParameters) {
        "write_int_big_endian"},
       {closed([](Writer& w) { w.write_binary(); }), &error::zoserialize_writer_closed, kClosed,
        "write_binary"},
-      {closed([](Writer& w) { w.write_string_stream(); }), &error::zoserialize_writer_closed,
-       kClosed, "write_string_stream"},
-      {closed([](Writer& w) { w.write_sequence_start(2); }), &error::zoserialize_writer_closed,
-       kClosed, "write_sequence_start"},
-      {closed([](Writer& w) { w.write_sequence_end(); }), &error::zoserialize_writer_closed,
-       kClosed, "write_sequence_end"},
-      {closed([](Writer& w) { w.write_marker_start(); }), &error::zoserialize_writer_closed,
-       kClosed, "write_marker_start"},
       // A marker end looks at the scopes first: a closed writer has none open.
       {closed([](Writer& w) { w.write_marker_end(); }), &error::zoserialize_writer_sequence_nesting,
        "Attempt to close marker and no marker is open or on top of stack", "write_marker_end"},
