@@ -557,6 +557,7 @@ class TextReader::ReadStreamImpl : public zocore::RefCounted<zocore::AtomicRefCo
     kDetached,  // the reader moved on, was closed or destroyed: every call fails
   };
 
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): pending_ is written before read
   ReadStreamImpl(TextReader& reader, bool binary, bool ended) noexcept
       : reader_(&reader), state_(ended ? EState::kEnded : EState::kOpen), binary_(binary) {}
 

@@ -55,8 +55,8 @@ constexpr unsigned kLargestWrittenHint = 9999999;
 constexpr std::array<char, 200> make_digit_pairs() {
   std::array<char, 200> t{};
   for (unsigned i = 0; i < 100; ++i) {
-    t[2 * i] = static_cast<char>('0' + i / 10);
-    t[2 * i + 1] = static_cast<char>('0' + i % 10);
+    t[std::size_t{2} * i] = static_cast<char>('0' + i / 10);
+    t[std::size_t{2} * i + 1] = static_cast<char>('0' + i % 10);
   }
   return t;
 }
@@ -65,8 +65,8 @@ constexpr std::array<char, 200> kDigitPairs = make_digit_pairs();
 constexpr std::array<char, 512> make_hex_pairs() {
   std::array<char, 512> t{};
   for (unsigned i = 0; i < 256; ++i) {
-    t[2 * i] = kHexDigits[i >> 4];
-    t[2 * i + 1] = kHexDigits[i & 15];
+    t[std::size_t{2} * i] = kHexDigits[i >> 4];
+    t[std::size_t{2} * i + 1] = kHexDigits[i & 15];
   }
   return t;
 }
@@ -149,6 +149,7 @@ impl::ScopeMessages const kScopeMessages = {
 // Everything the writer keeps, behind the installed header. Every character passes through the
 // output buffer to the target; a target that throws leaves the writer failed.
 struct TextWriter::Core {
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the buffer is written before read
   Core(Options const& o, InterfacePtr<ITextTarget> t, std::string* string) noexcept
       : options(o),
         target(std::move(t)),
@@ -263,7 +264,7 @@ struct TextWriter::Core {
       if (run == size) return;
       char* const out = room(3);
       out[0] = '~';
-      std::memcpy(out + 1, &kHexPairs[2 * p[run]], 2);
+      std::memcpy(out + 1, &kHexPairs[std::size_t{2} * p[run]], 2);
       commit(out + 3);
       p += run + 1;
       size -= run + 1;
@@ -293,7 +294,7 @@ struct TextWriter::Core {
     if (lead != 0) put(lead);
     while (size != 0) {
       if (kBufferSize - used < 4) flush_buffer();
-      std::size_t const fit = (kBufferSize - used) / 4 * 3;
+      std::size_t const fit = std::size_t{kBufferSize - used} / 4 * 3;
       std::size_t const n = size < fit ? size : fit;
       used += static_cast<unsigned>(zocore::base64_encode(data, n, buffer + used, false));
       data += n;
@@ -310,7 +311,7 @@ struct TextWriter::Core {
     if (redundant_first) put(kHexDigits[bytes[0] & 15]);
     for (std::size_t i = redundant_first ? 1 : 0; i < size; ++i) {
       char* const pair = room(2);
-      std::memcpy(pair, &kHexPairs[2 * bytes[i]], 2);
+      std::memcpy(pair, &kHexPairs[std::size_t{2} * bytes[i]], 2);
       commit(pair + 2);
     }
   }
