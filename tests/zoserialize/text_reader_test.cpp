@@ -462,21 +462,24 @@ TEST(TextReaderTest, FailuresReportCodeMessageParametersAndPlace) {
 }
 
 // The causes nested in the reader's own failures.
+// The causes nested in the reader's own failures: code and rendered message.
 TEST(TextReaderTest, FailuresNestTheirCause) {
   auto const cause = [](char const* text, auto read) {
     auto o = open(text);
     try {
       read(*o->reader);
     } catch (zocore::ErrorException const& e) {
-      return e.info()->nested() ? std::string(e.info()->nested()->code().view()) : "none";
+      auto const& nested = e.info()->nested();
+      return nested ? std::string(nested->code().view()) + ": " + nested->rendered() : "none";
     }
     return std::string("no failure");
   };
   EXPECT_EQ(cause("+99999999999999999999", [](Reader& r) { r.read_int64(); }),
-            zocore::error::zocore_range.view());
-  EXPECT_EQ(cause("K123", [](Reader& r) { r.read_uuid(); }), zocore::error::zocore_format.view());
+            "error.zocore.range: Decimal number exceeds 64 bits: 99999999999999999999");
+  EXPECT_EQ(cause("K123", [](Reader& r) { r.read_uuid(); }),
+            "error.zocore.format: Invalid UUID text: \"123\"");
   EXPECT_EQ(cause("\"\xC3(\"", [](Reader& r) { r.read_string(); }),
-            zocore::error::zocore_utf8.view());
+            "error.zocore.utf8: Invalid UTF-8 sequence at offset 0");
 }
 
 TEST(TextReaderTest, SourcesReportTheirOwnFailures) {
