@@ -8,6 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libcereal-dev
   libmsgpack-cxx-dev
+  rapidjson-dev
   liburiparser-dev
   libxml2-dev libexpat1-dev
   clang libclang-rt-14-dev

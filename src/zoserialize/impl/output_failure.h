@@ -10,6 +10,6 @@ namespace zoserialize::impl {
 // writer refuses to go on rather than let close() report success. The writer's own failures
 // (a count mismatch, a value out of range) leave it usable and never lead here.
 // error::zoserialize_writer_state; `function` names the operation refused.
-ZOSERIALIZE_API [[noreturn]] void throw_output_incomplete(char const* function);
+[[noreturn]] ZOSERIALIZE_API void throw_output_incomplete(char const* function);
 
 }  // namespace zoserialize::impl
