@@ -8,6 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libmsgpack-cxx-dev
   liburiparser-dev
+  libssl-dev
   clang libclang-rt-14-dev
 )
 
