@@ -4,7 +4,7 @@
 #include <zocore/throw_error.h>
 #include <zoserialize/error_codes.h>
 #include <zoserialize/hashing_reader_adapter.h>
-#include <zoserialize/impl/hash_feed.h>
+#include <zoserialize/impl/integer_form.h>
 
 namespace zoserialize {
 namespace {
@@ -14,7 +14,7 @@ zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE
   return {function, kModuleId, line};
 }
 
-using impl::EHashCode;
+using ECode = HashRecord::ECode;
 using EToken = Reader::EToken;
 
 constexpr unsigned kSkipBlock = 8192;
@@ -26,71 +26,74 @@ constexpr unsigned kWalkImage = 128;
 // ---- Payload stream ----------------------------------------------------------------------------
 
 // The stream handed out by read_string_stream() and read_binary(): reads the wrapped reader's
-// stream and hashes exactly what it delivers or skips. Open while it holds the feed.
+// stream and hashes exactly what it delivers or skips. Open while it holds the record.
 class HashingReaderAdapter::ReadStreamAdapter final
     : public zocore::RefCounted<zocore::AtomicRefCount>,
       public IReadStream {
  public:
-  void open(impl::HashFeed* feed, InterfacePtr<IReadStream> inner) noexcept {
-    feed_ = feed;
+  // `open` is the adapter's flag of an open value, cleared when the value ends.
+  void open(HashRecord* record, InterfacePtr<IReadStream> inner, bool* open) noexcept {
+    record_ = record;
     inner_ = std::move(inner);
     count_ = 0;
     ended_ = false;
+    open_ = open;
+    *open_ = true;
   }
-  bool is_open() const noexcept { return feed_ != nullptr; }
 
   unsigned read(void* buffer, unsigned size) override {
-    if (feed_ == nullptr) [[unlikely]]
+    if (record_ == nullptr) [[unlikely]]
       throw_closed("zoserialize::HashingReaderAdapter::ReadStreamAdapter::read()");
-    return transfer(*feed_, inner_, buffer, size);
+    return transfer(*record_, inner_, buffer, size);
   }
   // Skipped bytes are part of the value: they are read and hashed.
   unsigned skip(unsigned size) override {
-    if (feed_ == nullptr) [[unlikely]]
+    if (record_ == nullptr) [[unlikely]]
       throw_closed("zoserialize::HashingReaderAdapter::ReadStreamAdapter::skip()");
-    return skip_through(*feed_, inner_, size);
+    return skip_through(*record_, inner_, size);
   }
   unsigned bytes_remaining() const override {
-    if (feed_ == nullptr) [[unlikely]]
+    if (record_ == nullptr) [[unlikely]]
       throw_closed("zoserialize::HashingReaderAdapter::ReadStreamAdapter::bytes_remaining()");
     return inner_ ? inner_->bytes_remaining() : 0;
   }
   void close() override {
-    if (feed_ != nullptr) finish();
+    if (record_ != nullptr) finish();
   }
 
   // Reads and hashes the rest, then the count trailer, and lets the inner stream go. Detached
   // first, so that a failure on the way does not leave the stream open.
   void finish() {
-    impl::HashFeed& feed = *std::exchange(feed_, nullptr);
+    HashRecord& record = *std::exchange(record_, nullptr);
+    *std::exchange(open_, nullptr) = false;
     InterfacePtr<IReadStream> const inner = std::move(inner_);
     while (!ended_)
-      skip_through(feed, inner, 0x80000000u);
-    feed.put_u64(count_);
+      skip_through(record, inner, 0x80000000u);
+    record.put_u64(count_);
     if (inner) inner->close();
   }
   // The adapter goes away: later calls fail, nothing more is hashed.
   void abandon() noexcept {
-    feed_ = nullptr;
+    record_ = nullptr;
+    open_ = nullptr;
     inner_.reset();
   }
 
  private:
-  unsigned transfer(impl::HashFeed& feed, InterfacePtr<IReadStream> const& inner, void* buffer,
+  unsigned transfer(HashRecord& record, InterfacePtr<IReadStream> const& inner, void* buffer,
                     unsigned size) {
     unsigned const n = inner ? inner->read(buffer, size) : 0;
-    feed.put_bytes(buffer, n);
+    record.put_bytes(buffer, n);
     count_ += n;
     if (n < size) ended_ = true;
     return n;
   }
-  unsigned skip_through(impl::HashFeed& feed, InterfacePtr<IReadStream> const& inner,
-                        unsigned size) {
+  unsigned skip_through(HashRecord& record, InterfacePtr<IReadStream> const& inner, unsigned size) {
     unsigned char block[kSkipBlock];
     unsigned done = 0;
     while (done < size) {
       unsigned const want = size - done < kSkipBlock ? size - done : kSkipBlock;
-      unsigned const n = transfer(feed, inner, block, want);
+      unsigned const n = transfer(record, inner, block, want);
       done += n;
       if (n < want) break;
     }
@@ -102,7 +105,8 @@ class HashingReaderAdapter::ReadStreamAdapter final
                         "Binary stream reader object has already been closed", here(function));
   }
 
-  impl::HashFeed* feed_ = nullptr;
+  HashRecord* record_ = nullptr;
+  bool* open_ = nullptr;
   InterfacePtr<IReadStream> inner_;
   std::uint64_t count_ = 0;
   bool ended_ = false;
@@ -111,14 +115,10 @@ class HashingReaderAdapter::ReadStreamAdapter final
 // ---- Adapter -----------------------------------------------------------------------------------
 
 HashingReaderAdapter::HashingReaderAdapter(Reader& reader, InterfacePtr<IWriteStream> sink)
-    : reader_(&reader), feed_(std::make_unique<impl::HashFeed>(std::move(sink))) {}
+    : reader_(&reader), record_(std::move(sink)) {}
 
 HashingReaderAdapter::~HashingReaderAdapter() {
   if (stream_) stream_->abandon();
-}
-
-std::uint64_t HashingReaderAdapter::bytes_hashed() const noexcept {
-  return feed_->count();
 }
 
 void HashingReaderAdapter::throw_closed() {
@@ -127,40 +127,54 @@ void HashingReaderAdapter::throw_closed() {
                       here("zoserialize::HashingReaderAdapter::finalize_previous()"));
 }
 
-void HashingReaderAdapter::finalize_previous() const {
-  if (reader_ == nullptr) [[unlikely]]
-    throw_closed();
-  // The payload's rest and trailer come before the next record.
-  if (stream_ && stream_->is_open()) [[unlikely]]
-    stream_->finish();
+void HashingReaderAdapter::settle() const {
+  if (reader_ == nullptr) throw_closed();
+  stream_->finish();
 }
 
-void HashingReaderAdapter::check_integer_length(unsigned length, char const* function) const {
-  if (length <= impl::kMaxHashedIntegerBytes) [[likely]]
-    return;
-  zocore::ErrorComposer(
-      "Integer too long to hash: its minimal form exceeds 255 bytes.  Size={@size}")
-      .add("size", length)
-      .throw_error(error::zoserialize_reader_data_type_range, here(function));
+void HashingReaderAdapter::hash_wide_integer(void const* data, unsigned size, bool is_signed) {
+  auto const* image = static_cast<unsigned char const*>(data);
+  unsigned offset = 0;
+  unsigned length = 0;
+  if (is_signed) {
+    impl::SignedForm const form = impl::minimal_signed_form(image, size);
+    if (form.length == 0) return record_.put_signed(form.sign == 0 ? 0 : -1);
+    offset = form.offset;
+    length = form.length;
+  } else {
+    impl::UnsignedForm const form = impl::minimal_unsigned_form(image, size);
+    offset = form.offset;
+    length = form.length;
+  }
+  if (length > HashRecord::kMaxIntegerBytes) {
+    zocore::ErrorComposer(
+        "Integer too long to hash: its minimal form exceeds 255 bytes.  Size={@size}")
+        .add("size", length)
+        .throw_error(error::zoserialize_reader_data_type_range,
+                     here(is_signed ? "zoserialize::HashingReaderAdapter::read_int_big_endian()"
+                                    : "zoserialize::HashingReaderAdapter::read_uint_big_endian()"));
+  }
+  record_.put_integer(is_signed ? ECode::SignedInteger : ECode::UnsignedInteger, image + offset,
+                      length);
 }
 
 InterfacePtr<IReadStream> HashingReaderAdapter::open_payload_stream(bool is_string) {
   finalize_previous();
   InterfacePtr<IReadStream> inner =
       is_string ? reader_->read_string_stream() : reader_->read_binary();
-  feed_->put_code(is_string ? EHashCode::String : EHashCode::Binary);
+  record_.put_code(is_string ? ECode::String : ECode::Binary);
   // No allocation per value once the caller lets go of the previous stream.
   if (!stream_ || !stream_->is_unique()) stream_ = zocore::make_ref_counted<ReadStreamAdapter>();
-  stream_->open(feed_.get(), std::move(inner));
+  stream_->open(&record_, std::move(inner), &payload_open_);
   return InterfacePtr<IReadStream>(stream_);
 }
 
 void HashingReaderAdapter::close() {
   if (reader_ == nullptr) return;
-  if (stream_ && stream_->is_open()) stream_->finish();
+  if (payload_open_) stream_->finish();
   reader_ = nullptr;
   scopes_.clear();
-  feed_->finish();
+  record_.finish();
 }
 
 bool HashingReaderAdapter::is_eof() const {
@@ -181,20 +195,20 @@ void HashingReaderAdapter::skip_element() {
 void HashingReaderAdapter::read_null() {
   finalize_previous();
   reader_->read_null();
-  feed_->put_code(EHashCode::Null);
+  record_.put_code(ECode::Null);
 }
 
 bool HashingReaderAdapter::try_read_null() {
   finalize_previous();
   bool const found = reader_->try_read_null();
-  if (found) feed_->put_code(EHashCode::Null);
+  if (found) record_.put_code(ECode::Null);
   return found;
 }
 
 bool HashingReaderAdapter::read_bool() {
   finalize_previous();
   bool const value = reader_->read_bool();
-  feed_->put_bool(value);
+  record_.put_bool(value);
   return value;
 }
 
@@ -202,43 +216,43 @@ void HashingReaderAdapter::read_int_big_endian(void* data, unsigned size) {
   finalize_previous();
   reader_->read_int_big_endian(data, size);
   auto const* image = static_cast<unsigned char const*>(data);
-  impl::SignedForm const form = impl::minimal_signed_form(image, size);
-  check_integer_length(form.length, "zoserialize::HashingReaderAdapter::read_int_big_endian()");
-  feed_->put_signed(image, form);
+  if (size > 8) [[unlikely]]
+    return hash_wide_integer(data, size, true);
+  record_.put_signed(impl::load_signed(image, size));
 }
 
 void HashingReaderAdapter::read_uint_big_endian(void* data, unsigned size) {
   finalize_previous();
   reader_->read_uint_big_endian(data, size);
   auto const* image = static_cast<unsigned char const*>(data);
-  impl::UnsignedForm const form = impl::minimal_unsigned_form(image, size);
-  check_integer_length(form.length, "zoserialize::HashingReaderAdapter::read_uint_big_endian()");
-  feed_->put_unsigned(image, form);
+  if (size > 8) [[unlikely]]
+    return hash_wide_integer(data, size, false);
+  record_.put_unsigned(impl::load_unsigned(image, size));
 }
 
 double HashingReaderAdapter::read_double() {
   finalize_previous();
   double const value = reader_->read_double();
-  feed_->put_double(value);
+  record_.put_double(value);
   return value;
 }
 
 void HashingReaderAdapter::read_string(SourceString& out) {
   finalize_previous();
   reader_->read_string(out);
-  feed_->put_payload(EHashCode::String, out.data(), out.size());
+  record_.put_payload(ECode::String, out.data(), out.size());
 }
 
 void HashingReaderAdapter::read_string(std::string& out) {
   finalize_previous();
   reader_->read_string(out);
-  feed_->put_payload(EHashCode::String, out.data(), out.size());
+  record_.put_payload(ECode::String, out.data(), out.size());
 }
 
 std::string HashingReaderAdapter::read_string() {
   finalize_previous();
   std::string value = reader_->read_string();
-  feed_->put_payload(EHashCode::String, value.data(), value.size());
+  record_.put_payload(ECode::String, value.data(), value.size());
   return value;
 }
 
@@ -249,21 +263,21 @@ InterfacePtr<IReadStream> HashingReaderAdapter::read_string_stream() {
 AbsoluteTime HashingReaderAdapter::read_absolute_time() {
   finalize_previous();
   AbsoluteTime const value = reader_->read_absolute_time();
-  feed_->put_time(EHashCode::AbsoluteTime, value.count());
+  record_.put_time(ECode::AbsoluteTime, value.count());
   return value;
 }
 
 RelativeTime HashingReaderAdapter::read_relative_time() {
   finalize_previous();
   RelativeTime const value = reader_->read_relative_time();
-  feed_->put_time(EHashCode::RelativeTime, value.count());
+  record_.put_time(ECode::RelativeTime, value.count());
   return value;
 }
 
 Uuid HashingReaderAdapter::read_uuid() {
   finalize_previous();
   Uuid const value = reader_->read_uuid();
-  feed_->put_uuid(value);
+  record_.put_uuid(value);
   return value;
 }
 
@@ -275,7 +289,7 @@ unsigned HashingReaderAdapter::read_sequence_start() {
   finalize_previous();
   unsigned const hint = reader_->read_sequence_start();
   scopes_.push_back(kSequenceBeforeFirst);
-  feed_->put_code(EHashCode::SequenceStart);
+  record_.put_code(ECode::SequenceStart);
   return hint;
 }
 
@@ -287,10 +301,10 @@ bool HashingReaderAdapter::read_sequence_next() {
   std::size_t const at = scopes_.find_last_not_of(static_cast<char>(kMarker));
   bool const first = at != std::string::npos && scopes_[at] == kSequenceBeforeFirst;
   if (more) {
-    if (!first) feed_->put_code(EHashCode::SequenceNext);
+    if (!first) record_.put_code(ECode::SequenceSeparator);
     if (at != std::string::npos) scopes_[at] = kSequence;
   } else {
-    feed_->put_code(EHashCode::SequenceEnd);
+    record_.put_code(ECode::SequenceEnd);
     if (at != std::string::npos) scopes_.erase(at, 1);
   }
   return more;
@@ -300,7 +314,7 @@ void HashingReaderAdapter::read_marker_start() {
   finalize_previous();
   reader_->read_marker_start();
   scopes_.push_back(kMarker);
-  feed_->put_code(EHashCode::MarkerStart);
+  record_.put_code(ECode::MarkerStart);
 }
 
 bool HashingReaderAdapter::read_marker_is_end() {
@@ -321,7 +335,7 @@ void HashingReaderAdapter::read_marker_end() {
     walk(nullptr);
   reader_->read_marker_end();
   if (marker != std::string::npos) scopes_.resize(marker);
-  feed_->put_code(EHashCode::MarkerEnd);
+  record_.put_code(ECode::MarkerEnd);
 }
 
 void HashingReaderAdapter::finish_sequence() {

@@ -2,18 +2,15 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
+#include <type_traits>
 
 #include <zocore/ref_count_ptr.h>
 #include <zoserialize/export.h>
+#include <zoserialize/hash_record.h>
 #include <zoserialize/reader.h>
 
 namespace zoserialize {
-
-namespace impl {
-class HashFeed;
-}
 
 // HashingReaderAdapter reads through the reader it wraps and gives the sink the canonical record
 // of every element read, the same bytes HashingWriterAdapter gives for the element written
@@ -71,8 +68,43 @@ class ZOSERIALIZE_API HashingReaderAdapter final : public Reader {
   void read_marker_end() override;
   void read_copy(Writer& writer) override;
 
+  // ---- Inline front end ----
+  // Shadows of Reader's typed front end for callers that hold the concrete type: the wrapped
+  // reader gets the same calls, and the record is built from the value read, without the
+  // adapter's own virtual call or an image to scan. (float is read through read_double.)
+  using Reader::operator>>;
+  HashingReaderAdapter& operator>>(bool& v) {
+    finalize_previous();
+    v = reader_->read_bool();
+    record_.put_bool(v);
+    return *this;
+  }
+  HashingReaderAdapter& operator>>(char& v) { return read_signed(v); }
+  HashingReaderAdapter& operator>>(signed char& v) { return read_signed(v); }
+  HashingReaderAdapter& operator>>(unsigned char& v) { return read_unsigned(v); }
+  HashingReaderAdapter& operator>>(short& v) { return read_signed(v); }
+  HashingReaderAdapter& operator>>(unsigned short& v) { return read_unsigned(v); }
+  HashingReaderAdapter& operator>>(int& v) { return read_signed(v); }
+  HashingReaderAdapter& operator>>(unsigned int& v) { return read_unsigned(v); }
+  HashingReaderAdapter& operator>>(long& v) { return read_signed(v); }
+  HashingReaderAdapter& operator>>(unsigned long& v) { return read_unsigned(v); }
+  HashingReaderAdapter& operator>>(long long& v) { return read_signed(v); }
+  HashingReaderAdapter& operator>>(unsigned long long& v) { return read_unsigned(v); }
+  HashingReaderAdapter& operator>>(double& v) {
+    finalize_previous();
+    v = reader_->read_double();
+    record_.put_double(v);
+    return *this;
+  }
+  HashingReaderAdapter& operator>>(std::string& v) {
+    finalize_previous();
+    reader_->read_string(v);
+    record_.put_payload(HashRecord::ECode::String, v.data(), v.size());
+    return *this;
+  }
+
   // Bytes of the record so far (buffered ones included, the close() trailer not).
-  std::uint64_t bytes_hashed() const noexcept;
+  std::uint64_t bytes_hashed() const noexcept { return record_.count(); }
 
  private:
   class ReadStreamAdapter;
@@ -84,10 +116,38 @@ class ZOSERIALIZE_API HashingReaderAdapter final : public Reader {
     kMarker = 'M',
   };
 
-  void finalize_previous() const;
+  // Inline: every operation starts here, and is rarely closed or behind an open payload stream.
+  void finalize_previous() const {
+    if (reader_ == nullptr || payload_open_) [[unlikely]]
+      settle();
+  }
+  // Fails when closed; otherwise finishes the open payload stream, so that its rest and trailer
+  // come before the next record.
+  void settle() const;
   [[noreturn]] static void throw_closed();
   InterfacePtr<IReadStream> open_payload_stream(bool is_string);
-  void check_integer_length(unsigned length, char const* function) const;
+  template <class T>
+  HashingReaderAdapter& read_signed(T& v) {
+    finalize_previous();
+    *reader_ >> v;
+    // char counts as signed, as in Reader's front end, whatever the platform's char.
+    if constexpr (std::is_same_v<T, char>) {
+      record_.put_signed(static_cast<signed char>(v));
+    } else {
+      record_.put_signed(v);
+    }
+    return *this;
+  }
+  template <class T>
+  HashingReaderAdapter& read_unsigned(T& v) {
+    finalize_previous();
+    *reader_ >> v;
+    record_.put_unsigned(v);
+    return *this;
+  }
+  // Integers wider than 8 bytes: their minimal form is found by scanning, and refused when
+  // longer than 255 bytes.
+  void hash_wide_integer(void const* data, unsigned size, bool is_signed);
   // Reads one element through the adapter (so it is hashed), copying it into `writer` if given.
   void walk(Writer* writer);
   void walk_scalar(EToken token, Writer* writer);
@@ -95,10 +155,12 @@ class ZOSERIALIZE_API HashingReaderAdapter final : public Reader {
   void finish_sequence();
 
   Reader* reader_;
-  std::unique_ptr<impl::HashFeed> feed_;
-  // The last payload stream handed out; reused once its holder has let go of it. Mutable, like
-  // the feed behind the pointer: is_eof() const finishes an open stream first.
+  // Mutable: is_eof() const finishes an open payload stream, whose rest and trailer are hashed.
+  mutable HashRecord record_;
+  // The last payload stream handed out; reused once its holder has let go of it. Its value is
+  // open while payload_open_ is set (the stream clears it when it is closed).
   mutable zocore::RefCountPtr<ReadStreamAdapter> stream_;
+  mutable bool payload_open_ = false;
   std::string scopes_;
 };
 

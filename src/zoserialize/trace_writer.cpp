@@ -31,10 +31,11 @@ constexpr char kStreamWriteFunction[] = "zoserialize::TraceWriter:StreamImplBase
 
 constexpr unsigned kSkipStep = 0x1000000;  // 16 MiB
 
-// Appends the decimal form of `value` to `out`.
-template <class T>
-char* put_decimal(char* out, T value) {
-  return std::to_chars(out, out + 24, value).ptr;
+// Writes the decimal form of `value` at `out` and returns its end. `text` has room for the
+// longest value and `tail` more characters after it.
+template <class T, std::size_t N>
+char* put_decimal(char (&text)[N], char* out, T value, std::size_t tail) {
+  return std::to_chars(out, text + N - tail, value).ptr;
 }
 
 }  // namespace
@@ -75,7 +76,7 @@ class TraceWriter::StreamImplBase : public impl::BufferedValueStream<256, 1> {
   bool is_string_;
   unsigned kept_size_ = 0;
   std::uint64_t total_ = 0;
-  unsigned char kept_[kCapacity];  // NOLINT(cppcoreguidelines-pro-type-member-init): written first
+  unsigned char kept_[kCapacity]{};
 };
 
 class TraceWriter::BinaryStreamImpl final : public StreamImplBase {
@@ -165,7 +166,7 @@ void TraceWriter::line(char const* text, std::size_t size) {
 void TraceWriter::render_string(char const* data, unsigned length, std::uint64_t total) {
   unsigned const shown = std::min(length, kMaxStringBytes);
   char head[48] = "String[";
-  char* end = put_decimal(head + 7, total);
+  char* end = put_decimal(head, head + 7, total, 3);
   std::memcpy(end, "]: ", 3);
   indented().write(head, end + 3 - head);
   auto const is_control = [](char c) { return static_cast<unsigned char>(c) < 0x20; };
@@ -213,7 +214,7 @@ void TraceWriter::render_string(char const* data, unsigned length, std::uint64_t
 
 void TraceWriter::render_binary(unsigned char const* data, unsigned length, std::uint64_t total) {
   char head[48] = "Binary[";
-  char* end = put_decimal(head + 7, total);
+  char* end = put_decimal(head, head + 7, total, 4);
   std::memcpy(end, "]: \n", 4);
   indented().write(head, end + 4 - head);
   unsigned const shown = std::min(length, kMaxBinaryBytes);
@@ -294,7 +295,7 @@ void TraceWriter::write_int_big_endian(void const* data, unsigned size) {
                                    ? (form.sign != 0 ? -1 : 0)
                                    : impl::load_signed(image + form.offset, form.length);
     char text[32] = "Int: ";
-    char* end = put_decimal(text + 5, static_cast<std::int32_t>(value));
+    char* end = put_decimal(text, text + 5, static_cast<std::int32_t>(value), 1);
     *end++ = '\n';
     line(text, static_cast<std::size_t>(end - text));
     return;
@@ -312,7 +313,8 @@ void TraceWriter::write_uint_big_endian(void const* data, unsigned size) {
   impl::UnsignedForm const form = impl::minimal_unsigned_form(image, size);
   if (form.length <= 3) {
     char text[32] = "UInt: ";
-    char* end = put_decimal(text + 6, impl::load_unsigned(image + form.offset, form.length));
+    char* end =
+        put_decimal(text, text + 6, impl::load_unsigned(image + form.offset, form.length), 1);
     *end++ = '\n';
     line(text, static_cast<std::size_t>(end - text));
     return;
@@ -375,7 +377,7 @@ void TraceWriter::write_sequence_start(unsigned count_hint) {
   finalize_previous_element();
   if (check_trace()) {
     char text[32] = "Sequence[";
-    char* end = count_hint != 0 ? put_decimal(text + 9, count_hint) : text + 9;
+    char* end = count_hint != 0 ? put_decimal(text, text + 9, count_hint, 3) : text + 9;
     std::memcpy(end, "]{\n", 3);
     line(text, static_cast<std::size_t>(end + 3 - text));
   }

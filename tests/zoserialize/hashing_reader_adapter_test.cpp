@@ -278,6 +278,54 @@ TEST(HashingReaderAdapter, PayloadReadAnyWay) {
   }
 }
 
+// The concrete type's inline front end reads the values and hashes the records of Reader's.
+TEST(HashingReaderAdapter, InlineFrontEndMatchesReader) {
+  std::string const archive = zotest::formats().front().write([](Writer& w) {
+    w << true << char(-3) << static_cast<signed char>(-2) << static_cast<unsigned char>(200)
+      << short(-300) << static_cast<unsigned short>(60000) << -70000 << 4000000000u << -5L << 6UL
+      << (-1LL << 40) << ~0ULL << -2.5 << "str";
+  });
+  struct Values {
+    bool b = false;
+    char c = 0;
+    signed char sc = 0;
+    unsigned char uc = 0;
+    short s = 0;
+    unsigned short us = 0;
+    int i = 0;
+    unsigned u = 0;
+    long l = 0;
+    unsigned long ul = 0;
+    long long ll = 0;
+    unsigned long long ull = 0;
+    double d = 0;
+    std::string str;
+  };
+  auto read = [&](auto& r, Values& v) {
+    r >> v.b >> v.c >> v.sc >> v.uc >> v.s >> v.us >> v.i >> v.u >> v.l >> v.ul >> v.ll >> v.ull >>
+        v.d >> v.str;
+  };
+  Values concrete, generic;
+  auto hashed = [&](bool use_concrete, Values& values) {
+    auto sink = make_ref_counted<StringWriteStream>();
+    std::shared_ptr<Reader> const wrapped = zotest::formats().front().read(archive);
+    HashingReaderAdapter adapter(*wrapped, sink);
+    if (use_concrete) {
+      read(adapter, values);
+    } else {
+      read(static_cast<Reader&>(adapter), values);
+    }
+    adapter.close();
+    return sink->str();
+  };
+  EXPECT_EQ(hashed(true, concrete), hashed(false, generic));
+  EXPECT_EQ(concrete.c, char(-3));
+  EXPECT_EQ(concrete.ull, ~0ULL);
+  EXPECT_EQ(concrete.str, generic.str);
+  EXPECT_EQ(concrete.ll, generic.ll);
+  EXPECT_EQ(concrete.d, -2.5);
+}
+
 TEST(HashingReaderAdapter, ClosedAdapterRefusesEveryOperation) {
   zotest::ScriptedReader wrapped("n n");
   HashingReaderAdapter adapter(wrapped, nullptr);
@@ -336,18 +384,19 @@ TEST(HashingReaderAdapter, StreamUsedAfterItsValueEnded) {
       {"skip", [](IReadStream& s) { s.skip(1); }},
       {"bytes_remaining", [](IReadStream& s) { (void)s.bytes_remaining(); }},
   };
-  for (auto const& [ender, end] : enders) {
-    for (auto const& [use, call] : uses) {
-      SCOPED_TRACE(std::string(ender) + ", " + use);
+  for (auto const& ender : enders) {
+    for (auto const& use : uses) {
+      SCOPED_TRACE(std::string(ender.first) + ", " + use.first);
       zotest::ScriptedReader wrapped("bxyz n");
       auto adapter = std::make_unique<HashingReaderAdapter>(wrapped, nullptr);
       InterfacePtr<IReadStream> const stream = adapter->read_binary();
-      end(adapter, *stream);
+      ender.second(adapter, *stream);
       zotest::ErrorPtr const info =
-          ZO_EXPECT_ERROR(call(*stream), error::zoserialize_writer_state,
+          ZO_EXPECT_ERROR(use.second(*stream), error::zoserialize_writer_state,
                           "Binary stream reader object has already been closed");
-      EXPECT_EQ(info ? std::string(info->location().function().view()) : "",
-                std::string("zoserialize::HashingReaderAdapter::ReadStreamAdapter::") + use + "()");
+      EXPECT_EQ(
+          info ? std::string(info->location().function().view()) : "",
+          std::string("zoserialize::HashingReaderAdapter::ReadStreamAdapter::") + use.first + "()");
     }
   }
 }

@@ -126,6 +126,24 @@ TEST(HashingWriterAdapter, CanonicalRecords) {
   }
 }
 
+// The concrete type's inline front end gives the records and the wrapped writer's calls of
+// Writer's front end.
+TEST(HashingWriterAdapter, InlineFrontEndMatchesWriter) {
+  auto script = [](auto& w) {
+    w << true << 'a' << char(-3) << static_cast<signed char>(-2) << static_cast<unsigned char>(200)
+      << short(-300) << static_cast<unsigned short>(60000) << -70000 << 4000000000u << -5L << 6UL
+      << (-1LL << 40) << ~0ULL << 0.1f << -2.5 << "text" << std::string("str")
+      << std::string_view("view");
+  };
+  zotest::RecordingWriter concrete_calls, writer_calls;
+  std::string const concrete =
+      hash_of([&](Writer& w) { script(static_cast<HashingWriterAdapter&>(w)); }, &concrete_calls);
+  std::string const generic = hash_of([&](Writer& w) { script(w); }, &writer_calls);
+  EXPECT_EQ(zotest::hex(concrete), zotest::hex(generic));
+  EXPECT_EQ(concrete_calls.calls(), writer_calls.calls());
+  EXPECT_EQ(concrete_calls.calls().size(), 18u);
+}
+
 // A payload hashes the same written whole, through the value stream in pieces (ended by closing
 // it or by the next operation) or from an input stream, whatever the writer behind does with it:
 // the trace writer keeps 256 bytes and skips the rest, or reads nothing at all past its budget.
