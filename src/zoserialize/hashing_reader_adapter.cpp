@@ -298,7 +298,10 @@ unsigned HashingReaderAdapter::read_sequence_start() {
 bool HashingReaderAdapter::read_sequence_next() {
   finalize_previous();
   bool const more = reader_->read_sequence_next();
-  std::size_t const at = scopes_.find_last_not_of(static_cast<char>(kMarker));
+  // The innermost sequence is nearly always on top.
+  std::size_t const at = !scopes_.empty() && scopes_.back() != kMarker
+                             ? scopes_.size() - 1
+                             : scopes_.find_last_not_of(static_cast<char>(kMarker));
   bool const first = at != std::string::npos && scopes_[at] == kSequenceBeforeFirst;
   if (more) {
     if (!first) record_.put_code(ECode::SequenceSeparator);
