@@ -133,7 +133,7 @@ class Walker {
 TEST(HashingAdapters, SameRecordWhateverFormatAndWay) {
   auto no_position = [] { return std::size_t{0}; };
   for (zotest::Format const& format : zotest::formats()) {
-    for (std::uint64_t seed = 1; seed <= 25; ++seed) {
+    for (std::uint64_t seed = 1; seed <= 60; ++seed) {
       SCOPED_TRACE(format.name + " seed " + std::to_string(seed));
       auto reference = make_ref_counted<StringWriteStream>();
       std::string const archive = format.write([&](Writer& w) {
