@@ -35,9 +35,10 @@ TEST(DigestSink, KnownVectors) {
     SCOPED_TRACE(v.algorithm ? v.algorithm : "default");
     auto sink = v.algorithm ? zocore::make_ref_counted<DigestSink>(v.algorithm)
                             : zocore::make_ref_counted<DigestSink>();
-    for (std::size_t at = 0; at < v.input.size(); at += v.piece)
+    for (std::size_t at = 0; at < v.input.size(); at += v.piece) {
       sink->write(v.input.data() + at,
                   unsigned(std::min<std::size_t>(v.piece, v.input.size() - at)));
+    }
     EXPECT_EQ(sink->hex_digest(), v.hex);
     EXPECT_EQ(sink->digest().size(), sink->digest_size());
     EXPECT_EQ(sink->digest_size() * 2, std::string(v.hex).size());

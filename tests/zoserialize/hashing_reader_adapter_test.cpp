@@ -144,14 +144,14 @@ TEST(HashingAdapters, SameRecordWhateverFormatAndWay) {
       ASSERT_EQ(archive, format.write([&](Writer& w) {
         zotest::RandomDocument(seed).write(w, no_position);
       }));
-      auto check = [&](std::function<void(Reader&, InterfacePtr<IWriteStream>)> const& run,
+      auto check = [&](std::function<void(Reader&, InterfacePtr<IWriteStream> const&)> const& run,
                        char const* way) {
         auto sink = make_ref_counted<StringWriteStream>();
         run(*format.read(archive), sink);
         EXPECT_EQ(sink->str(), reference->str()) << way;
       };
       check(
-          [&](Reader& r, InterfacePtr<IWriteStream> sink) {
+          [&](Reader& r, InterfacePtr<IWriteStream> const& sink) {
             HashingReaderAdapter adapter(r, sink);
             zotest::RandomDocument(seed).read(adapter);
             adapter.close();
@@ -159,7 +159,7 @@ TEST(HashingAdapters, SameRecordWhateverFormatAndWay) {
           "typed reads");
       for (std::uint64_t k = 0; k < 3; ++k) {
         check(
-            [&](Reader& r, InterfacePtr<IWriteStream> sink) {
+            [&](Reader& r, InterfacePtr<IWriteStream> const& sink) {
               HashingReaderAdapter adapter(r, sink);
               Walker(adapter, seed * 31 + k).all();
               adapter.close();
@@ -167,7 +167,7 @@ TEST(HashingAdapters, SameRecordWhateverFormatAndWay) {
             "reading forms");
       }
       check(
-          [&](Reader& r, InterfacePtr<IWriteStream> sink) {
+          [&](Reader& r, InterfacePtr<IWriteStream> const& sink) {
             auto copied = make_ref_counted<StringWriteStream>();
             HashingReaderAdapter reading(r, sink);
             HashingWriterAdapter writing(copied);

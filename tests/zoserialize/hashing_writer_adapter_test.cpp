@@ -48,7 +48,7 @@ struct RecordRow {
 };
 
 std::vector<RecordRow> const& record_rows() {
-  auto image = [](bool is_signed, std::string hex) {
+  auto image = [](bool is_signed, std::string const& hex) {
     return [is_signed, b = bytes(hex)](Writer& w) {
       is_signed ? w.write_int_big_endian(b.data(), unsigned(b.size()))
                 : w.write_uint_big_endian(b.data(), unsigned(b.size()));
