@@ -22,6 +22,7 @@ struct Nested {
   std::int32_t b = 0;
   std::string label;
 
+  MSGPACK_DEFINE(a, b, label)  // the msgpack layout below, declared once (bench_types)
   friend bool operator==(Nested const&, Nested const&) = default;
 };
 
@@ -34,6 +35,7 @@ struct Record {
   std::vector<char> blob;
   Nested nested;
 
+  MSGPACK_DEFINE(id, flag, score, name, tags, blob, nested)
   friend bool operator==(Record const&, Record const&) = default;
 };
 

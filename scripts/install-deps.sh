@@ -6,7 +6,12 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build ccache pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev
+  libcereal-dev
   libmsgpack-cxx-dev
+  rapidjson-dev
+  liburiparser-dev
+  libxml2-dev libexpat1-dev
+  libssl-dev
   clang libclang-rt-14-dev
 )
 

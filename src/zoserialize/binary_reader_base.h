@@ -94,6 +94,14 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
   long long read_int64() { return decode_signed<long long>(); }
   unsigned long long read_uint64() { return decode_unsigned<unsigned long long>(); }
 
+  // Inside a marker this reader has opened, whether its end comes next, answered from the input
+  // window without a call: 1 it does, 0 another element comes, -1 the window is empty (then
+  // read_marker_is_end() answers). Checks nothing else.
+  int peek_marker_end() const noexcept {
+    if (in_cur_ == in_end_) return -1;
+    return *in_cur_ == impl::kTagMarkerEnd ? 1 : 0;
+  }
+
  protected:
   using SourceLocation = zocore::SourceLocation;
 

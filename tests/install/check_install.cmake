@@ -15,7 +15,10 @@ file(REMOVE_RECURSE ${WORK_DIR})
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
 foreach(header zocore/ref_count_ptr.h zoserialize/writer.h zoserialize/binary_reader.h
-               zoserialize/error_codes.h)
+               zoserialize/error_codes.h zoserialize/marshal_uri.h zouri/uri.h
+               zomoduleregistry/module_registry.h zoserialize/trace_writer.h
+               zoserialize/hashing_reader_adapter.h zoserialize/hashing_writer_adapter.h
+               zodigest/digest_sink.h)
   if(NOT EXISTS ${prefix}/include/${header})
     message(FATAL_ERROR "installed header missing: ${header}")
   endif()
@@ -27,6 +30,19 @@ list(REMOVE_ITEM private_headers zoserialize/impl/binary_encoding.h zoserialize/
 if(private_headers)
   message(FATAL_ERROR "private headers were installed: ${private_headers}")
 endif()
+
+# The module-information block, marker line first, is in the installed library file.
+file(GLOB installed_library ${prefix}/*/libzoserialize.so.*.*.*)
+if(NOT installed_library)
+  message(FATAL_ERROR "libzoserialize.so was not installed")
+endif()
+# The marker line: "***VELD*MODULE*INFO*", 32 uppercase hex digits, "***" (55 characters).
+file(STRINGS ${installed_library} marker REGEX "^\\*\\*\\*VELD\\*MODULE\\*INFO\\*[0-9A-F]+\\*\\*\\*$")
+string(LENGTH "${marker}" marker_length)
+if(NOT marker_length EQUAL 55)
+  message(FATAL_ERROR "no module-information marker line in ${installed_library}: ${marker}")
+endif()
+message(STATUS "module information: ${marker}")
 
 # find_package(zoserialize)
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples/consumer -B ${WORK_DIR}/build -G ${GENERATOR}
@@ -42,7 +58,7 @@ if(NOT pc_file)
 endif()
 get_filename_component(pc_dir ${pc_file} DIRECTORY)
 set(ENV{PKG_CONFIG_PATH} ${pc_dir})
-run(pkg-config --cflags --libs zoserialize)
+run(pkg-config --cflags --libs zoserialize zodigest)
 string(STRIP "${run_output}" flags)
 separate_arguments(flags UNIX_COMMAND "${flags}")
 run(${CXX} ${SOURCE_DIR}/examples/consumer/main.cpp -o ${WORK_DIR}/consumer-pc ${flags})

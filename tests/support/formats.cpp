@@ -1,4 +1,5 @@
 #include <ostream>
+#include <sstream>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -7,11 +8,14 @@
 #include <support/formats.h>
 #include <support/memory_lists.h>
 #include <support/test_streams.h>
+#include <support/text_golden.h>
 #include <zocore/memory_stream.h>
 #include <zoserialize/binary_reader.h>
 #include <zoserialize/binary_writer.h>
 #include <zoserialize/memory_reader.h>
 #include <zoserialize/memory_writer.h>
+#include <zoserialize/text_reader.h>
+#include <zoserialize/text_writer.h>
 
 namespace zotest {
 namespace {
@@ -144,10 +148,76 @@ Format memory_format() {
   return f;
 }
 
+// The text archives: the writer over each kind of target, the reader in place and through
+// stream sources with read-ahead buffers that cut every token.
+Format::WriteFn text_writer(int target) {
+  return [target](WriteBody const& fn) {
+    std::string out;
+    std::ostringstream os;
+    auto const sink = zocore::make_ref_counted<zocore::StringWriteStream>();
+    {
+      std::unique_ptr<zoserialize::TextWriter> writer;
+      if (target == 0) writer = std::make_unique<zoserialize::TextWriter>(out);
+      if (target == 1) writer = std::make_unique<zoserialize::TextWriter>(os);
+      if (target == 2) {
+        writer = std::make_unique<zoserialize::TextWriter>(
+            zocore::InterfacePtr<zocore::IWriteStream>(sink));
+      }
+      fn(*writer);
+      writer->close();
+    }
+    return target == 0 ? out : target == 1 ? os.str() : sink->take();
+  };
+}
+
+Format::ReadFn text_stream_reader(unsigned buffer) {
+  return [buffer](std::string bytes) {
+    auto const source = zocore::make_ref_counted<ByteSource>(std::move(bytes));
+    return owning(
+        "",
+        [&](std::string const&) {
+          return std::make_unique<zoserialize::TextReader>(
+              zocore::InterfacePtr<zocore::IReadStream>(source), buffer);
+        },
+        [source] { EXPECT_EQ(source->calls_after_end(), 0u) << "source asked after its end"; });
+  };
+}
+
+Format text_format() {
+  Format f = make_format<zoserialize::TextWriter, zoserialize::TextReader>(
+      "Text", text_writer(0), [](std::string bytes) {
+        return owning(std::move(bytes), [](std::string const& kept) {
+          return std::make_unique<zoserialize::TextReader>(&kept);
+        });
+      });
+  f.column = &text_column();
+  f.prefix_is_incomplete = false;
+  f.writers.emplace_back("Ostream", text_writer(1));
+  f.writers.emplace_back("WriteStream", text_writer(2));
+  f.readers.emplace_back("Chars", [](std::string bytes) {
+    return owning(std::move(bytes), [](std::string const& kept) {
+      return std::make_unique<zoserialize::TextReader>(kept.data(),
+                                                       static_cast<unsigned>(kept.size()));
+    });
+  });
+  for (unsigned buffer : {1u, 3u, 4096u})
+    f.readers.emplace_back("Stream" + std::to_string(buffer), text_stream_reader(buffer));
+  f.readers.emplace_back("Istream7", [](std::string bytes) {
+    auto in = std::make_shared<std::istringstream>(std::move(bytes));
+    return owning(
+        "", [&](std::string const&) { return std::make_unique<zoserialize::TextReader>(*in, 7); },
+        [in] {});
+  });
+  f.read_with_seam = [](std::string bytes, std::size_t seam) {
+    return text_stream_reader(seam == 0 ? 1 : static_cast<unsigned>(seam))(std::move(bytes));
+  };
+  return f;
+}
+
 }  // namespace
 
 std::vector<Format> const& formats() {
-  static std::vector<Format> const all = {binary_format(), memory_format()};
+  static std::vector<Format> const all = {binary_format(), memory_format(), text_format()};
   return all;
 }
 

@@ -44,6 +44,9 @@ struct Format {
   // Whether the concrete types have a typed front end of their own; the golden suite then runs
   // the rows with both static types.
   bool own_front_end = false;
+  // Whether a proper prefix of a rendering always lacks part of its last element. Not so in the
+  // text format, where a prefix of a number or a time is a shorter one.
+  bool prefix_is_incomplete = true;
   // Write or read a script with the static type asked for; the writer and reader passed in are
   // the format's own.
   std::function<void(zoserialize::Writer&, Script const&, EPath)> write_script;
