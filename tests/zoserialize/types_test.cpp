@@ -471,6 +471,12 @@ TEST(TypesTest, HostileCountsAndLengthsFailWithoutAllocatingAhead) {
                                                                     impl::kBinaryFirstPieceMax);
 }
 
+// Reading a T from what `write` writes.
+template <class T>
+std::function<void(Format const&)> reading(std::function<void(Writer&)> write) {
+  return [write](Format const& f) { static_cast<void>(read_value<T>(*f.read(f.write(write)))); };
+}
+
 // The failures of this layer: code, message and parameters, in every format.
 TEST(TypesTest, FailuresOfTheLayerCarryTheirCodeMessageAndValues) {
   using Params = std::vector<std::pair<char const*, char const*>>;
@@ -480,23 +486,11 @@ TEST(TypesTest, FailuresOfTheLayerCarryTheirCodeMessageAndValues) {
     char const* message;
     Params params;
   };
-  auto reading = []<class T>(std::function<void(Writer&)> const& write, T* /*type*/) {
-    return [write](Format const& f) { static_cast<void>(read_value<T>(*f.read(f.write(write)))); };
-  };
   auto writing = [](auto value) {
     return [value](Format const& f) { f.write([&](Writer& w) { write_value(w, value); }); };
   };
-  auto sequence = [](std::vector<std::function<void(Writer&)>> const& elements) {
-    return [elements](Writer& w) {
-      WriteSequence seq(w, elements.size());
-      for (auto const& element : elements)
-        seq.next(), element(w);
-    };
-  };
-  auto entry = [](int k, int v) {
-    return [k, v](Writer& w) { write_value(w, std::make_pair(k, v)); };
-  };
-  auto one = [](Writer& w) { w << 1; };
+  auto const two_ones = [](Writer& w) { write_value(w, std::vector{1, 1}); };
+  auto const two_ints = [](Writer& w) { w << 1 << 2; };
   std::variant<int, Explosive> valueless;
   try {
     valueless.emplace<1>(0);
@@ -513,77 +507,45 @@ TEST(TypesTest, FailuresOfTheLayerCarryTheirCodeMessageAndValues) {
   char const kDuration[] =
       "Duration cannot be represented as a 64-bit count of nanoseconds.  Count={@count}";
   auto const& range = error::zoserialize_reader_data_type_range;
+  auto const& count = error::zoserialize_reader_sequence_element_count;
+  auto const& invalid = error::zoserialize_reader_data_invalid;
+  auto const& too_long = error::zoserialize_writer_data_range;
+  // clang-format off
   std::vector<Row> const rows = {
-      {reading([](Writer& w) { w << 300ull; }, static_cast<Color*>(nullptr)),
-       range,
-       kEnum,
+      {reading<Color>([](Writer& w) { w << 300ull; }), range, kEnum,
        {{"value", "300"}, {"minValue", "0"}, {"maxValue", "255"}}},
-      {reading([](Writer& w) { w << -200ll; }, static_cast<Tiny*>(nullptr)),
-       range,
-       kEnum,
+      {reading<Tiny>([](Writer& w) { w << -200ll; }), range, kEnum,
        {{"value", "-200"}, {"minValue", "-128"}, {"maxValue", "127"}}},
-      {reading([](Writer& w) { write_value(w, static_cast<Shape>(3)); },
-               static_cast<Shape*>(nullptr)),
-       range,
-       kEnum,
+      {reading<Shape>([](Writer& w) { write_value(w, static_cast<Shape>(3)); }), range, kEnum,
        {{"value", "3"}, {"minValue", "0"}, {"maxValue", "2"}}},
-      {reading([](Writer& w) { write_value(w, std::make_tuple(2u, 1)); },
-               static_cast<std::variant<int, std::string>*>(nullptr)),
-       range,
-       "Read variant index is out of range.  Index={@index}, Alternatives={@alternatives}",
+      {reading<std::variant<int, std::string>>(
+           [](Writer& w) { write_value(w, std::tuple(2u, 1)); }),
+       range, "Read variant index is out of range.  Index={@index}, Alternatives={@alternatives}",
        {{"index", "2"}, {"alternatives", "2"}}},
-      {reading(sequence({one, one}), static_cast<std::array<int, 3>*>(nullptr)),
-       error::zoserialize_reader_sequence_element_count,
-       kArray,
+      {reading<std::array<int, 3>>(two_ones), count, kArray,
        {{"arraySize", "3"}, {"elementCount", "2"}}},
-      {reading(sequence({one, one}), static_cast<std::array<int, 1>*>(nullptr)),
-       error::zoserialize_reader_sequence_element_count,
-       kArray,
+      {reading<std::array<int, 1>>(two_ones), count, kArray,
        {{"arraySize", "1"}, {"elementCount", "2"}}},
-      {reading(sequence({one, one}), static_cast<std::set<int>*>(nullptr)),
-       error::zoserialize_reader_data_invalid,
-       kKey,
-       {{"index", "1"}}},
-      {reading(sequence({entry(1, 2), entry(3, 4), entry(3, 5)}),
-               static_cast<std::unordered_map<int, int>*>(nullptr)),
-       error::zoserialize_reader_data_invalid,
-       kKey,
-       {{"index", "2"}}},
-      {reading([](Writer& w) { w << RelativeTime(1500); },
-               static_cast<std::chrono::microseconds*>(nullptr)),
-       range,
-       kTime,
+      {reading<std::set<int>>(two_ones), invalid, kKey, {{"index", "1"}}},
+      {reading<std::unordered_map<int, int>>([](Writer& w) {
+         write_value(w, std::vector<std::pair<int, int>>{{1, 2}, {3, 4}, {3, 5}}); }),
+       invalid, kKey, {{"index", "2"}}},
+      {reading<std::chrono::microseconds>([](Writer& w) { w << RelativeTime(1500); }), range, kTime,
        {{"nanoseconds", "1500"}}},
-      {reading([](Writer& w) { w << RelativeTime(3'000'000'000'000'000'000); },
-               static_cast<std::chrono::duration<std::int32_t>*>(nullptr)),
-       range,
-       kTime,
-       {{"nanoseconds", "3000000000000000000"}}},
-      {reading([](Writer& w) { w << AbsoluteTime(1); },
-               static_cast<std::chrono::sys_seconds*>(nullptr)),
-       range,
-       kTime,
+      {reading<std::chrono::duration<std::int32_t>>(
+           [](Writer& w) { w << RelativeTime(3'000'000'000'000'000'000); }),
+       range, kTime, {{"nanoseconds", "3000000000000000000"}}},
+      {reading<std::chrono::sys_seconds>([](Writer& w) { w << AbsoluteTime(1); }), range, kTime,
        {{"nanoseconds", "1"}}},
-      {writing(std::chrono::hours(3'000'000)),
-       error::zoserialize_writer_data_range,
-       kDuration,
-       {{"count", "3000000"}}},
-      {writing(std::chrono::duration<std::int64_t, std::pico>(1500)),
-       error::zoserialize_writer_data_range,
-       kDuration,
+      {writing(std::chrono::hours(3'000'000)), too_long, kDuration, {{"count", "3000000"}}},
+      {writing(std::chrono::duration<std::int64_t, std::pico>(1500)), too_long, kDuration,
        {{"count", "1500"}}},
-      {writing(std::chrono::duration<double>(1e30)),
-       error::zoserialize_writer_data_range,
-       kDuration,
-       {{"count", "1e+30"}}},
+      {writing(std::chrono::duration<double>(1e30)), too_long, kDuration, {{"count", "1e+30"}}},
       {writing(valueless), error::zoserialize_writer_data, "Variant to write holds no value", {}},
-      {[](Format const& f) {
-         read_single_value<int>(*f.read(f.write([](Writer& w) { w << 1 << 2; })));
-       },
-       error::zoserialize_reader_data_invalid,
-       "Unexpected data behind the value.  Token={@token}",
-       {{"token", "SignedInteger"}}},
+      {[=](Format const& f) { read_single_value<int>(*f.read(f.write(two_ints))); },
+       invalid, "Unexpected data behind the value.  Token={@token}", {{"token", "SignedInteger"}}},
   };
+  // clang-format on
   for (Format const& format : zotest::formats()) {
     for (Row const& row : rows) {
       SCOPED_TRACE(format.name + ": " + row.message);
