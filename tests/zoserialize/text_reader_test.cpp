@@ -149,14 +149,15 @@ TEST(TextReaderTest, TokensOfTags) {
   EXPECT_TRUE(reader->is_eof());
 }
 
+constexpr char kSigned[] =
+    "Number of bits required to represent marshaled signed number exceeds expected number of "
+    "bits.  Expected={@expectedBits}bits, Actual={@actualBits}bits";
+constexpr char kUnsigned[] =
+    "Number of bits required to represent marshaled unsigned number exceeds expected number of "
+    "bits.  Expected={@expectedBits}bits, Actual={@actualBits}bits";
+
 // Typed reads take what fits their width and refuse the rest.
 TEST(TextReaderTest, IntegersFitTheWidthAsked) {
-  constexpr char kSigned[] =
-      "Number of bits required to represent marshaled signed number exceeds expected number of "
-      "bits.  Expected={@expectedBits}bits, Actual={@actualBits}bits";
-  constexpr char kUnsigned[] =
-      "Number of bits required to represent marshaled unsigned number exceeds expected number of "
-      "bits.  Expected={@expectedBits}bits, Actual={@actualBits}bits";
   auto reader = open(
       "I0ffffffIf000000+127-128+128U255U256+9223372036854775807-9223372036854775808"
       "+9223372036854775808X10000000000000000Xffffffffffffffff");
@@ -231,17 +232,11 @@ FailureCase const kFailures[] = {
     {"Y", "s", &error::zoserialize_reader_data_type_mismatch, kUnexpectedTags, "read_string",
      "expectedTypes=String|expectedTags=\"S|actualType=Boolean|actualTag=Y"},
     // Numbers.
-    {"I100000000", "i", &error::zoserialize_reader_data_type_range,
-     "Number of bits required to represent marshaled signed number exceeds expected number of "
-     "bits.  Expected={@expectedBits}bits, Actual={@actualBits}bits",
-     "read_int_big_endian", "expectedBits=32|actualBits=40|line=1|linePos=10|sourcePos=10"},
-    {"-2147483649", "i", &error::zoserialize_reader_data_type_range,
-     "Number of bits required to represent marshaled signed number exceeds expected number of "
-     "bits.  Expected={@expectedBits}bits, Actual={@actualBits}bits",
-     "read_int_big_endian", "expectedBits=32|actualBits=40"},
-    {"X100000000", "u", &error::zoserialize_reader_data_type_range,
-     "Number of bits required to represent marshaled unsigned number exceeds expected number of "
-     "bits.  Expected={@expectedBits}bits, Actual={@actualBits}bits",
+    {"I100000000", "i", &error::zoserialize_reader_data_type_range, kSigned, "read_int_big_endian",
+     "expectedBits=32|actualBits=40|line=1|linePos=10|sourcePos=10"},
+    {"-2147483649", "i", &error::zoserialize_reader_data_type_range, kSigned, "read_int_big_endian",
+     "expectedBits=32|actualBits=40"},
+    {"X100000000", "u", &error::zoserialize_reader_data_type_range, kUnsigned,
      "read_uint_big_endian", "expectedBits=32|actualBits=40"},
     {"+18446744073709551616", "i", &error::zoserialize_reader_data_size,
      "Error parsing decimal integer", "read_int_big_endian", "sourcePos=21"},
@@ -416,7 +411,6 @@ TEST(TextReaderTest, FailuresReportCodeMessageParametersAndPlace) {
   }
 }
 
-// The causes nested in the reader's own failures.
 // The causes nested in the reader's own failures: code and rendered message.
 TEST(TextReaderTest, FailuresNestTheirCause) {
   auto const cause = [](char const* text, auto read) {
