@@ -67,35 +67,17 @@ std::string write_via(ETarget kind, WriteFn const& fn, Options const& options = 
   auto sink = make_ref_counted<zocore::StringWriteStream>();
   auto target = make_ref_counted<RecordingTarget>();
   {
-    std::unique_ptr<TextWriter> w;
-    switch (kind) {
-      case ETarget::kString:
-        w = std::make_unique<TextWriter>(out, options);
-        break;
-      case ETarget::kOstream:
-        w = std::make_unique<TextWriter>(os, options);
-        break;
-      case ETarget::kWriteStream:
-        w = std::make_unique<TextWriter>(InterfacePtr<IWriteStream>(sink), options);
-        break;
-      case ETarget::kCaller:
-        w = std::make_unique<TextWriter>(InterfacePtr<TextWriter::ITextTarget>(target), options);
-        break;
-    }
+    std::unique_ptr<TextWriter> const w =
+        kind == ETarget::kString    ? std::make_unique<TextWriter>(out, options)
+        : kind == ETarget::kOstream ? std::make_unique<TextWriter>(os, options)
+        : kind == ETarget::kWriteStream
+            ? std::make_unique<TextWriter>(InterfacePtr<IWriteStream>(sink), options)
+            : std::make_unique<TextWriter>(InterfacePtr<TextWriter::ITextTarget>(target), options);
     fn(*w);
     w->close();
   }
-  switch (kind) {
-    case ETarget::kString:
-      return out;
-    case ETarget::kOstream:
-      return os.str();
-    case ETarget::kWriteStream:
-      return sink->str();
-    case ETarget::kCaller:
-      return target->text;
-  }
-  return {};
+  std::string const texts[] = {out, os.str(), sink->str(), target->text};
+  return texts[static_cast<int>(kind)];
 }
 
 constexpr ETarget kTargets[] = {ETarget::kString, ETarget::kOstream, ETarget::kWriteStream,
