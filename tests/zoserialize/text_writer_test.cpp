@@ -21,7 +21,6 @@ namespace {
 
 namespace error = zoserialize::error;
 using zocore::make_ref_counted;
-using zocore::RefCountPtr;
 using zoserialize::InterfacePtr;
 using zoserialize::IWriteStream;
 using zoserialize::TextReader;
@@ -267,7 +266,7 @@ struct FailureCase {
 
 TEST(TextWriterTest, FailuresReportCodeMessageAndParameters) {
   constexpr char kClosed[] = "TextWriter has already been closed";
-  auto const closed = [](WriteFn then) {
+  auto const closed = [](WriteFn const& then) {
     return [then](Writer& w) {
       w.close();
       then(w);

@@ -444,7 +444,7 @@ TEST(TypesTest, HostileCountsAndLengthsFailWithoutAllocatingAhead) {
 
 // Reading a T from what `write` writes.
 template <class T>
-std::function<void(Format const&)> reading(std::function<void(Writer&)> write) {
+std::function<void(Format const&)> reading(std::function<void(Writer&)> const& write) {
   return [write](Format const& f) { static_cast<void>(read_value<T>(*f.read(f.write(write)))); };
 }
 
