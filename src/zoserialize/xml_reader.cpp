@@ -194,7 +194,8 @@ bool parse_relative_time(std::string_view text, std::int64_t& count) noexcept {
   std::uint64_t const limit = negative ? std::uint64_t{1} << 63 : (std::uint64_t{1} << 63) - 1;
   if (seconds > (limit - ns) / 1000000000u) return false;
   std::uint64_t const magnitude = seconds * 1000000000u + ns;
-  count = negative ? static_cast<std::int64_t>(0 - magnitude) : static_cast<std::int64_t>(magnitude);
+  count =
+      negative ? static_cast<std::int64_t>(0 - magnitude) : static_cast<std::int64_t>(magnitude);
   return true;
 }
 
@@ -289,7 +290,8 @@ struct XmlReader::Core {
       parser->read_next();
       Node const& node = parser->node();
       if (node.kind() != ENode::CharData) break;
-      if (!node.is_whitespace()) fail(error::zoserialize_reader_xml_schema, kSchemaMessage, function);
+      if (!node.is_whitespace())
+        fail(error::zoserialize_reader_xml_schema, kSchemaMessage, function);
     }
     at_node = true;
   }
@@ -379,7 +381,8 @@ struct XmlReader::Core {
     parser->read_next();
     ENode const kind = parser->node().kind();
     if (kind == ENode::EndTag) return false;
-    if (kind != ENode::CharData) fail(error::zoserialize_reader_xml_schema, kSchemaMessage, function);
+    if (kind != ENode::CharData)
+      fail(error::zoserialize_reader_xml_schema, kSchemaMessage, function);
     in_text = true;
     return true;
   }
@@ -522,10 +525,10 @@ struct XmlReader::Core {
   std::unique_ptr<zoxml::XmlReader> owned;  // the parser, when the reader made it
   zoxml::XmlReader* parser;
   std::vector<Frame> stack;
-  bool started = false;  // the root start tag has been read
-  bool at_node = false;  // the parser's node is the next one, not taken yet
-  bool in_text = false;  // between a value element's text and its end tag
-  zoxml::Location element_at;  // the start of the value element being read
+  bool started = false;                  // the root start tag has been read
+  bool at_node = false;                  // the parser's node is the next one, not taken yet
+  bool in_text = false;                  // between a value element's text and its end tag
+  zoxml::Location element_at;            // the start of the value element being read
   RefCountPtr<BinaryStreamImpl> stream;  // the open value stream
   bool stream_is_binary = false;
   RefCountPtr<BinaryStreamImpl> spare;  // a detached binary stream to reuse
@@ -706,7 +709,7 @@ class XmlReader::BinaryStreamImpl : public zocore::RefCounted<zocore::AtomicRefC
   impl::Base64Decoder decoder_;
   unsigned pending_pos_ = 0;  // decoded bytes not yet delivered: pending_[pos, end)
   unsigned pending_end_ = 0;
-  char chars_[kBase64Chars];              // NOLINT(cppcoreguidelines-pro-type-member-init)
+  char chars_[kBase64Chars];             // NOLINT(cppcoreguidelines-pro-type-member-init)
   unsigned char pending_[kDecodedRoom];  // NOLINT(cppcoreguidelines-pro-type-member-init)
 };
 
@@ -727,8 +730,8 @@ InterfacePtr<IReadStream> XmlReader::Core::open_stream(bool binary, char const* 
       function);
   take_start();
   if (!binary) {
-    stream = zocore::make_ref_counted<impl::Utf8ValidatingStreamImpl<BinaryStreamImpl>>(*this,
-                                                                                        base64);
+    stream =
+        zocore::make_ref_counted<impl::Utf8ValidatingStreamImpl<BinaryStreamImpl>>(*this, base64);
   } else if (spare && spare->is_unique()) {
     stream = std::move(spare);
     stream->reopen(*this, base64);
@@ -744,9 +747,10 @@ InterfacePtr<IReadStream> XmlReader::Core::open_stream(bool binary, char const* 
 XmlReader::XmlReader(zoxml::XmlReader& parser) : core_(std::make_unique<Core>(parser)) {}
 
 XmlReader::XmlReader(std::istream& in, std::size_t block_size)
-    : core_(std::make_unique<Core>(
-          std::make_unique<zoxml::XmlReader>(in, std::string_view(), std::max<std::size_t>(block_size, 1)),
-          nullptr)) {}
+    : core_(
+          std::make_unique<Core>(std::make_unique<zoxml::XmlReader>(
+                                     in, std::string_view(), std::max<std::size_t>(block_size, 1)),
+                                 nullptr)) {}
 
 XmlReader::XmlReader(InterfacePtr<IReadStream> stream, std::size_t block_size) {
   if (!stream) {
@@ -860,11 +864,12 @@ double XmlReader::read_double() {
     // A decimal number: a digit or a point first, after an optional minus (so none of the
     // spellings of infinity and NaN that the number parser knows besides the three above).
     std::size_t const first = !text.empty() && text[0] == '-' ? 1 : 0;
-    bool ok = first < text.size() && ((text[first] >= '0' && text[first] <= '9') || text[first] == '.');
+    bool ok =
+        first < text.size() && ((text[first] >= '0' && text[first] <= '9') || text[first] == '.');
     if (ok) {
       RefCountPtr<zocore::ErrorInfo const> error;
-      value = zocore::impl::string_to_double(text.data(), static_cast<unsigned>(text.size()),
-                                             &error);
+      value =
+          zocore::impl::string_to_double(text.data(), static_cast<unsigned>(text.size()), &error);
       ok = !error;
     }
     if (!ok) {

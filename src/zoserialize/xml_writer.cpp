@@ -35,7 +35,8 @@ constexpr unsigned kStringSourceBlock = 4098;
 // write_binary(IReadStream&) likewise.
 constexpr unsigned kBinarySourceBlock = 3072;
 
-constexpr char kRootStart[] = "<Serialized xmlns=\"http://schemas.zoserialize.org/tav/serialization\">";
+constexpr char kRootStart[] =
+    "<Serialized xmlns=\"http://schemas.zoserialize.org/tav/serialization\">";
 static_assert(std::string_view(kRootStart).find(XmlWriter::kNamespace) != std::string_view::npos);
 
 // Character classes of string bytes.
@@ -76,8 +77,8 @@ std::uint8_t classes_of(unsigned char const* p, std::size_t size) noexcept {
     control |= bytes_below_space(word);
     special |= bytes_equal(word, '&') | bytes_equal(word, '<') | bytes_equal(word, '>');
   }
-  std::uint8_t found = static_cast<std::uint8_t>((control != 0 ? kControl : 0) |
-                                                 (special != 0 ? kSpecial : 0));
+  std::uint8_t found =
+      static_cast<std::uint8_t>((control != 0 ? kControl : 0) | (special != 0 ? kSpecial : 0));
   for (; i < size; ++i)
     found |= kClasses[p[i]];
   return found;
@@ -342,8 +343,9 @@ struct XmlWriter::Core {
     for (std::size_t i = 0; i < size; ++i) {
       if ((kClasses[static_cast<unsigned char>(p[i])] & kSpecial) == 0) continue;
       append(p + start, i - start);
-      append(p[i] == '&' ? std::string_view("&amp;")
-                         : p[i] == '<' ? std::string_view("&lt;") : std::string_view("&gt;"));
+      append(p[i] == '&'   ? std::string_view("&amp;")
+             : p[i] == '<' ? std::string_view("&lt;")
+                           : std::string_view("&gt;"));
       start = i + 1;
     }
     append(p + start, size - start);
@@ -572,7 +574,8 @@ void XmlWriter::write_double(double value) {
   // The exact decimal expansion rounded to 19 significant digits, as printf's "%.18E" makes it:
   // enough for every double to come back exactly.
   char text[40];
-  char* const end = std::to_chars(text, text + sizeof text, value, std::chars_format::scientific, 18).ptr;
+  char* const end =
+      std::to_chars(text, text + sizeof text, value, std::chars_format::scientific, 18).ptr;
   char* const e = static_cast<char*>(std::memchr(text, 'e', static_cast<std::size_t>(end - text)));
   char* mantissa_end = e;
   while (mantissa_end[-1] == '0')

@@ -15,9 +15,9 @@
 #include <zoserialize/binary_writer.h>
 #include <zoserialize/memory_reader.h>
 #include <zoserialize/memory_writer.h>
+#include <zoserialize/string_ostream.h>
 #include <zoserialize/text_reader.h>
 #include <zoserialize/text_writer.h>
-#include <zoserialize/string_ostream.h>
 #include <zoserialize/xml_reader.h>
 #include <zoserialize/xml_writer.h>
 #include <zoxml/reader.h>

@@ -24,8 +24,7 @@ class ZOSERIALIZE_API Base64Decoder {
 
   // Decodes [text, text + size) into `out`, which has room for max_output(size) bytes, and sets
   // `produced` to the bytes written (a partial group is kept for the next piece).
-  bool feed(char const* text, std::size_t size, unsigned char* out,
-            std::size_t& produced) noexcept;
+  bool feed(char const* text, std::size_t size, unsigned char* out, std::size_t& produced) noexcept;
   // The text has ended: writes the last partial group (at most 2 bytes) to `out`.
   bool finish(unsigned char* out, std::size_t& produced) noexcept;
 
