@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <zocore/core_errors.h>
+#include <zocore/error_exception.h>
 #include <zocore/numeric.h>
 #include <zocore/ref_count_ptr.h>
 #include <zocore/throw_error.h>
@@ -16,7 +17,6 @@
 #include <zoserialize/impl/base64_decoder.h>
 #include <zoserialize/impl/integer_form.h>
 #include <zoserialize/impl/utf8_validating_stream.h>
-#include <zoserialize/text_reader.h>
 #include <zoserialize/xml_reader.h>
 #include <zoserialize/xml_writer.h>
 #include <zoxml/reader.h>
@@ -40,6 +40,9 @@ constexpr std::string_view kNamespace = XmlWriter::kNamespace;
 constexpr unsigned kMaxIntegerText = 512;
 // Characters of base64 taken from the parser at a time.
 constexpr unsigned kBase64Chars = 4096;
+
+// A plain string is held whole by the parser, so both limits must agree.
+static_assert(XmlReader::kMaxStringByValue == zoxml::XmlReader::kMaxValueSize);
 
 constexpr char kSchemaMessage[] = "Invalid XML serialized document schema";
 
@@ -458,7 +461,7 @@ struct XmlReader::Core {
         function);
     take_start();
     if (!base64) {
-      out.assign(value_text(function));
+      out.assign(plain_string_text(function));
       end_value(function);
       return;
     }
@@ -479,7 +482,7 @@ struct XmlReader::Core {
       bool const ok = decoder.feed(chars, got, dest, produced) &&
                       (more || decoder.finish(dest + produced, last));
       out.resize(at + produced + last);
-      if (!ok || out.size() > TextReader::kMaxStringByValue) [[unlikely]] {
+      if (!ok || out.size() > XmlReader::kMaxStringByValue) [[unlikely]] {
         end_value(function);
         if (!ok) throw_base64(decoder, function);
         throw_string_too_large(function);
@@ -488,9 +491,21 @@ struct XmlReader::Core {
     zocore::check_valid_utf8(out.data(), static_cast<unsigned>(out.size()));
   }
 
+  // The text of a plain String element. The parser holds a value whole up to the same limit as
+  // a string read by value; beyond it the failure is the reader's own, as for base64 content.
+  std::string_view plain_string_text(char const* function) {
+    try {
+      return value_text(function);
+    } catch (zocore::ErrorException const& e) {
+      if (e.info()->code() == zoxml::error::zoxml_reader_unexpected_size)
+        throw_string_too_large(function);
+      throw;
+    }
+  }
+
   [[noreturn, gnu::cold, gnu::noinline]] void throw_string_too_large(char const* function) const {
     ErrorParams params;
-    params.set("maxSize", static_cast<unsigned long long>(TextReader::kMaxStringByValue));
+    params.set("maxSize", static_cast<unsigned long long>(XmlReader::kMaxStringByValue));
     fail(error::zoserialize_reader_data_string_size,
          "String is too large to be read by value, it must be read as stream.  "
          "MaxSize={@maxSize}",

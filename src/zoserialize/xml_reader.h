@@ -39,6 +39,8 @@ namespace zoserialize {
 class ZOSERIALIZE_API XmlReader final : public Reader {
  public:
   static constexpr std::size_t kDefaultBlockSize = 65536;
+  // The longest string read by value (read_string); longer ones are read as streams.
+  static constexpr std::size_t kMaxStringByValue = 0x8000000;
 
   // Reads through `parser`, which it borrows (it must outlive the reader) and which must stand
   // before the document. The parser is not part of the installed package: users read with the

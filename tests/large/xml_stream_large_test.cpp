@@ -9,9 +9,12 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <support/error_matchers.h>
 #include <support/test_streams.h>
 #include <support/xml_golden.h>
+#include <zocore/memory_stream.h>
 #include <zocore/ref_count_ptr.h>
+#include <zoserialize/error_codes.h>
 #include <zoserialize/string_ostream.h>
 #include <zoserialize/xml_reader.h>
 #include <zoserialize/xml_writer.h>
@@ -161,6 +164,32 @@ TEST_F(XmlStreamLargeTest, ReaderStreamsMoreThan4GiB) {
     EXPECT_EQ(done, kTotal);
   }
   EXPECT_TRUE(reader.is_eof());
+}
+
+// Read by value, a string longer than the limit fails, plain or in base64; read as a stream it
+// reads whole. The limit itself reads.
+TEST(XmlStringLimitTest, LongerStringsReadOnlyAsStreams) {
+  constexpr std::size_t kMax = zoserialize::XmlReader::kMaxStringByValue;
+  auto const open = [](std::string const& document) {
+    return std::make_unique<zoserialize::XmlReader>(
+        InterfacePtr<IReadStream>(zocore::make_ref_counted<zocore::MemoryReadStream>(document)));
+  };
+  std::string const plain =
+      zotest::xml_document("<String>" + std::string(kMax + 1, 'a') + "</String>");
+  std::string const base64 = zotest::xml_document(
+      "<String encoding=\"base64\">" + std::string((kMax + 3) / 3 * 4, 'Q') + "</String>");
+  for (std::string const* document : {&plain, &base64}) {
+    auto const info = ZO_EXPECT_ERROR(open(*document)->read_string(),
+                                      zoserialize::error::zoserialize_reader_data_string_size,
+                                      "String is too large to be read by value, it must be read "
+                                      "as stream.  MaxSize={@maxSize}");
+    EXPECT_EQ(zotest::param(info, "maxSize"), "134217728");
+  }
+  EXPECT_EQ(zotest::read_all(*open(plain)->read_string_stream(), 1 << 20).size(), kMax + 1);
+  EXPECT_EQ(open(zotest::xml_document("<String>" + std::string(kMax, 'a') + "</String>"))
+                ->read_string()
+                .size(),
+            kMax);
 }
 
 }  // namespace
