@@ -193,27 +193,32 @@ constexpr std::array<std::uint8_t, 256> kBase64Values = [] {
   return t;
 }();
 
-// Padded base64 into a reused vector; false on anything else.
+// Padded base64 into a reused vector, skipping the line breaks that xmlTextWriterWriteBase64
+// puts after every 72 characters; false on anything else.
 bool decode_base64(std::string_view text, std::vector<char>& out) {
-  std::size_t const size = text.size();
-  if (size % 4 != 0) return false;
-  std::size_t const pad = size == 0 ? 0 : (text[size - 1] == '=') + (text[size - 2] == '=');
-  out.resize(size / 4 * 3 - pad);
-  std::size_t o = 0;
-  for (std::size_t i = 0; i < size; i += 4) {
-    std::uint32_t v = 0;
-    for (std::size_t k = 0; k < 4; ++k) {
-      std::uint8_t const d =
-          text[i + k] == '=' ? 0 : kBase64Values[static_cast<unsigned char>(text[i + k])];
-      if (d == 0xFF) return false;
-      v = v << 6 | d;
+  out.clear();
+  std::uint32_t v = 0;
+  unsigned sextets = 0;
+  unsigned pad = 0;
+  for (char const c : text) {
+    if (c == '\n' || c == '\r') continue;
+    std::uint8_t d = 0;
+    if (c == '=') {
+      ++pad;
+    } else {
+      d = kBase64Values[static_cast<unsigned char>(c)];
+      if (d == 0xFF || pad != 0) return false;
     }
-    char const group[3] = {static_cast<char>(v >> 16), static_cast<char>(v >> 8),
-                           static_cast<char>(v)};
-    for (int k = 0; k < 3 && o < out.size(); ++k)
-      out[o++] = group[k];
+    v = v << 6 | d;
+    if (++sextets == 4) {
+      char const group[3] = {static_cast<char>(v >> 16), static_cast<char>(v >> 8),
+                             static_cast<char>(v)};
+      out.insert(out.end(), group, group + 3 - pad);
+      sextets = 0;
+      v = 0;
+    }
   }
-  return true;
+  return sextets == 0;
 }
 
 // The records read back with xmlTextReader, the way a caller walks it: start tags checked by
