@@ -85,13 +85,61 @@ constexpr NameEntry kNames[] = {
     {"Item", EName::kItem, EToken::Unknown},
 };
 
+static_assert([] {
+  for (std::size_t i = 0; i < std::size(kNames); ++i) {
+    if (static_cast<std::size_t>(kNames[i].id) != i + 1) return false;
+  }
+  return true;
+}());
+
+// The entry of kNames that `local` can only be, told by its length and a letter or two; the
+// whole name is compared once (a linear search compared up to thirteen names per element).
+NameEntry const* candidate(std::string_view local) noexcept {
+  auto const at = [](EName id) { return &kNames[static_cast<std::size_t>(id) - 1]; };
+  switch (local.size()) {
+    case 3:
+      return at(EName::kInt);
+    case 4:
+      switch (local[0]) {
+        case 'N':
+          return at(EName::kNull);
+        case 'B':
+          return at(EName::kBool);
+        case 'I':
+          return at(EName::kItem);
+        case 'U':
+          return at(local[1] == 'I' ? EName::kUInt : EName::kUuid);
+        default:
+          return nullptr;
+      }
+    case 6:
+      switch (local[0]) {
+        case 'D':
+          return at(EName::kDouble);
+        case 'S':
+          return at(EName::kString);
+        case 'B':
+          return at(EName::kBinary);
+        case 'M':
+          return at(EName::kMarker);
+        default:
+          return nullptr;
+      }
+    case 7:
+      return at(local[0] == 'A' ? EName::kAbsTime : EName::kRelTime);
+    case 8:
+      return at(EName::kSequence);
+    default:
+      return nullptr;
+  }
+}
+
 NameEntry const& name_of(Node const& node) noexcept {
   static constexpr NameEntry kNone = {"", EName::kUnknown, EToken::Unknown};
   std::string_view const local = node.local_name();
-  for (NameEntry const& e : kNames) {
-    if (e.name == local) return node.namespace_uri() == kNamespace ? e : kNone;
-  }
-  return kNone;
+  NameEntry const* const e = candidate(local);
+  if (e == nullptr || e->name != local || node.namespace_uri() != kNamespace) return kNone;
+  return *e;
 }
 
 bool is_xml_space(std::string_view text) noexcept {
