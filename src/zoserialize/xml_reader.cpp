@@ -152,7 +152,7 @@ struct Integer {
   unsigned char sign = 0;
   unsigned length = 0;
   unsigned char const* bytes = nullptr;
-  unsigned char storage[kMaxIntegerText / 2];
+  unsigned char storage[kMaxIntegerText / 2] = {};
 };
 
 int hex_value(char c) noexcept {
@@ -170,7 +170,7 @@ bool parse_integer(std::string_view text, bool is_signed, Integer& out, bool& he
     std::string_view const digits = text.substr(2);
     if (digits.size() % 2 != 0) return false;
     auto const n = static_cast<unsigned>(digits.size() / 2);
-    for (unsigned i = 0; i < n; ++i) {
+    for (std::size_t i = 0; i < n; ++i) {
       int const hi = hex_value(digits[2 * i]);
       int const lo = hex_value(digits[2 * i + 1]);
       if (hi < 0 || lo < 0) return false;
@@ -292,7 +292,7 @@ struct XmlReader::Core {
                                                    zoxml::Location const& at,
                                                    char const* function) const {
     params.set("line", static_cast<unsigned long long>(at.line));
-    params.set("linePos", static_cast<unsigned long long>(at.pos - at.line_start + 1));
+    params.set("linePos", static_cast<unsigned long long>(at.pos - at.line_start) + 1);
     params.set("sourcePos", static_cast<unsigned long long>(at.pos));
     zocore::throw_error(code, message, std::move(params), here(function));
   }
