@@ -186,6 +186,8 @@ TYPED_TEST(TypesRoundTripTest, EverySampleComesBackThroughEveryFormat) {
     EXPECT_TRUE(same(from_binary<V>(binary), original)) << "from_binary, sample " << i;
     EXPECT_TRUE(same(from_memory_list<V>(to_memory_list(original)), original))
         << "memory list " << i;
+    EXPECT_TRUE(same(from_text<V>(to_text(original)), original)) << "text " << i;
+    EXPECT_TRUE(same(from_xml<V>(to_xml(original, "  ", "\n")), original)) << "xml " << i;
     for (Format const& format : zotest::formats()) {
       std::string const bytes = format.write([&](Writer& w) { write_value(w, original); });
       if (format.name == "Binary") {
