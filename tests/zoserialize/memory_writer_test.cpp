@@ -1,6 +1,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
 #include <utility>
@@ -335,6 +336,28 @@ TEST(MemoryWriterTest, SourceFailureInTheMiddleOfAValueLeavesTheWriterFailed) {
                     "Writer output is incomplete: its output stream or a source failed in the "
                     "middle of an element, so nothing more can be written");
   }
+}
+
+// A chunk factory that refuses, as when memory runs out, while `refuse_chunks` is set.
+bool refuse_chunks = false;
+zoserialize::MemoryChunkPtr refusing_factory(unsigned size) {
+  if (refuse_chunks) throw std::bad_alloc();
+  return zoserialize::create_memory_chunk(size);
+}
+
+// A list that cannot grow in the middle of an element leaves the writer failed, as a failing
+// stream does: the value's header is in, its payload is not.
+TEST(MemoryWriterTest, ListThatCannotGrowInTheMiddleOfAValueLeavesTheWriterFailed) {
+  MemoryWriter writer(MemoryList::create_with_factory(&refusing_factory));
+  writer << std::string(100, 'a');
+  std::string const payload(100000, 'b');
+  refuse_chunks = true;
+  EXPECT_THROW(writer.write_binary(payload.data(), static_cast<unsigned>(payload.size())),
+               std::bad_alloc);
+  refuse_chunks = false;
+  ZO_EXPECT_ERROR(writer.write_null(), error::zoserialize_writer_state,
+                  "Writer output is incomplete: its output stream or a source failed in the "
+                  "middle of an element, so nothing more can be written");
 }
 
 // Snapshots taken from a writer are read, and their payload streams finished, on other threads
