@@ -11,6 +11,7 @@ packages=(
   rapidjson-dev
   liburiparser-dev
   libxml2-dev libexpat1-dev
+  libssl-dev
   clang libclang-rt-14-dev
 )
 

@@ -16,7 +16,9 @@ run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
 foreach(header zocore/ref_count_ptr.h zoserialize/writer.h zoserialize/binary_reader.h
                zoserialize/error_codes.h zoserialize/marshal_uri.h zouri/uri.h
-               zomoduleregistry/module_registry.h)
+               zomoduleregistry/module_registry.h zoserialize/trace_writer.h
+               zoserialize/hashing_reader_adapter.h zoserialize/hashing_writer_adapter.h
+               zodigest/digest_sink.h)
   if(NOT EXISTS ${prefix}/include/${header})
     message(FATAL_ERROR "installed header missing: ${header}")
   endif()
@@ -53,7 +55,7 @@ if(NOT pc_file)
 endif()
 get_filename_component(pc_dir ${pc_file} DIRECTORY)
 set(ENV{PKG_CONFIG_PATH} ${pc_dir})
-run(pkg-config --cflags --libs zoserialize)
+run(pkg-config --cflags --libs zoserialize zodigest)
 string(STRIP "${run_output}" flags)
 separate_arguments(flags UNIX_COMMAND "${flags}")
 run(${CXX} ${SOURCE_DIR}/examples/consumer/main.cpp -o ${WORK_DIR}/consumer-pc ${flags})
