@@ -10,8 +10,9 @@
 namespace zoser {
 
 std::span<Command const* const> commands() {
-  static Command const* const kCommands[] = {&convert_command,  &dump_command,  &compare_command,
-                                             &validate_command, &stats_command, &sample_command};
+  static Command const* const kCommands[] = {&convert_command, &dump_command,     &hash_command,
+                                             &compare_command, &validate_command, &stats_command,
+                                             &sample_command};
   return kCommands;
 }
 

@@ -6,6 +6,7 @@
 #include <zoserialize/binary_reader.h>
 #include <zoserialize/binary_writer.h>
 #include <zoserialize/text_reader.h>
+#include <zoserialize/trace_writer.h>
 
 #include "detect.h"
 #include "errors.h"
@@ -39,55 +40,38 @@ std::string text_place(Reader&, zocore::ErrorInfo const& failure) {
   return line_place(failure);
 }
 
+std::unique_ptr<Writer> trace_writer(Output& output, WriterOptions const& options) {
+  return std::make_unique<zoserialize::TraceWriter>(output.ostream(), "", "  ",
+                                                    options.max_elements, options.max_depth);
+}
+
 std::unique_ptr<Writer> json_writer(Output& output, WriterOptions const&) {
   return std::make_unique<JsonWriter>(output.stream());
 }
 
+// clang-format off
 constexpr Format kFormats[] = {
-    {"binary",
-     ".zob",
-     "the tagged binary encoding",
-     &probe_binary,
-     &binary_reader,
-     &binary_writer,
-     &binary_place,
-     {},
-     true,
-     true},
-    {"text",
-     ".zot",
-     "the single-byte text encoding",
-     &probe_text,
-     &text_reader,
-     &text_writer,
-     &text_place,
-     {},
-     true,
-     true,
-     "\n"},
-    {"xml", ".xml", "the XML document", &probe_xml, nullptr, nullptr, &text_place,
-     "the XML archives are not part of the library yet", true, true},
-    {"trace",
-     {},
-     "the indented trace of dump (write-only)",
-     nullptr,
-     nullptr,
-     nullptr,
-     nullptr,
-     "the trace writer is not part of the library yet",
-     false,
-     true},
-    {"json",
-     ".json",
-     "a JSON rendering for jq and other JSON tools (write-only)",
-     nullptr,
-     nullptr,
-     &json_writer,
-     nullptr,
-     {},
-     false,
-     true},
+    // name     extension  summary
+    //          probe          reader          writer          place          missing
+    //          readable writable trailer
+    {"binary", ".zob", "the tagged binary encoding",
+                &probe_binary, &binary_reader, &binary_writer, &binary_place, {},
+                true, true},
+    {"text", ".zot", "the single-byte text encoding",
+                &probe_text,   &text_reader,   &text_writer,   &text_place,   {},
+                true, true, "\n"},
+    {"xml", ".xml", "the XML document",
+                &probe_xml,    nullptr,        nullptr,        &text_place,
+                "the XML archives are not part of the library yet",
+                true, true},
+    {"trace", {}, "the indented trace of dump (write-only)",
+                nullptr,       nullptr,        &trace_writer,  nullptr,       {},
+                false, true},
+    {"json", ".json", "a JSON rendering for jq and other JSON tools (write-only)",
+                nullptr,       nullptr,        &json_writer,   nullptr,       {},
+                false, true},
 };
+// clang-format on
 
 [[noreturn]] void throw_unavailable(Format const& format, char const* function) {
   raise(error::zoser_format_unavailable,
