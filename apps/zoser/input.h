@@ -36,7 +36,8 @@ class Input {
 
   // The first kPeekSize bytes (fewer when the input is shorter), read on the first call.
   std::string_view peek();
-  // True when the input ends within the peeked bytes. Only meaningful after peek().
+  // True when the input is known to end within the peeked bytes (a peek that filled the whole
+  // buffer cannot tell). Only meaningful after peek().
   bool peek_is_whole() const noexcept { return peek_whole_; }
 
   // The stream a reader reads: the peeked bytes, then the rest of the input. Shared with the

@@ -1,0 +1,93 @@
+#include "formats.h"
+
+#include <gtest/gtest.h>
+
+#include <support/error_matchers.h>
+#include <zocore/error_exception.h>
+#include <zocore/error_info.h>
+#include <zocore/memory_stream.h>
+
+#include "errors.h"
+#include "output.h"
+#include "tool.h"
+
+namespace zoser {
+namespace {
+
+TEST(FormatsTest, NamesAndExtensions) {
+  for (Format const& f : formats()) {
+    EXPECT_EQ(&format_named(f.name), &f);
+    if (!f.extension.empty()) {
+      EXPECT_EQ(format_for_path("dir/x" + std::string(f.extension)), &f);
+    }
+  }
+  struct Row {
+    char const* path;
+    char const* format;  // "" for none
+  } const rows[] = {
+      {"a.zob", "binary"}, {"/d/a.b.zot", "text"}, {"a.xml", "xml"}, {"a.json", "json"},
+      {"a.ZOB", ""},       {".zob", ""},           {"d/.zob", ""},   {"zob", ""},
+      {"a.zob.gz", ""}};
+  for (Row const& row : rows) {
+    Format const* const f = format_for_path(row.path);
+    EXPECT_EQ(f ? std::string(f->name) : "", row.format) << row.path;
+  }
+  auto const e = ZO_EXPECT_ERROR(format_named("yaml"), error::zoser_format_unknown,
+                                 "Unknown format '{@format}'; known formats: {@formats}");
+  EXPECT_EQ(zotest::param(e, "format"), "yaml");
+  EXPECT_EQ(zotest::param(e, "formats"), "binary, text, xml, trace, json");
+}
+
+TEST(FormatsTest, DirectionsAndMissingFormatsAreRefused) {
+  for (char const* name : {"trace", "json"}) {
+    auto const e =
+        ZO_EXPECT_ERROR(require_readable(format_named(name)), error::zoser_format_direction,
+                        "The {@format} format cannot be read");
+    EXPECT_EQ(zotest::param(e, "format"), name);
+  }
+  for (Format const& f : formats()) {
+    if (!f.missing.empty()) {
+      auto const e = ZO_EXPECT_ERROR(
+          require_writable(f), error::zoser_format_unavailable,
+          "The {@format} format is not available in this build of zoser: {@reason}");
+      EXPECT_EQ(zotest::param(e, "reason"), f.missing);
+    } else if (f.writable) {
+      EXPECT_NO_THROW(require_writable(f));
+    }
+  }
+}
+
+TEST(FormatsTest, EveryReadableFormatReadsWhatItsWriterWrote) {
+  zotest::TempDir dir;
+  for (Format const& f : formats()) {
+    if (!f.readable || !f.missing.empty()) continue;
+    {
+      Output out(dir.file(std::string(f.name)));
+      auto w = make_writer(f, out, WriterOptions());
+      *w << 5 << "x";
+      w->close();
+      out.commit();
+    }
+    std::string const bytes = dir.read(std::string(f.name));
+    auto r = make_reader(f, zocore::make_ref_counted<zocore::MemoryReadStream>(bytes));
+    EXPECT_EQ(r->read_int32(), 5) << f.name;
+    EXPECT_EQ(r->read_string(), "x");
+    EXPECT_TRUE(r->is_eof());
+  }
+}
+
+TEST(FormatsTest, LinePlace) {
+  auto info = [](zocore::ErrorParams p) {
+    return zocore::ErrorInfo::create(error::zoser, zocore::SourceString("m", true), std::move(p),
+                                     {});
+  };
+  EXPECT_EQ(line_place(*info(zocore::ErrorParams().set("line", 3u).set("linePos", 0u))),
+            "line 3, column 1");
+  EXPECT_EQ(line_place(*info(zocore::ErrorParams().set("line", 1u).set("linePos", 41u))),
+            "line 1, column 42");
+  EXPECT_EQ(line_place(*info(zocore::ErrorParams().set("line", 2u))), "line 2");
+  EXPECT_EQ(line_place(*info(zocore::ErrorParams())), "");
+}
+
+}  // namespace
+}  // namespace zoser
