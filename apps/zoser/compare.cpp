@@ -83,9 +83,12 @@ class Comparison::Payloads {
 Comparison::Comparison(Reader& a, Reader& b) : a_(a), b_(b) {}
 Comparison::~Comparison() = default;
 
-std::string Comparison::describe(int side) {
+std::string Comparison::describe(int side, bool nested) {
   Reader& r = on(side);
   EToken const token = r.next_token();
+  // An input that ends inside a sequence or marker is damaged, not different: its reader says
+  // so when asked for the element that is missing.
+  if (token == EToken::Eof && nested) on(side).skip_element();
   std::string const name = token_text(token);
   switch (token) {
     case EToken::Null:
@@ -287,8 +290,8 @@ std::optional<std::string> Comparison::run() {
       bool const eb = B().is_eof();
       if (ea && eb) return std::nullopt;
       if (ea || eb)
-        return differ((ea ? std::string("EOF") : describe(0)) +
-                      " != " + (eb ? std::string("EOF") : describe(1)));
+        return differ((ea ? std::string("EOF") : describe(0, frames.size() > 1)) +
+                      " != " + (eb ? std::string("EOF") : describe(1, frames.size() > 1)));
     } else if (f.kind == Frame::EKind::kMarker) {
       bool const ea = A().read_marker_is_end();
       bool const eb = B().read_marker_is_end();
@@ -300,8 +303,8 @@ std::optional<std::string> Comparison::run() {
         continue;
       }
       if (ea || eb)
-        return differ((ea ? std::string("MarkerEnd") : describe(0)) +
-                      " != " + (eb ? std::string("MarkerEnd") : describe(1)));
+        return differ((ea ? std::string("MarkerEnd") : describe(0, frames.size() > 1)) +
+                      " != " + (eb ? std::string("MarkerEnd") : describe(1, frames.size() > 1)));
     } else {
       if (f.at_item_start) {
         bool const na = A().read_sequence_next();
@@ -312,8 +315,9 @@ std::optional<std::string> Comparison::run() {
           continue;
         }
         if (na != nb)
-          return differ((na ? describe(0) : std::string("SequenceEnd")) +
-                        " != " + (nb ? describe(1) : std::string("SequenceEnd")));
+          return differ(
+              (na ? describe(0, frames.size() > 1) : std::string("SequenceEnd")) +
+              " != " + (nb ? describe(1, frames.size() > 1) : std::string("SequenceEnd")));
         f.at_item_start = false;
         f.value = 0;
       }
@@ -325,15 +329,18 @@ std::optional<std::string> Comparison::run() {
       if (ends_item(ta) && ends_item(tb)) {
         f.at_item_start = true;
         ++f.index;
+        f.value = 0;
         continue;
       }
-      if (ends_item(ta) || ends_item(tb)) return differ(describe(0) + " != " + describe(1));
+      if (ends_item(ta) || ends_item(tb))
+        return differ(describe(0, frames.size() > 1) + " != " + describe(1, frames.size() > 1));
     }
 
     // One element at path().
     EToken const ta = A().next_token();
     EToken const tb = B().next_token();
-    if (ta != tb) return differ(describe(0) + " != " + describe(1));
+    if (ta != tb)
+      return differ(describe(0, frames.size() > 1) + " != " + describe(1, frames.size() > 1));
     if (ta == EToken::SequenceStart) {
       A().read_sequence_start();
       B().read_sequence_start();

@@ -42,8 +42,8 @@ class Comparison {
   zoserialize::Reader& B() noexcept { return side_ = 1, b_; }
   zoserialize::Reader& on(int side) noexcept { return side == 0 ? A() : B(); }
   // Reads the next element of one side (or looks at its token, for a scope's end) and says
-  // what it is.
-  std::string describe(int side);
+  // what it is. `nested`: inside a sequence or marker, where the end of the input is an error.
+  std::string describe(int side, bool nested);
   // Compares the two scalar elements with token `token`; an empty result means equal.
   std::string compare_scalars(zoserialize::Reader::EToken token);
   std::string compare_payloads(bool binary);
