@@ -45,6 +45,11 @@ TEST(FormatsTest, DirectionsAndMissingFormatsAreRefused) {
                         "The {@format} format cannot be read");
     EXPECT_EQ(zotest::param(e, "format"), name);
   }
+  // Every format of the table is writable today; a read-only one would be refused so.
+  Format const read_only{"ro", {}, "", nullptr, nullptr, nullptr, nullptr, {}, true, false};
+  auto const w = ZO_EXPECT_ERROR(require_writable(read_only), error::zoser_format_direction,
+                                 "The {@format} format cannot be written");
+  EXPECT_EQ(zotest::param(w, "format"), "ro");
   for (Format const& f : formats()) {
     if (!f.missing.empty()) {
       auto const e = ZO_EXPECT_ERROR(
