@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# Conversion throughput of the zoser tool on generated archives of about 1 GB, file to file:
+# binary -> text, text -> binary, and binary -> xml, xml -> binary when the build has XML.
+# Two workloads from "zoser sample": "records", millions of small catalogue records (many small
+# elements), and "payload", one large binary and one large string streamed in pieces.
+#
+# Usage: bench/zoser_convert.sh [ZOSER] [RUNS]
+#   ZOSER  the executable (default build/release/bin/zoser; build the release preset first)
+#   RUNS   runs of each conversion (default 3); the script prints the range of the runs
+# Throughput is the size of the input file over the wall time, in MB/s (10^6 bytes). The files
+# go to a temporary directory under $TMPDIR (about 3.5 GB at a time) that is removed at the end.
+set -euo pipefail
+zoser=$(realpath "${1:-build/release/bin/zoser}")
+runs=${2:-3}
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+formats=(text)
+if [[ "$("$zoser" --help | sed -n '/^  xml /p')" != *"not available"* ]]; then
+  formats+=(xml)
+fi
+ext_of() { case "$1" in binary) echo zob ;; text) echo zot ;; xml) echo xml ;; esac; }
+
+# Prints "FROM -> TO: MIN-MAX MB/s (input SIZE MB)" over the runs.
+measure() {
+  local in=$1 out=$2 from=$3 to=$4 size start end times=""
+  size=$(stat -c %s "$in")
+  for ((r = 0; r < runs; ++r)); do
+    rm -f "$out"
+    start=$(date +%s.%N)
+    "$zoser" convert -q "$in" "$out"
+    end=$(date +%s.%N)
+    times+="$start $end "
+  done
+  echo "$times" | awk -v size="$size" -v from="$from" -v to="$to" '{
+    for (i = 1; i < NF; i += 2) {
+      rate = size / ($(i + 1) - $i) / 1e6
+      if (i == 1 || rate < lo) lo = rate
+      if (i == 1 || rate > hi) hi = rate
+    }
+    printf "  %-6s -> %-6s %5.0f-%-5.0f MB/s   (input %5.0f MB)\n", from, to, lo, hi, size / 1e6
+  }'
+}
+
+echo "zoser $("$zoser" --version | cut -d' ' -f2), $runs runs each, load: $(cut -d' ' -f1-3 /proc/loadavg)"
+for workload in records payload; do
+  if [ "$workload" = records ]; then
+    "$zoser" sample --records 6600000 --payload-size 0 "$work/in.zob"
+  else
+    "$zoser" sample --payload-size 536870912 "$work/in.zob"
+  fi
+  echo "$workload:"
+  for f in "${formats[@]}"; do
+    e=$(ext_of "$f")
+    measure "$work/in.zob" "$work/out.$e" binary "$f"
+    measure "$work/out.$e" "$work/back.zob" "$f" binary
+    "$zoser" compare -q "$work/in.zob" "$work/back.zob" || { echo "round trip differs" >&2; exit 1; }
+    rm -f "$work/out.$e" "$work/back.zob"
+  done
+  rm -f "$work/in.zob"
+done
