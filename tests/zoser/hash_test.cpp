@@ -45,36 +45,32 @@ TEST(HashTest, SameDataSameDigestInEveryFormat) {
 
 TEST(HashTest, AnySingleElementChangeChangesTheDigest) {
   std::string const base = kBase;
-  // Each row changes one element of kBase (or its nesting).
-  std::vector<std::string> const changed = {
-      "{\"u\"T20240517P1.5K0123456789abcdef0123456789abcdef[AAE]}(2+1,U2)"
-      "ZYR3ff8I1000000000000000000",
-      "{\"t\"T20240518P1.5K0123456789abcdef0123456789abcdef[AAE]}(2+1,U2)"
-      "ZYR3ff8I1000000000000000000",
-      "{\"t\"T20240517P2.5K0123456789abcdef0123456789abcdef[AAE]}(2+1,U2)"
-      "ZYR3ff8I1000000000000000000",
-      "{\"t\"T20240517P1.5K1123456789abcdef0123456789abcdef[AAE]}(2+1,U2)"
-      "ZYR3ff8I1000000000000000000",
-      "{\"t\"T20240517P1.5K0123456789abcdef0123456789abcdef[AAI]}(2+1,U2)"
-      "ZYR3ff8I1000000000000000000",
-      "{\"t\"T20240517P1.5K0123456789abcdef0123456789abcdef[AAE]}(2+2,U2)"
-      "ZYR3ff8I1000000000000000000",
-      "{\"t\"T20240517P1.5K0123456789abcdef0123456789abcdef[AAE]}(2+1,+2)"
-      "ZYR3ff8I1000000000000000000",
-      "{\"t\"T20240517P1.5K0123456789abcdef0123456789abcdef[AAE]}(2+1,U2)"
-      "NYR3ff8I1000000000000000000",
-      "{\"t\"T20240517P1.5K0123456789abcdef0123456789abcdef[AAE]}(2+1,U2)"
-      "ZNR3ff8I1000000000000000000",
-      "{\"t\"T20240517P1.5K0123456789abcdef0123456789abcdef[AAE]}(2+1,U2)"
-      "ZYR3ff0I1000000000000000000",
-      "{\"t\"T20240517P1.5K0123456789abcdef0123456789abcdef[AAE]}(2+1,U2)"
-      "ZYR3ff8I1000000000000000001",
-      "{\"t\"T20240517P1.5K0123456789abcdef0123456789abcdef[AAE]}(2+1,(U2))"
-      "ZYR3ff8I1000000000000000000",
-      "{\"t\"T20240517P1.5K0123456789abcdef0123456789abcdef}[AAE](2+1,U2)"
-      "ZYR3ff8I1000000000000000000",
-      "{\"t\"T20240517P1.5K0123456789abcdef0123456789abcdef[AAE]}(2+1,U2)ZYR3ff8",
+  // Each row changes one element of kBase, or its nesting: `from` replaced by `to`.
+  struct Row {
+    char const* from;
+    char const* to;
+  } const rows[] = {
+      {"\"t\"", "\"u\""},
+      {"0517", "0518"},
+      {"P1.5", "P2.5"},
+      {"K0", "K1"},
+      {"[AAE]", "[AAI]"},
+      {"+1,", "+2,"},
+      {"U2", "+2"},
+      {")Z", ")N"},
+      {"ZY", "ZN"},
+      {"3ff8", "3ff0"},
+      {"000000000000000000", "000000000000000001"},
+      {",U2)", ",(U2))"},
+      {"[AAE]}", "}[AAE]"},
+      {"R3ff8I1000000000000000000", "R3ff8"},
   };
+  std::vector<std::string> changed;
+  for (Row const& row : rows) {
+    std::string doc = base;
+    ASSERT_NE(doc.find(row.from), std::string::npos) << row.from;
+    changed.push_back(doc.replace(doc.find(row.from), std::string(row.from).size(), row.to));
+  }
   std::set<std::string> seen{digest_of(run_zoser({"hash", "-f", "text"}, base))};
   EXPECT_EQ(seen.begin()->size(), 64u);
   for (std::string const& doc : changed) {
