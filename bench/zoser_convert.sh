@@ -7,7 +7,8 @@
 # Usage: bench/zoser_convert.sh [ZOSER] [RUNS]
 #   ZOSER  the executable (default build/release/bin/zoser; build the release preset first)
 #   RUNS   runs of each conversion (default 3); the script prints the range of the runs
-# Throughput is the size of the input file over the wall time, in MB/s (10^6 bytes). The files
+# Throughput is the size of the input file over the wall time and over the CPU time (user +
+# system), in MB/s (10^6 bytes); /usr/bin/time (Debian time) measures them. The files
 # go to a temporary directory under $TMPDIR (about 3.5 GB at a time) that is removed at the end.
 set -euo pipefail
 zoser=$(realpath "${1:-build/release/bin/zoser}")
@@ -21,24 +22,26 @@ if [[ "$("$zoser" --help | sed -n '/^  xml /p')" != *"not available"* ]]; then
 fi
 ext_of() { case "$1" in binary) echo zob ;; text) echo zot ;; xml) echo xml ;; esac; }
 
-# Prints "FROM -> TO: MIN-MAX MB/s (input SIZE MB)" over the runs.
+# Prints "FROM -> TO  WALL MB/s  CPU MB/s" over the runs, as MIN-MAX ranges: wall is the input
+# size over the elapsed time, CPU over user + system time (steadier on a shared machine).
 measure() {
-  local in=$1 out=$2 from=$3 to=$4 size start end times=""
+  local in=$1 out=$2 from=$3 to=$4 size times=""
   size=$(stat -c %s "$in")
   for ((r = 0; r < runs; ++r)); do
     rm -f "$out"
-    start=$(date +%s.%N)
-    "$zoser" convert -q "$in" "$out"
-    end=$(date +%s.%N)
-    times+="$start $end "
+    times+="$(/usr/bin/time -f '%e %U %S' "$zoser" convert -q "$in" "$out" 2>&1) "
   done
   echo "$times" | awk -v size="$size" -v from="$from" -v to="$to" '{
-    for (i = 1; i < NF; i += 2) {
-      rate = size / ($(i + 1) - $i) / 1e6
-      if (i == 1 || rate < lo) lo = rate
-      if (i == 1 || rate > hi) hi = rate
+    for (i = 1; i < NF; i += 3) {
+      wall = size / $i / 1e6
+      cpu = size / ($(i + 1) + $(i + 2)) / 1e6
+      if (i == 1 || wall < wlo) wlo = wall
+      if (i == 1 || wall > whi) whi = wall
+      if (i == 1 || cpu < clo) clo = cpu
+      if (i == 1 || cpu > chi) chi = cpu
     }
-    printf "  %-6s -> %-6s %5.0f-%-5.0f MB/s   (input %5.0f MB)\n", from, to, lo, hi, size / 1e6
+    printf "  %-6s -> %-6s wall %5.0f-%-5.0f MB/s   CPU %5.0f-%-5.0f MB/s   (input %4.0f MB)\n",
+           from, to, wlo, whi, clo, chi, size / 1e6
   }'
 }
 

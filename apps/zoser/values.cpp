@@ -71,7 +71,7 @@ std::string image_to_decimal(unsigned char const* image, std::size_t size, bool 
     }
     digits.push_back(static_cast<char>('0' + remainder));
   }
-  if (digits.empty()) digits = "0";
+  if (digits.empty()) digits.push_back('0');
   if (negative) digits.push_back('-');
   std::reverse(digits.begin(), digits.end());
   return digits;
