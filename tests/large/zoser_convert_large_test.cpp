@@ -9,9 +9,9 @@
 
 namespace {
 
+#define ZOSER "\"" ZOSER_BINARY "\""
 // A 1.5 GiB binary and a 1.5 GiB string after the catalogue: 3 GiB of binary archive.
-constexpr char kSample[] = "\"" ZOSER_BINARY "\" sample -t binary --payload-size 1610612736";
-constexpr char kZoser[] = "\"" ZOSER_BINARY "\"";
+#define SAMPLE ZOSER " sample -t binary --payload-size 1610612736 | "
 
 std::string output_of(std::string const& command) {
   std::string out;
@@ -25,18 +25,15 @@ std::string output_of(std::string const& command) {
 }
 
 TEST(ZoserLargeTest, ConvertsGigabytesInConstantMemory) {
-  std::string const k = kZoser;
-  std::string const direct = output_of(std::string(kSample) + " | " + k + " hash -q -f binary");
-  std::string const converted =
-      output_of(std::string(kSample) + " | " + k + " convert -q -f binary -t text | " + k +
-                " convert -q -t binary | " + k + " hash -q");
+  std::string const direct = output_of(SAMPLE ZOSER " hash -q -f binary");
+  std::string const converted = output_of(SAMPLE ZOSER " convert -q -f binary -t text | " ZOSER
+                                                       " convert -q -t binary | " ZOSER " hash -q");
   ASSERT_EQ(direct.size(), 64u + 4u) << direct;  // digest, two spaces, "-", newline
   EXPECT_EQ(converted, direct);
   // The largest of the zoser processes (the shells wait for them, so they count as children).
   rusage usage{};
   ::getrusage(RUSAGE_CHILDREN, &usage);
   EXPECT_LT(usage.ru_maxrss, 64 * 1024) << "peak RSS in KiB";
-  std::printf("peak RSS of a zoser process: %ld KiB\n", usage.ru_maxrss);
 }
 
 }  // namespace

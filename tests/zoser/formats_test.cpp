@@ -5,11 +5,8 @@
 #include <support/error_matchers.h>
 #include <zocore/error_exception.h>
 #include <zocore/error_info.h>
-#include <zocore/memory_stream.h>
 
 #include "errors.h"
-#include "output.h"
-#include "tool.h"
 
 namespace zoser {
 namespace {
@@ -59,25 +56,6 @@ TEST(FormatsTest, DirectionsAndMissingFormatsAreRefused) {
     } else if (f.writable) {
       EXPECT_NO_THROW(require_writable(f));
     }
-  }
-}
-
-TEST(FormatsTest, EveryReadableFormatReadsWhatItsWriterWrote) {
-  zotest::TempDir dir;
-  for (Format const& f : formats()) {
-    if (!f.readable || !f.missing.empty()) continue;
-    {
-      Output out(dir.file(std::string(f.name)));
-      auto w = make_writer(f, out, WriterOptions());
-      *w << 5 << "x";
-      w->close();
-      out.commit();
-    }
-    std::string const bytes = dir.read(std::string(f.name));
-    auto r = make_reader(f, zocore::make_ref_counted<zocore::MemoryReadStream>(bytes));
-    EXPECT_EQ(r->read_int32(), 5) << f.name;
-    EXPECT_EQ(r->read_string(), "x");
-    EXPECT_TRUE(r->is_eof());
   }
 }
 

@@ -25,8 +25,6 @@ TEST(HashTest, SameDataSameDigestInEveryFormat) {
   zotest::ToolResult const base = run_zoser({"hash", dir.file("s.zob")});
   ASSERT_EQ(base.status, 0) << base.err;
   std::string const digest = digest_of(base);
-  EXPECT_EQ(base.out, digest + "  " + dir.file("s.zob") + "\n");
-  EXPECT_EQ(digest.size(), 64u);
   std::vector<std::string> args{"hash"};
   for (Format const& f : formats()) {
     if (!f.readable || !f.missing.empty()) continue;
@@ -90,9 +88,6 @@ TEST(HashTest, AlgorithmsAndFailures) {
   zotest::ToolResult const sha512 = run_zoser({"hash", "-a", "SHA-512", dir.file("a.zot")});
   EXPECT_EQ(sha512.status, 0);
   EXPECT_EQ(digest_of(sha512).size(), 128u);
-  zotest::ToolResult const sha256 = run_zoser({"hash", "--algorithm=SHA-256", dir.file("a.zot")});
-  EXPECT_EQ(sha256.out, run_zoser({"hash", dir.file("a.zot")}).out);
-
   zotest::ToolResult const unknown = run_zoser({"hash", "-a", "nope", dir.file("a.zot")});
   EXPECT_EQ(unknown.status, 2);
   EXPECT_EQ(unknown.out, "");  // refused before any input is read
@@ -104,7 +99,7 @@ TEST(HashTest, AlgorithmsAndFailures) {
   zotest::ToolResult const mixed = run_zoser(
       {"hash", "-f", "text", dir.file("missing.zot"), dir.file("bad.zot"), dir.file("a.zot")});
   EXPECT_EQ(mixed.status, 2);
-  EXPECT_EQ(mixed.out, sha256.out);
+  EXPECT_EQ(mixed.out, run_zoser({"hash", dir.file("a.zot")}).out);
   EXPECT_EQ(mixed.err, "zoser: " + dir.file("missing.zot") + ": Cannot open file '" +
                            dir.file("missing.zot") +
                            "' for reading [error.zocore.errno]; caused by: System error 2: No "

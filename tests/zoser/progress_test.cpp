@@ -25,11 +25,6 @@ TEST(ProgressTest, SizesReadLikeLs) {
     EXPECT_EQ(format_size(row.bytes), row.text);
 }
 
-TEST(ProgressTest, ModeFollowsTheOptions) {
-  EXPECT_EQ(Progress::mode_for(true, true), Progress::EMode::kOff);
-  EXPECT_EQ(Progress::mode_for(false, true), Progress::EMode::kForced);
-}
-
 TEST(ProgressTest, ForcedLineOnStandardError) {
   zotest::TempDir dir;
   zotest::ToolResult const r = zotest::run_shell(

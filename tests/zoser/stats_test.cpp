@@ -36,10 +36,6 @@ TEST(StatsTest, CountsEveryKind) {
             "largest binary:     3\n"
             "string bytes:       3\n"
             "binary bytes:       3\n");
-  zotest::ToolResult const bad = zotest::run_zoser({"stats", "-f", "text"}, "(+1");
-  EXPECT_EQ(bad.status, 2);
-  EXPECT_EQ(bad.out, "");
-  EXPECT_TRUE(bad.err.starts_with("zoser: -: line 1, column 4: ")) << bad.err;
 }
 
 }  // namespace

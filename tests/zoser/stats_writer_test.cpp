@@ -16,22 +16,7 @@ namespace {
 TEST(StatsWriterTest, CountsKindsDepthAndSizes) {
   // Read from text so that the counts come through a reader's read_copy_all, as in the tool.
   std::string const text =
-      "Z"
-      "Y"
-      "N"
-      "+5"
-      "I7fffffffff"
-      "U7"
-      "R3ff"
-      "\"abc\""
-      "S"
-      "T20180305"
-      "P1.5"
-      "K"
-      "[aGk]"
-      "[]"
-      "{(2{(1+1)},{})}"
-      "(3Z,Z,Z)";
+      "ZYN+5I7fffffffffU7R3ff\"abc\"ST20180305P1.5K[aGk][]{(2{(1+1)},{})}(3Z,Z,Z)";
   zoserialize::TextReader reader(&text);
   StatsWriter w;
   reader.read_copy_all(w);

@@ -40,11 +40,6 @@ TEST(ValidateTest, ReportsEachInput) {
        "",
        "zoser: -: line 3, column 3: Unexpected EOF while reading string. "
        "[error.zoserialize.reader.eof]\n"},
-      {{"validate", "-f", "json"},
-       "",
-       2,
-       "",
-       "zoser: The json format cannot be read [error.zoser.format.direction]\n"},
   };
   for (Row const& row : rows) {
     zotest::ToolResult const r = zotest::run_zoser(row.args, row.input);
