@@ -4,9 +4,10 @@
 # Two workloads from "zoser sample": "records", millions of small catalogue records (many small
 # elements), and "payload", one large binary and one large string streamed in pieces.
 #
-# Usage: bench/zoser_convert.sh [ZOSER] [RUNS]
-#   ZOSER  the executable (default build/release/bin/zoser; build the release preset first)
-#   RUNS   runs of each conversion (default 3); the script prints the range of the runs
+# Usage: bench/zoser_convert.sh [ZOSER] [RUNS] [FORMAT...]
+#   ZOSER   the executable (default build/release/bin/zoser; build the release preset first)
+#   RUNS    runs of each conversion (default 3); the script prints the range of the runs
+#   FORMAT  the formats converted to and from binary (default: text, and xml when available)
 # Throughput is the size of the input file over the wall time and over the CPU time (user +
 # system), in MB/s (10^6 bytes); /usr/bin/time (Debian time) measures them. The files
 # go to a temporary directory under $TMPDIR (about 3.5 GB at a time) that is removed at the end.
@@ -20,6 +21,7 @@ formats=(text)
 if [[ "$("$zoser" --help | sed -n '/^  xml /p')" != *"not available"* ]]; then
   formats+=(xml)
 fi
+if [ $# -gt 2 ]; then formats=("${@:3}"); fi
 ext_of() { case "$1" in binary) echo zob ;; text) echo zot ;; xml) echo xml ;; esac; }
 
 # Prints "FROM -> TO  WALL MB/s  CPU MB/s" over the runs, as MIN-MAX ranges: wall is the input
