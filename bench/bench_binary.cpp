@@ -78,39 +78,12 @@ void BM_RecordsDecode_Msgpack(benchmark::State& state) {
 }
 BENCHMARK(BM_RecordsDecode_Msgpack)->Arg(0)->Arg(1);
 
-// ---- one large binary value
-// ----------------------------------------------------------------------
-
-constexpr std::size_t kBlobSize = std::size_t{64} << 20;
-constexpr unsigned kPiece = 1u << 20;
-
-// A buffer of kBlobSize bytes whose pages are already mapped, so that no benchmark pays for
-// first-touch page faults inside its timed loop.
-std::unique_ptr<char[]> touched_buffer() {
-  auto buffer = std::make_unique<char[]>(kBlobSize);
-  std::memset(buffer.get(), 0, kBlobSize);
-  return buffer;
+void BM_RecordsDecode_MsgpackVisitor(benchmark::State& state) {
+  run_msgpack_visit_decode(state);
 }
+BENCHMARK(BM_RecordsDecode_MsgpackVisitor);
 
-char const* blob_payload() {
-  static std::unique_ptr<char[]> const payload = [] {
-    auto p = touched_buffer();
-    std::uint32_t x = 0x9E3779B9u;
-    for (std::size_t i = 0; i < kBlobSize; ++i) {
-      x ^= x << 13;
-      x ^= x >> 17;
-      x ^= x << 5;
-      p[i] = static_cast<char>(x);
-    }
-    return p;
-  }();
-  return payload.get();
-}
-
-void set_blob_counters(benchmark::State& state) {
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) *
-                          static_cast<std::int64_t>(kBlobSize));
-}
+// ---- one large binary value -------------------------------------------------------------------
 
 void write_blob_in_pieces(BinaryWriter& writer, char const* payload) {
   zocore::InterfacePtr<zocore::IWriteStream> const stream = writer.write_binary();
@@ -151,14 +124,7 @@ zocore::RefCountPtr<StringWriteStream> warm_sink(std::string const& expected) {
 }
 
 void BM_BlobMemcpy(benchmark::State& state) {
-  char const* const source = blob_payload();
-  std::unique_ptr<char[]> const dest = touched_buffer();
-  for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores): the loop idiom
-    std::memcpy(dest.get(), source, kBlobSize);
-    benchmark::DoNotOptimize(dest.get());
-    benchmark::ClobberMemory();
-  }
-  set_blob_counters(state);
+  run_blob_memcpy(state);
 }
 BENCHMARK(BM_BlobMemcpy)->Unit(benchmark::kMillisecond);
 

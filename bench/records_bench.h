@@ -5,6 +5,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -77,6 +79,60 @@ inline void run_msgpack_decode(benchmark::State& state) {
   run_records_decode(state, bytes.size(), [&](Record& scratch, auto&& on_record) {
     return msgpack_decode(bytes.data(), bytes.size(), payloads, scratch, on_record);
   });
+}
+
+// msgpack::parse with a visitor filling the same variables, without an object tree.
+inline void run_msgpack_visit_decode(benchmark::State& state) {
+  std::string const bytes = encode_msgpack(standard_records());
+  run_records_decode(state, bytes.size(), [&](Record& scratch, auto&& on_record) {
+    return msgpack_visit_decode(bytes.data(), bytes.size(), scratch, on_record);
+  });
+}
+
+// ---- One large binary value, shared by the programs that write one ----------------------------
+
+inline constexpr std::size_t kBlobSize = std::size_t{64} << 20;
+inline constexpr unsigned kPiece = 1u << 20;
+
+// A buffer of kBlobSize bytes whose pages are already mapped, so that no benchmark pays for
+// first-touch page faults inside its timed loop.
+inline std::unique_ptr<char[]> touched_buffer() {
+  auto buffer = std::make_unique<char[]>(kBlobSize);
+  std::memset(buffer.get(), 0, kBlobSize);
+  return buffer;
+}
+
+// kBlobSize bytes of a xorshift sequence, made once.
+inline char const* blob_payload() {
+  static std::unique_ptr<char[]> const payload = [] {
+    auto p = touched_buffer();
+    std::uint32_t x = 0x9E3779B9u;
+    for (std::size_t i = 0; i < kBlobSize; ++i) {
+      x ^= x << 13;
+      x ^= x >> 17;
+      x ^= x << 5;
+      p[i] = static_cast<char>(x);
+    }
+    return p;
+  }();
+  return payload.get();
+}
+
+inline void set_blob_counters(benchmark::State& state) {
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) *
+                          static_cast<std::int64_t>(kBlobSize));
+}
+
+// The reference for writing the value: one memcpy of it into a buffer already mapped.
+inline void run_blob_memcpy(benchmark::State& state) {
+  char const* const source = blob_payload();
+  std::unique_ptr<char[]> const dest = touched_buffer();
+  for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores): the loop idiom
+    std::memcpy(dest.get(), source, kBlobSize);
+    benchmark::DoNotOptimize(dest.get());
+    benchmark::ClobberMemory();
+  }
+  set_blob_counters(state);
 }
 
 }  // namespace zobench

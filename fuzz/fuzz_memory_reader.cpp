@@ -41,6 +41,7 @@
 #include <utility>
 #include <vector>
 
+#include <support/memory_lists.h>
 #include <zocore/error_exception.h>
 #include <zocore/memory_stream.h>
 #include <zocore/ref_count_ptr.h>
@@ -68,7 +69,6 @@ using zofuzz::Random;
 using zoserialize::BinaryReader;
 using zoserialize::BinaryWriter;
 using zoserialize::ConstMemoryListPtr;
-using zoserialize::MemoryChunkFactory;
 using zoserialize::MemoryChunkPtr;
 using zoserialize::MemoryList;
 using zoserialize::MemoryListBaseType;
@@ -76,6 +76,7 @@ using zoserialize::MemoryListPtr;
 using zoserialize::MemoryReader;
 using zoserialize::MemoryWriter;
 using zoserialize::Reader;
+using zotest::bytes_of;
 
 constexpr std::size_t kHeaderSize = 6;
 constexpr int kMaxDepth = 3;         // nested walkers over sub-readers and clones
@@ -85,12 +86,6 @@ constexpr int kMaxLate = 4;          // sub-readers walked after their parent is
 [[noreturn]] void finding(zocore::ErrorException const& e, char const* what) {
   std::fprintf(stderr, "%s\n", e.what());
   finding(what);
-}
-
-std::string bytes_of(MemoryListBaseType const& list) {
-  std::string out(list.size(), '\0');
-  out.resize(list.read_at(0, out.data(), list.size()));
-  return out;
 }
 
 // The bytes the reader has not read yet.
@@ -121,14 +116,6 @@ std::string drain(IReadStream& stream) {
 
 // ---- Layouts -----------------------------------------------------------------------------------
 
-template <unsigned N>
-MemoryChunkPtr heap_chunk_of(unsigned /*request*/) {
-  return zoserialize::impl::create_heap_memory_chunk(N);
-}
-
-constexpr MemoryChunkFactory kTinyFactories[] = {
-    &heap_chunk_of<1>, &heap_chunk_of<2>, &heap_chunk_of<3>, &heap_chunk_of<7>, &heap_chunk_of<64>};
-
 // Fills the chunks around the data in lists whose segments start or end inside a chunk: tags a
 // reader that strays out of its range would take for elements.
 std::string junk(Random& random) {
@@ -154,29 +141,25 @@ MemoryListPtr lay_out(std::string_view data, unsigned layout, unsigned param, Ra
       MemoryListPtr list = MemoryList::create();
       for (unsigned at = 0; at < n;) {
         unsigned const m = std::min(n - at, 1 + random.below(n));
-        list->append(data.data() + at, m);
+        zotest::list_of(data.substr(at, m), list);
         at += m;
       }
       return list;
     }
     case 1: {
       // Every piece in a heap chunk of exactly its size: no room behind any segment.
-      MemoryListPtr list = MemoryList::create();
-      for (unsigned at = 0; at < n;) {
-        unsigned const m = std::min(n - at, piece_size(param, random));
-        MemoryChunkPtr chunk = zoserialize::impl::create_heap_memory_chunk(m);
-        std::copy_n(data.data() + at, m, chunk->data());
-        list->append(chunk, 0, m);
-        at += m;
-      }
-      return list;
+      std::vector<std::size_t> sizes;
+      for (std::size_t at = 0; at < n; at += sizes.back())
+        sizes.push_back(piece_size(param, random));
+      return zotest::list_in_pieces(data, sizes);
     }
     case 2: {
       // Tiny chunks from the list's own factory, with room behind the last segment.
-      MemoryListPtr list = MemoryList::create_with_factory(kTinyFactories[param % 5]);
+      static constexpr unsigned kTiny[] = {1, 3, 7, 64};
+      MemoryListPtr list = zotest::tiny_chunk_list(kTiny[param % 4]);
       for (unsigned at = 0; at < n;) {
         unsigned const m = std::min(n - at, 1 + random.below(64));
-        list->append(data.data() + at, m);
+        zotest::list_of(data.substr(at, m), list);
         at += m;
       }
       return list;
@@ -753,9 +736,25 @@ void run_one(std::uint8_t const* data, std::size_t size) {
     stream->drain(scratch.data(), 1 + random.below(4096));
 }
 
+// The process-wide pools keep chunks and list objects between inputs. Filled before the first
+// input, they take back what an input used as they hand it out, so that an input leaves no more
+// memory allocated than it found; libFuzzer runs its slow leak check after every input that does.
+void fill_pools() {
+  std::vector<MemoryChunkPtr> chunks;
+  for (unsigned size : {1024u, 4096u, 16384u, 65536u}) {
+    for (unsigned i = 0; i < 512; ++i)
+      chunks.push_back(zoserialize::create_memory_chunk(size));
+  }
+  std::vector<MemoryListPtr> lists(MemoryList::kPoolCapacity);
+  for (MemoryListPtr& list : lists)
+    list = MemoryList::create();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+  static bool const pools_filled = (fill_pools(), true);
+  static_cast<void>(pools_filled);
   try {
     run_one(data, size);
   } catch (std::exception const& e) {

@@ -242,9 +242,7 @@ inline bool walk_copy(Reader& reader) {
 class Walker {
  public:
   Walker(Reader& reader, Random& random, int& budget)
-      : reader_(reader), random_(random), budget_(budget) {
-    scratch_.resize(1 << 16);
-  }
+      : reader_(reader), random_(random), budget_(budget) {}
   Walker(Walker const&) = delete;
   Walker& operator=(Walker const&) = delete;
   virtual ~Walker() = default;
@@ -287,7 +285,13 @@ class Walker {
   Random& random() noexcept { return random_; }
   int& budget() noexcept { return budget_; }
   std::vector<EScope>& scopes() noexcept { return scopes_; }
-  std::vector<char>& scratch() noexcept { return scratch_; }
+  // 64 KiB for payload pieces, one buffer for every walker: a target nests walkers over
+  // sub-readers and clones, and a buffer of their own each (zeroed, mapped, then quarantined by
+  // the address sanitizer once freed) cost more than the walk and held on to memory.
+  static std::vector<char>& scratch() {
+    static std::vector<char> buffer(1 << 16);
+    return buffer;
+  }
 
   // Reads a payload stream in random pieces, sometimes stopping half way.
   void read_payload(PayloadStreamPtr const& stream) {
@@ -309,7 +313,7 @@ class Walker {
           break;
         default: {
           unsigned const n = kPieces[random_.below(sizeof kPieces / sizeof kPieces[0])];
-          if (stream->read(scratch_.data(), n) < n) return;
+          if (stream->read(scratch().data(), n) < n) return;
         }
       }
     }
@@ -491,7 +495,7 @@ class Walker {
     if (!kept) return;
     switch (random_.below(4)) {
       case 0:
-        static_cast<void>(kept->read(scratch_.data(), 1 + random_.below(16)));
+        static_cast<void>(kept->read(scratch().data(), 1 + random_.below(16)));
         break;
       case 1:
         static_cast<void>(kept->skip(1 + random_.below(16)));
@@ -509,7 +513,6 @@ class Walker {
   Random& random_;
   int& budget_;
   std::vector<EScope> scopes_;
-  std::vector<char> scratch_;
   std::string text_;
 };
 

@@ -2,7 +2,7 @@
 #include <zocore/throw_error.h>
 #include <zoserialize/binary_reader.h>
 #include <zoserialize/error_codes.h>
-#include <zoserialize/impl/integer_form.h>
+#include <zoserialize/impl/chunked_payload.h>
 #include <zoserialize/impl/utf8_validating_stream.h>
 
 namespace zoserialize {
@@ -13,9 +13,22 @@ zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE
   return {function, kModuleId, line};
 }
 
-[[noreturn]] void throw_detached(char const* function) {
-  zocore::throw_error(error::zoserialize_reader_state,
-                      "Reader has already been detached from stream", here(function));
+[[noreturn, gnu::cold]] void fail(zocore::ErrorCode const& code, char const* message,
+                                  char const* function) {
+  zocore::throw_error(code, message, here(function));
+}
+
+[[noreturn, gnu::cold]] void throw_detached(char const* function) {
+  fail(error::zoserialize_reader_state, "Reader has already been detached from stream", function);
+}
+
+[[noreturn, gnu::cold]] void throw_skipped_past_end(std::uint64_t marker_end,
+                                                    std::uint64_t position) {
+  zocore::ErrorComposer("End of data reached skipping to end of marker")
+      .add("markerEndPos", static_cast<unsigned long long>(marker_end))
+      .add("streamSize", static_cast<unsigned long long>(position))
+      .throw_error(error::zoserialize_reader_eof,
+                   here("zoserialize::BinaryReader::read_marker_end()"));
 }
 
 }  // namespace
@@ -57,6 +70,12 @@ class BinaryReader::BinaryStreamImpl : public BinaryStreamImplBase {
   BinaryStreamImpl(BinaryReader* reader, unsigned length) noexcept
       : BinaryStreamImplBase(reader), remaining_(length) {}
 
+  // Serves the next payload: only for a stream nobody but its reader holds any more.
+  void reopen(BinaryReader* reader, unsigned length) noexcept {
+    reader_ = reader;
+    remaining_ = length;
+  }
+
   unsigned read(void* data, unsigned size) override {
     static constexpr char kFunction[] = "zoserialize::BinaryReader::BinaryStreamImpl::read()";
     reader(kFunction);
@@ -82,7 +101,7 @@ class BinaryReader::BinaryStreamImpl : public BinaryStreamImplBase {
 
   void close() override {
     reader("zoserialize::BinaryReader::BinaryStreamImpl::close()");
-    skip(remaining_);
+    if (remaining_ != 0) skip(remaining_);
     reader_ = nullptr;
   }
 
@@ -93,18 +112,15 @@ class BinaryReader::BinaryStreamImpl : public BinaryStreamImplBase {
 class BinaryReader::BinaryStreamChunkedImpl : public BinaryStreamImplBase {
  public:
   BinaryStreamChunkedImpl(BinaryReader* reader, unsigned first_chunk, int prefix) noexcept
-      : BinaryStreamImplBase(reader), remaining_(first_chunk), prefix_(prefix) {}
+      : BinaryStreamImplBase(reader), payload_(first_chunk, prefix) {}
 
   unsigned read(void* data, unsigned size) override {
-    static constexpr char kFunction[] =
-        "zoserialize::BinaryReader::BinaryStreamChunkedImpl::read()";
-    return transfer(static_cast<unsigned char*>(data), size, kFunction);
+    return transfer(static_cast<unsigned char*>(data), size,
+                    "zoserialize::BinaryReader::BinaryStreamChunkedImpl::read()");
   }
 
   unsigned skip(unsigned size) override {
-    static constexpr char kFunction[] =
-        "zoserialize::BinaryReader::BinaryStreamChunkedImpl::skip()";
-    return transfer(nullptr, size, kFunction);
+    return transfer(nullptr, size, "zoserialize::BinaryReader::BinaryStreamChunkedImpl::skip()");
   }
 
   unsigned bytes_remaining() const override {
@@ -121,70 +137,22 @@ class BinaryReader::BinaryStreamChunkedImpl : public BinaryStreamImplBase {
   }
 
  private:
-  // Reads into `dest`, or skips when it is null.
+  // The encoding as the reader delivers it, through `function` (the stream's operation).
+  struct Source {
+    BinaryStreamChunkedImpl& stream;
+    char const* function;
+    void read(void* data, unsigned size) { stream.read_exactly(data, size, function); }
+    void skip(unsigned size) { stream.skip_exactly(size, function); }
+  };
+
   unsigned transfer(unsigned char* dest, unsigned size, char const* function) {
     reader(function);
-    unsigned total = 0;
-    while (size != 0 && !ended_) {
-      unsigned const m = size < remaining_ ? size : remaining_;
-      if (dest) {
-        read_exactly(dest + total, m, function);
-      } else {
-        skip_exactly(m, function);
-      }
-      remaining_ -= m;
-      size -= m;
-      total += m;
-      if (remaining_ == 0) next_chunk(function);
-    }
-    return total;
+    Source source{*this, function};
+    return payload_.transfer(source, dest, size,
+                             "zoserialize::BinaryReader::BinaryStreamChunkedImpl::next_chunk()");
   }
 
-  // Opens the next chunk with bytes, or notes the end of the value.
-  void next_chunk(char const* function) {
-    while (remaining_ == 0 && !ended_) {
-      unsigned char tag;
-      read_exactly(&tag, 1, function);
-      if ((tag & 0xF0) != prefix_) {
-        zocore::ErrorComposer(
-            "Invalid tag in chunked element.  Expected={@expectedType}, Actual={@actualType} "
-            "(ActualTag={@actualTag})")
-            .add("expectedType", impl::type_prefix_name(prefix_))
-            .add("actualType", impl::type_prefix_name(tag))
-            .add("actualTag", unsigned{tag})
-            .throw_error(error::zoserialize_reader_data_type_mismatch,
-                         here("zoserialize::BinaryReader::BinaryStreamChunkedImpl::next_chunk()"));
-      }
-      unsigned char field[2];
-      switch (tag & 0x0F) {
-        case impl::kNibbleNextChunk1:
-          read_exactly(field, 1, function);
-          remaining_ = field[0];
-          break;
-        case impl::kNibbleNextChunk2:
-          read_exactly(field, 2, function);
-          remaining_ = impl::load_unsigned(field, 2);
-          break;
-        case impl::kNibbleChunkEnd:
-          ended_ = true;
-          break;
-        default:
-          // The parameters are named type and value, unlike the placeholders.
-          zocore::ErrorComposer(
-              "Unexpected tag.  Expecting chunk continuation or end tag.  Type={@tagType}, "
-              "Value={@tagValue}")
-              .add("type", impl::type_prefix_name(tag))
-              .add("value", unsigned{tag})
-              .throw_error(
-                  error::zoserialize_reader_data_type,
-                  here("zoserialize::BinaryReader::BinaryStreamChunkedImpl::next_chunk()"));
-      }
-    }
-  }
-
-  unsigned remaining_;  // bytes left in the current chunk
-  int prefix_;          // type prefix of the value's tags
-  bool ended_ = false;  // the end tag was read
+  impl::ChunkedPayload payload_;
 };
 
 // ---- Reader --------------------------------------------------------------------------------
@@ -210,9 +178,9 @@ BinaryReader::~BinaryReader() {
 }
 
 void BinaryReader::throw_closed_error() {
-  zocore::throw_error(error::zoserialize_reader_closed,
-                      "Cannot read from reader after it has been closed (source stream detached)",
-                      here("zoserialize::BinaryReader::throw_closed_error()"));
+  fail(error::zoserialize_reader_closed,
+       "Cannot read from reader after it has been closed (source stream detached)",
+       "zoserialize::BinaryReader::throw_closed_error()");
 }
 
 void BinaryReader::open_window() const noexcept {
@@ -308,17 +276,8 @@ int BinaryReader::impl_peek_next_tag() {
 
 int BinaryReader::impl_read_tag_check_type(int prefix) {
   prepare_next();
-  if (!ensure_byte()) {
-    zocore::throw_error(error::zoserialize_reader_eof, "Unable to read tag byte, reader is EOF",
-                        here("zoserialize::BinaryReader::impl_read_tag_check_type()"));
-  }
-  unsigned char const tag = *in_cur_;
-  if ((tag & 0xF0) != prefix) {
-    throw_type_mismatch(prefix, tag, here("zoserialize::BinaryReader::impl_read_tag_check_type()"));
-  }
-  ++in_cur_;
-  current_tag_ = tag;
-  return tag & 0x0F;
+  return take_tag(ensure_byte(), prefix, "Unable to read tag byte, reader is EOF",
+                  "zoserialize::BinaryReader::impl_read_tag_check_type()");
 }
 
 void BinaryReader::impl_throw_unexpected_tag(SourceLocation const& location) {
@@ -342,27 +301,26 @@ void BinaryReader::detach_from_binary_stream() {
 }
 
 InterfacePtr<IReadStream> BinaryReader::create_payload_stream(int prefix) {
-  static constexpr char kFunction[] = "zoserialize::BinaryReader::create_payload_stream()";
-  unsigned const nibble = static_cast<unsigned>(read_tag_check_type(prefix));
+  PayloadHeader const header =
+      read_payload_header(prefix, "zoserialize::BinaryReader::create_payload_stream()");
   zocore::RefCountPtr<BinaryStreamImplBase> stream;
   bool const is_string = prefix == impl::prefix_value(impl::ETypePrefix::String);
-  if (nibble <= impl::kNibbleLength4) {
-    unsigned const length = nibble < 8 ? nibble : read_size(nibble - impl::kNibbleLength1);
+  if (!header.chunked) {
     if (is_string) {
-      stream.reset(new impl::Utf8ValidatingStreamImpl<BinaryStreamImpl>(this, length));
+      stream.reset(new impl::Utf8ValidatingStreamImpl<BinaryStreamImpl>(this, header.length));
+    } else if (spare_ && spare_->is_unique()) {
+      // The last binary's stream, which its caller has released: no allocation per payload.
+      spare_->reopen(this, header.length);
+      stream = spare_;
     } else {
-      stream.reset(new BinaryStreamImpl(this, length));
+      spare_.reset(new BinaryStreamImpl(this, header.length));
+      stream = spare_;
     }
-  } else if (nibble <= impl::kNibbleFirstChunk2) {
-    unsigned const first = read_size(nibble - impl::kNibbleFirstChunk1);
-    if (is_string) {
-      stream.reset(
-          new impl::Utf8ValidatingStreamImpl<BinaryStreamChunkedImpl>(this, first, prefix));
-    } else {
-      stream.reset(new BinaryStreamChunkedImpl(this, first, prefix));
-    }
+  } else if (is_string) {
+    stream.reset(
+        new impl::Utf8ValidatingStreamImpl<BinaryStreamChunkedImpl>(this, header.length, prefix));
   } else {
-    throw_unexpected_tag(here(kFunction));
+    stream.reset(new BinaryStreamChunkedImpl(this, header.length, prefix));
   }
   current_stream_ = stream;
   // Every access now goes through the hooks, which finish this stream first.
@@ -381,7 +339,7 @@ InterfacePtr<IReadStream> BinaryReader::read_binary() {
 
 // ---- Markers -------------------------------------------------------------------------------
 
-void BinaryReader::read_marker_start() {
+void BinaryReader::read_marker_start_slow() {
   prepare_next();
   std::uint64_t const start = position();
   unsigned const size = read_marker_start_tag();
@@ -389,39 +347,31 @@ void BinaryReader::read_marker_start() {
 }
 
 bool BinaryReader::read_marker_is_end() {
-  return marker_end_is_next(!markers_.empty(),
-                            here("zoserialize::BinaryReader::read_marker_is_end()"));
+  return marker_end_is_next(!markers_.empty(), "zoserialize::BinaryReader::read_marker_is_end()");
 }
 
-void BinaryReader::read_marker_end() {
+void BinaryReader::read_marker_end_slow() {
   static constexpr char kFunction[] = "zoserialize::BinaryReader::read_marker_end()";
-  if (!marker_end_is_next_or_fail(!markers_.empty(), here(kFunction))) {
+  bool sized = false;
+  if (!marker_end_is_next_or_fail(!markers_.empty(), kFunction)) {
     MarkerRecord const record = markers_.back();
-    if (record.start < record.end) {
-      if (position() > record.end) throw_marker_overrun(record.end, position(), here(kFunction));
+    sized = record.start < record.end;
+    if (sized) {
+      if (position() > record.end) throw_marker_overrun(record.end, position(), kFunction);
       // The whole declared size is skipped from the current position (not end - position):
       // exact when nothing of the marker was read, which is how markers are skipped.
       auto const size = static_cast<unsigned>(record.end - record.start);
-      if (impl_skip(size) < size) {
-        zocore::ErrorComposer("End of data reached skipping to end of marker")
-            .add("markerEndPos", static_cast<unsigned long long>(record.end))
-            .add("streamSize", static_cast<unsigned long long>(position()))
-            .throw_error(error::zoserialize_reader_eof, here(kFunction));
-      }
-      if (peek_next_tag() != impl::kTagMarkerEnd) throw_inconsistent_marker_size(here(kFunction));
-    } else {
-      skip_to_marker_end_tag();
+      if (impl_skip(size) < size) throw_skipped_past_end(record.end, position());
     }
   }
+  finish_marker_end(sized, kFunction);
   markers_.pop_back();
-  read_tag_check_type(impl::prefix_value(impl::ETypePrefix::Marker));
 }
 
 void BinaryReader::close() {
   if (!markers_.empty()) {
-    zocore::throw_error(error::zoserialize_reader_marker_nesting,
-                        "Attempt to close reader with open markers",
-                        here("zoserialize::BinaryReader::close()"));
+    fail(error::zoserialize_reader_marker_nesting, "Attempt to close reader with open markers",
+         "zoserialize::BinaryReader::close()");
   }
   Reader::close();
   prepare_next();

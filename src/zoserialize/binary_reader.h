@@ -40,6 +40,7 @@ class ZOSERIALIZE_API BinaryReader final : public BinaryReaderBase {
   bool is_eof() const override;
   InterfacePtr<IReadStream> read_string_stream() override;
   InterfacePtr<IReadStream> read_binary() override;
+  // Inline for the unsized markers that writers to streams produce; the rest is out of line.
   void read_marker_start() override;
   bool read_marker_is_end() override;
   void read_marker_end() override;
@@ -81,6 +82,8 @@ class ZOSERIALIZE_API BinaryReader final : public BinaryReaderBase {
     if (current_stream_) detach_from_binary_stream();
   }
   void open_window() const noexcept;
+  void read_marker_start_slow();
+  void read_marker_end_slow();
   InterfacePtr<IReadStream> create_payload_stream(int prefix);
   [[noreturn]] static void throw_closed_error();
   void throw_if_closed() const {
@@ -95,6 +98,27 @@ class ZOSERIALIZE_API BinaryReader final : public BinaryReaderBase {
   mutable unsigned char const* mark_;   // where the window stood when consumed_ was last set
   std::vector<MarkerRecord> markers_;   // innermost last
   zocore::RefCountPtr<BinaryStreamImplBase> current_stream_;
+  zocore::RefCountPtr<BinaryStreamImpl> spare_;  // the last plain binary's stream, for reuse
 };
+
+inline void BinaryReader::read_marker_start() {
+  // A byte in the window means no payload stream is open.
+  if (in_cur_ != in_end_ && *in_cur_ == impl::kTagMarkerStart) [[likely]] {
+    std::uint64_t const start = position();
+    current_tag_ = *in_cur_++;
+    markers_.push_back({start, start});
+    return;
+  }
+  read_marker_start_slow();
+}
+
+inline void BinaryReader::read_marker_end() {
+  if (!markers_.empty() && in_cur_ != in_end_ && *in_cur_ == impl::kTagMarkerEnd) [[likely]] {
+    current_tag_ = *in_cur_++;
+    markers_.pop_back();
+    return;
+  }
+  read_marker_end_slow();
+}
 
 }  // namespace zoserialize

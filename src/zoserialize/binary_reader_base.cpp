@@ -15,6 +15,11 @@ zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE
   return {function, kModuleId, line};
 }
 
+[[noreturn, gnu::cold]] void fail(zocore::ErrorCode const& code, char const* message,
+                                  char const* function) {
+  zocore::throw_error(code, message, here(function));
+}
+
 using EToken = Reader::EToken;
 
 // next_token() by tag byte.
@@ -71,8 +76,8 @@ constexpr auto kFixedPayload = [] {
 
 constexpr std::uint64_t kMaxSize32 = 0xFFFFFFFFu;
 
-[[noreturn]] void throw_value_too_wide(unsigned expected_bytes, unsigned actual_bytes,
-                                       char const* function) {
+[[noreturn, gnu::cold]] void throw_value_too_wide(unsigned expected_bytes, unsigned actual_bytes,
+                                                  char const* function) {
   // The same text for signed and unsigned values.
   zocore::ErrorComposer(
       "Number of bits required to represent marshaled signed number exceeds expected number of "
@@ -82,13 +87,12 @@ constexpr std::uint64_t kMaxSize32 = 0xFFFFFFFFu;
       .throw_with_nested_errno(error::zoserialize_reader_data_type_range, here(function), 34);
 }
 
-[[noreturn]] void throw_quadruple_unsupported(char const* function) {
-  zocore::throw_error(error::zoserialize_reader_unsupported,
-                      "Reading of quadruple IEEE-754 marshaled representation not yet supported",
-                      here(function));
+[[noreturn, gnu::cold]] void throw_quadruple_unsupported(char const* function) {
+  fail(error::zoserialize_reader_unsupported,
+       "Reading of quadruple IEEE-754 marshaled representation not yet supported", function);
 }
 
-[[noreturn]] void throw_unknown_prefix(int tag, char const* function) {
+[[noreturn, gnu::cold]] void throw_unknown_prefix(int tag, char const* function) {
   zocore::ErrorComposer(
       "Current tag has unknown type prefix.  Actual={@actualType} (ActualTag={@actualTag})")
       .add("actualType", impl::type_prefix_name(tag))
@@ -96,9 +100,54 @@ constexpr std::uint64_t kMaxSize32 = 0xFFFFFFFFu;
       .throw_error(error::zoserialize_reader_data_type, here(function));
 }
 
-[[noreturn]] void throw_expecting_tag(char const* function) {
-  zocore::throw_error(error::zoserialize_reader_eof, "Unexpected end of data, expecting tag",
-                      here(function));
+[[noreturn, gnu::cold]] void throw_expecting_tag(char const* function) {
+  fail(error::zoserialize_reader_eof, "Unexpected end of data, expecting tag", function);
+}
+
+[[noreturn, gnu::cold]] void throw_sequence_error(zocore::ErrorCode const& code,
+                                                  char const* message, unsigned count_hint,
+                                                  unsigned elements, unsigned params) {
+  zocore::ErrorComposer composer(message);
+  if (params > 0) composer.add("countHint", count_hint);
+  if (params > 1) composer.add("elementCount", elements);
+  composer.throw_error(code, here("zoserialize::BinaryReaderBase::read_sequence_next()"));
+}
+
+[[noreturn, gnu::cold]] void throw_type_mismatch(int expected_prefix, unsigned tag,
+                                                 char const* function) {
+  zocore::ErrorComposer(
+      "Current tag has unexpected type prefix.  Expected={@expectedType}, "
+      "Actual={@actualType} (ActualTag={@actualTag})")
+      .add("expectedType", impl::type_prefix_name(expected_prefix))
+      .add("actualType", impl::type_prefix_name(static_cast<int>(tag)))
+      .add("actualTag", tag)
+      .throw_error(error::zoserialize_reader_data_type_mismatch, here(function));
+}
+
+[[noreturn, gnu::cold]] void throw_too_large_size() {
+  zocore::throw_with_nested_errno(
+      error::zoserialize_reader_data_type_range,
+      "Marshaled object exceeds 4GB size, which is not supported on 32-bit machines",
+      here("zoserialize::BinaryReaderBase::read_size()"), 34);
+}
+
+[[noreturn, gnu::cold]] void throw_string_beyond_data(unsigned length, unsigned remaining) {
+  zocore::ErrorComposer(
+      "Invalid string length: number of bytes remaining in stream is smaller than string "
+      "length: StringSize={@expected}, BytesRemaining={@remaining}")
+      .add("expected", length)
+      .add("remaining", remaining)
+      .throw_error(error::zoserialize_reader_data_size,
+                   here("zoserialize::BinaryReaderBase::read_large_string_aux()"));
+}
+
+// Bytes of a minimal form of v, at least 1 for a value other than 0 (which fits anywhere).
+unsigned significant_bytes(std::uint64_t v, bool is_signed) {
+  unsigned char image[8];
+  impl::store_big_endian(v, image);
+  unsigned const n = is_signed ? impl::minimal_signed_form(image, 8).length
+                               : impl::minimal_unsigned_form(image, 8).length;
+  return n == 0 && v != 0 ? 1 : n;
 }
 
 // Scopes open while skipping or copying: sequences and markers, innermost last. Held in a
@@ -119,7 +168,7 @@ void BinaryReaderBase::swap(BinaryReaderBase& other) noexcept {
   std::swap(current_tag_, other.current_tag_);
 }
 
-// ---- Checked transfers ---------------------------------------------------------------------
+// ---- Checked transfers and tags ------------------------------------------------------------
 
 void BinaryReaderBase::read_checked_slow(void* data, unsigned size) {
   unsigned const got = impl_read(data, size);
@@ -131,6 +180,16 @@ void BinaryReaderBase::skip_checked_slow(unsigned size) {
   if (got < size) throw_eof_error(size, got);
 }
 
+int BinaryReaderBase::take_tag(bool available, int prefix, char const* eof_message,
+                               char const* function) {
+  if (!available) fail(error::zoserialize_reader_eof, eof_message, function);
+  unsigned char const tag = *in_cur_;
+  if ((tag & 0xF0) != prefix) throw_type_mismatch(prefix, tag, function);
+  ++in_cur_;
+  current_tag_ = tag;
+  return tag & 0x0F;
+}
+
 void BinaryReaderBase::throw_eof_error(unsigned expected, unsigned actual) {
   zocore::ErrorComposer(
       "End of data reached reading from source.  ExpectedBytes={@expected}, ReadBytes={@actual}")
@@ -140,10 +199,10 @@ void BinaryReaderBase::throw_eof_error(unsigned expected, unsigned actual) {
                    here("zoserialize::BinaryReaderBase::throw_eof_error()"));
 }
 
-void BinaryReaderBase::throw_unexpected_tag(SourceLocation const& location) {
-  impl_throw_unexpected_tag(location);
+void BinaryReaderBase::throw_unexpected_tag(char const* function) {
+  impl_throw_unexpected_tag(here(function));
   // Reached only if a concrete reader's hook returned: report the tag the same way.
-  throw_unexpected_tag_value(location);
+  throw_unexpected_tag_value(here(function));
 }
 
 void BinaryReaderBase::throw_unexpected_tag_value(SourceLocation const& location) const {
@@ -153,30 +212,14 @@ void BinaryReaderBase::throw_unexpected_tag_value(SourceLocation const& location
       .throw_error(error::zoserialize_reader_data_type, location);
 }
 
-void BinaryReaderBase::throw_type_mismatch(int expected_prefix, unsigned tag,
-                                           SourceLocation const& location) {
-  zocore::ErrorComposer(
-      "Current tag has unexpected type prefix.  Expected={@expectedType}, "
-      "Actual={@actualType} (ActualTag={@actualTag})")
-      .add("expectedType", impl::type_prefix_name(expected_prefix))
-      .add("actualType", impl::type_prefix_name(static_cast<int>(tag)))
-      .add("actualTag", tag)
-      .throw_error(error::zoserialize_reader_data_type_mismatch, location);
-}
-
 void BinaryReaderBase::throw_marker_overrun(std::uint64_t marker_end, std::uint64_t position,
-                                            SourceLocation const& location) {
+                                            char const* function) {
   zocore::ErrorComposer(
       "Marker size mismatch; reader has already passed calculated marker end.  "
       "MarkerEnd={@markerEndPos}, ReaderPos={@readerPos}")
       .add("markerEndPos", static_cast<unsigned long long>(marker_end))
       .add("readerPos", static_cast<unsigned long long>(position))
-      .throw_error(error::zoserialize_reader_marker_overrun, location);
-}
-
-void BinaryReaderBase::throw_inconsistent_marker_size(SourceLocation const& location) {
-  zocore::throw_error(error::zoserialize_reader_marker_size,
-                      "Inconsistent marker size: no end tag at end position", location);
+      .throw_error(error::zoserialize_reader_marker_overrun, here(function));
 }
 
 unsigned BinaryReaderBase::read_size(unsigned n) {
@@ -184,12 +227,8 @@ unsigned BinaryReaderBase::read_size(unsigned n) {
   unsigned const bytes = 1u << n;
   impl_read_checked(field, bytes);
   std::uint64_t const value = impl::load_unsigned(field, bytes);
-  if (value > kMaxSize32) {
-    zocore::throw_with_nested_errno(
-        error::zoserialize_reader_data_type_range,
-        "Marshaled object exceeds 4GB size, which is not supported on 32-bit machines",
-        here("zoserialize::BinaryReaderBase::read_size()"), 34);
-  }
+  if (value > kMaxSize32) [[unlikely]]
+    throw_too_large_size();
   return static_cast<unsigned>(value);
 }
 
@@ -202,9 +241,8 @@ Reader::EToken BinaryReaderBase::next_token() {
 }
 
 void BinaryReaderBase::read_null() {
-  if (read_tag_check_type(0x00) != 0) {
-    throw_unexpected_tag(here("zoserialize::BinaryReaderBase::read_null()"));
-  }
+  if (read_tag_check_type(0x00) != 0)
+    throw_unexpected_tag("zoserialize::BinaryReaderBase::read_null()");
 }
 
 bool BinaryReaderBase::try_read_null() {
@@ -215,8 +253,12 @@ bool BinaryReaderBase::try_read_null() {
 }
 
 bool BinaryReaderBase::read_bool() {
+  return decode_bool();
+}
+
+bool BinaryReaderBase::read_bool_slow() {
   int const nibble = read_tag_check_type(0x10);
-  if (nibble > 1) throw_unexpected_tag(here("zoserialize::BinaryReaderBase::read_bool()"));
+  if (nibble > 1) throw_unexpected_tag("zoserialize::BinaryReaderBase::read_bool()");
   return nibble == 1;
 }
 
@@ -240,79 +282,72 @@ void BinaryReaderBase::read_integer_payload(unsigned char* out, unsigned size, u
   std::memcpy(out, scratch + width - size, size);
 }
 
-void BinaryReaderBase::read_integer(void* data, unsigned size, bool is_signed,
-                                    char const* function) {
-  auto* out = static_cast<unsigned char*>(data);
+std::uint64_t BinaryReaderBase::read_integer_value(bool is_signed, unsigned size,
+                                                   char const* function) {
   unsigned const nibble = static_cast<unsigned>(read_tag_check_type(is_signed ? 0x20 : 0x30));
-  switch (nibble) {
-    case 0:
-      std::memset(out, 0x00, size);
-      return;
-    case 2:  // -1: signed only
-      if (!is_signed) break;
-      [[fallthrough]];
-    case 1:
-      if (size == 0) throw_value_too_wide(0, 1, function);
-      std::memset(out, nibble == 2 ? 0xFF : 0x00, size);
-      if (nibble == 1) out[size - 1] = 0x01;
-      return;
-    case 4:
-    case 5:
-    case 6:
-    case 7:
-    case 8:
-    case 9:
-    case 10:
-      read_integer_payload(out, size, 1u << (nibble - 4), is_signed, function);
-      return;
-    default:
-      break;
+  unsigned char element[kMaxInlineElement] = {current_tag_};
+  std::uint64_t v = 0;
+  unsigned length = 0;
+  if (nibble >= 4 && nibble <= 7) impl_read_checked(element + 1, 1u << (nibble - 4));
+  if (!(is_signed ? decode_integer_at<true>(element, v, length)
+                  : decode_integer_at<false>(element, v, length))) {
+    if (nibble < 8 || nibble > 10) throw_unexpected_tag(function);
+    // 16 to 64 bytes of payload: narrowed to the image, which must hold the value.
+    unsigned char image[8];
+    read_integer_payload(image, size, 1u << (nibble - 4), is_signed, function);
+    return is_signed ? static_cast<std::uint64_t>(impl::load_signed(image, size))
+                     : impl::load_unsigned(image, size);
   }
-  throw_unexpected_tag(here(function));
+  // Whether v fits `size` bytes: as two's complement, or unsigned.
+  bool fits = size >= 8 || v == 0;
+  if (!fits && size != 0) {
+    std::uint64_t const half = std::uint64_t{1} << (8 * size - 1);
+    fits = is_signed ? v + half < 2 * half : v < 2 * half;
+  }
+  if (!fits) throw_value_too_wide(size, significant_bytes(v, is_signed), function);
+  return v;
+}
+
+void BinaryReaderBase::read_integer_image(void* data, unsigned size, bool is_signed,
+                                          char const* function) {
+  auto* out = static_cast<unsigned char*>(data);
+  if (size <= 8) {
+    std::uint64_t v = read_integer_value(is_signed, size, function);
+    for (unsigned i = size; i-- > 0; v >>= 8)
+      out[i] = static_cast<unsigned char>(v);
+    return;
+  }
+  unsigned const nibble = static_cast<unsigned>(read_tag_check_type(is_signed ? 0x20 : 0x30));
+  if (nibble <= 2 && (is_signed || nibble < 2)) {
+    std::memset(out, nibble == 2 ? 0xFF : 0x00, size);
+    if (nibble == 1) out[size - 1] = 0x01;
+    return;
+  }
+  if (nibble < 4 || nibble > 10) throw_unexpected_tag(function);
+  read_integer_payload(out, size, 1u << (nibble - 4), is_signed, function);
 }
 
 void BinaryReaderBase::read_int_big_endian(void* data, unsigned size) {
-  read_integer(data, size, true, "zoserialize::BinaryReaderBase::read_int_big_endian()");
+  read_integer_image(data, size, true, kSignedFunction);
 }
 
 void BinaryReaderBase::read_uint_big_endian(void* data, unsigned size) {
-  read_integer(data, size, false, "zoserialize::BinaryReaderBase::read_uint_big_endian()");
+  read_integer_image(data, size, false, kUnsignedFunction);
 }
 
 double BinaryReaderBase::read_double() {
+  return decode_double();
+}
+
+double BinaryReaderBase::read_double_slow() {
   static constexpr char kFunction[] = "zoserialize::BinaryReaderBase::read_double()";
   unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0x40));
-  unsigned width;
-  switch (nibble) {
-    case 0:
-      return 0.0;
-    case 1:
-      return 1.0;
-    case 2:
-      return -1.0;
-    case 4:
-      width = 2;
-      break;
-    case 5:
-      width = 3;
-      break;
-    case 6:
-      width = 4;
-      break;
-    case 7:
-      width = 8;
-      break;
-    case 8:
-    case 9:
-    case 10:
-    case 11:
-      throw_quadruple_unsupported(kFunction);
-    default:
-      throw_unexpected_tag(here(kFunction));
-  }
-  unsigned char bytes[8] = {};
-  impl_read_checked(bytes, width);
-  return std::bit_cast<double>(impl::load_unsigned(bytes, 8));
+  if (nibble >= 8 && nibble <= 11) throw_quadruple_unsupported(kFunction);
+  if (nibble == 3 || nibble > 7) throw_unexpected_tag(kFunction);
+  unsigned char element[kMaxInlineElement] = {current_tag_};
+  impl_read_checked(element + 1, kFixedPayload[current_tag_]);
+  unsigned length;
+  return decode_double_at(element, length);
 }
 
 std::int64_t BinaryReaderBase::read_time(int prefix, char const* function) {
@@ -329,7 +364,7 @@ std::int64_t BinaryReaderBase::read_time(int prefix, char const* function) {
       impl_read_checked(field, 8);
       return impl::load_signed(field, 8);
     default:
-      throw_unexpected_tag(here(function));
+      throw_unexpected_tag(function);
   }
 }
 
@@ -351,67 +386,39 @@ Uuid BinaryReaderBase::read_uuid() {
       return Uuid::from_binary(bytes);
     }
     default:
-      throw_unexpected_tag(here("zoserialize::BinaryReaderBase::read_uuid()"));
+      throw_unexpected_tag("zoserialize::BinaryReaderBase::read_uuid()");
   }
 }
 
-// ---- Strings -------------------------------------------------------------------------------
+// ---- Strings and binaries ------------------------------------------------------------------
 
-void BinaryReaderBase::read_string_value(std::string& out) {
-  if (in_cur_ != in_end_) {
-    unsigned char const tag = *in_cur_;
-    unsigned const window = window_size();
-    unsigned header = 0;
-    unsigned length = 0;
-    if (tag >= 0x50 && tag <= 0x57) {
-      header = 1, length = tag & 0x0F;
-    } else if (tag == 0x58 && window >= 2) {
-      header = 2, length = in_cur_[1];
-    } else if (tag == 0x59 && window >= 3) {
-      header = 3, length = impl::load_big_endian<std::uint16_t>(in_cur_ + 1);
-    }
-    if (header != 0 && header + length <= window) {
-      current_tag_ = tag;
-      out.assign(reinterpret_cast<char const*>(in_cur_ + header), length);
-      in_cur_ += header + length;
-      return;
-    }
+BinaryReaderBase::PayloadHeader BinaryReaderBase::read_payload_header(int prefix,
+                                                                      char const* function) {
+  unsigned const nibble = static_cast<unsigned>(read_tag_check_type(prefix));
+  if (nibble < 8) return {nibble, false};
+  if (nibble <= impl::kNibbleLength4) return {read_size(nibble - impl::kNibbleLength1), false};
+  if (nibble > impl::kNibbleFirstChunk2) throw_unexpected_tag(function);
+  return {read_size(nibble - impl::kNibbleFirstChunk1), true};
+}
+
+bool BinaryReaderBase::read_next_chunk_header(int prefix, unsigned& length, char const* function) {
+  unsigned const nibble = static_cast<unsigned>(read_tag_check_type(prefix));
+  if (nibble == impl::kNibbleChunkEnd) return false;
+  if (nibble != impl::kNibbleNextChunk1 && nibble != impl::kNibbleNextChunk2) {
+    throw_unexpected_tag(function);
   }
-  read_string_slow(out);
+  length = read_size(nibble - impl::kNibbleNextChunk1);
+  return true;
 }
 
 void BinaryReaderBase::read_string_slow(std::string& out) {
-  unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0x50));
-  if (nibble < 8) {
-    out.resize(nibble);
-    impl_read_checked(out.data(), nibble);
-    return;
-  }
-  read_large_string_aux(nibble, out);
-}
-
-void BinaryReaderBase::read_large_string_aux(unsigned nibble, std::string& out) {
   static constexpr char kFunction[] = "zoserialize::BinaryReaderBase::read_large_string_aux()";
+  PayloadHeader const header = read_payload_header(0x50, kFunction);
   out.clear();
-  if (nibble <= impl::kNibbleLength4) {
-    unsigned const length = read_size(nibble - impl::kNibbleLength1);
-    unsigned const remaining = impl_bytes_remaining();
-    if (remaining != IReadStream::kUnknownSize && remaining < length) {
-      zocore::ErrorComposer(
-          "Invalid string length: number of bytes remaining in stream is smaller than string "
-          "length: StringSize={@expected}, BytesRemaining={@remaining}")
-          .add("expected", length)
-          .add("remaining", remaining)
-          .throw_error(error::zoserialize_reader_data_size, here(kFunction));
-    }
-    if (length > impl::kMaxStringByValue) {
-      zocore::ErrorComposer(
-          "String is too large to read by value, it must be read as stream.  "
-          "ActualSize={@actualSize}, MaxSize={@maxSize}")
-          .add("actualSize", length)
-          .add("maxSize", impl::kMaxStringByValue)
-          .throw_error(error::zoserialize_reader_data_string_size, here(kFunction));
-    }
+  if (!header.chunked) {
+    unsigned const length = header.length;
+    // Lengths in a field of their own are checked before anything is read.
+    if ((current_tag_ & 0x0F) >= impl::kNibbleLength1) check_string_length(length);
     // Grown as the bytes arrive, so a length that lies costs no more memory than the data.
     constexpr unsigned kStep = 1u << 16;
     unsigned done = 0;
@@ -431,29 +438,39 @@ void BinaryReaderBase::read_large_string_aux(unsigned nibble, std::string& out) 
     }
     return;
   }
-  if (nibble > impl::kNibbleFirstChunk2) throw_unexpected_tag(here(kFunction));
-  // Chunked: the first chunk's length form comes with the tag, then continuation chunks of the
-  // same type until the end tag.
-  unsigned length = read_size(nibble - impl::kNibbleFirstChunk1);
-  for (;;) {
+  // Chunked: the chunks are appended until the end tag.
+  unsigned length = header.length;
+  do {
     if (length > impl::kMaxStringByValue - out.size()) {
-      zocore::ErrorComposer(
+      throw_string_too_large(
           "String is too large to read by value, it must be read as stream.  "
-          "Size={@actualSize}, MaxSize={@maxSize}")
-          .add("actualSize", static_cast<unsigned long long>(out.size()) + length)
-          .add("maxSize", impl::kMaxStringByValue)
-          .throw_error(error::zoserialize_reader_data_string_size, here(kFunction));
+          "Size={@actualSize}, MaxSize={@maxSize}",
+          out.size() + length);
     }
     std::size_t const at = out.size();
     out.resize(at + length);
     impl_read_checked(out.data() + at, length);
-    unsigned const next = static_cast<unsigned>(read_tag_check_type(0x50));
-    if (next == impl::kNibbleChunkEnd) return;
-    if (next != impl::kNibbleNextChunk1 && next != impl::kNibbleNextChunk2) {
-      throw_unexpected_tag(here(kFunction));
-    }
-    length = read_size(next - impl::kNibbleNextChunk1);
+  } while (read_next_chunk_header(0x50, length, kFunction));
+}
+
+void BinaryReaderBase::check_string_length(unsigned length) {
+  unsigned const remaining = impl_bytes_remaining();
+  if (remaining != IReadStream::kUnknownSize && remaining < length) [[unlikely]]
+    throw_string_beyond_data(length, remaining);
+  if (length > impl::kMaxStringByValue) {
+    throw_string_too_large(
+        "String is too large to read by value, it must be read as stream.  "
+        "ActualSize={@actualSize}, MaxSize={@maxSize}",
+        length);
   }
+}
+
+void BinaryReaderBase::throw_string_too_large(char const* message, std::uint64_t size) {
+  zocore::ErrorComposer(message)
+      .add("actualSize", static_cast<unsigned long long>(size))
+      .add("maxSize", impl::kMaxStringByValue)
+      .throw_error(error::zoserialize_reader_data_string_size,
+                   here("zoserialize::BinaryReaderBase::read_large_string_aux()"));
 }
 
 void BinaryReaderBase::read_string(std::string& out) {
@@ -482,21 +499,16 @@ void BinaryReaderBase::skip_binary_aux(int prefix, unsigned nibble) {
     impl_skip_checked(read_size(nibble - impl::kNibbleLength1));
     return;
   }
-  if (nibble > impl::kNibbleFirstChunk2) throw_unexpected_tag(here(kFunction));
-  impl_skip_checked(read_size(nibble - impl::kNibbleFirstChunk1));
-  for (;;) {
-    unsigned const next = static_cast<unsigned>(read_tag_check_type(prefix));
-    if (next == impl::kNibbleChunkEnd) return;
-    if (next != impl::kNibbleNextChunk1 && next != impl::kNibbleNextChunk2) {
-      throw_unexpected_tag(here(kFunction));
-    }
-    impl_skip_checked(read_size(next - impl::kNibbleNextChunk1));
-  }
+  if (nibble > impl::kNibbleFirstChunk2) throw_unexpected_tag(kFunction);
+  unsigned length = read_size(nibble - impl::kNibbleFirstChunk1);
+  do {
+    impl_skip_checked(length);
+  } while (read_next_chunk_header(prefix, length, kFunction));
 }
 
 // ---- Sequences -----------------------------------------------------------------------------
 
-unsigned BinaryReaderBase::read_sequence_start() {
+unsigned BinaryReaderBase::read_sequence_start_slow() {
   unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0xA0));
   unsigned hint;
   if (nibble < 8) {
@@ -505,26 +517,24 @@ unsigned BinaryReaderBase::read_sequence_start() {
     // An 8-byte hint (nibble B) is accepted although writers never produce it.
     hint = read_size(nibble - 8);
   } else {
-    throw_unexpected_tag(here("zoserialize::BinaryReaderBase::read_sequence_start()"));
+    throw_unexpected_tag("zoserialize::BinaryReaderBase::read_sequence_start()");
   }
   sequences_.push_back({hint, 0});
   return hint;
 }
 
-bool BinaryReaderBase::read_sequence_next() {
-  static constexpr char kFunction[] = "zoserialize::BinaryReaderBase::read_sequence_next()";
-  if (sequences_.empty()) {
-    zocore::throw_error(error::zoserialize_reader_sequence_nesting,
-                        "Attempt to advance to next element in sequence but no sequence is open",
-                        here(kFunction));
+bool BinaryReaderBase::read_sequence_next_slow() {
+  if (sequences_.empty()) [[unlikely]] {
+    throw_sequence_error(error::zoserialize_reader_sequence_nesting,
+                         "Attempt to advance to next element in sequence but no sequence is open",
+                         0, 0, 0);
   }
   SequenceEntry& top = sequences_.back();
   if (top.elements == 0) {
     int const tag = peek_next_tag();
-    if (tag < 0) {
-      zocore::throw_error(error::zoserialize_reader_eof, "End of data reached in sequence",
-                          here(kFunction));
-    }
+    if (tag < 0) [[unlikely]]
+      throw_sequence_error(error::zoserialize_reader_eof, "End of data reached in sequence", 0, 0,
+                           0);
     if (tag != impl::kTagSequenceEnd) {
       ++top.elements;
       return true;
@@ -532,23 +542,20 @@ bool BinaryReaderBase::read_sequence_next() {
     read_tag_check_type(0xA0);
     unsigned const hint = top.count_hint;
     sequences_.pop_back();
-    if (hint != 0) {
-      zocore::ErrorComposer(
-          "Count hint of sequence does not match number of elements in sequence.  "
-          "CountHint={@countHint}, ElementCount={@elementCount}")
-          .add("countHint", hint)
-          .add("elementCount", 0u)
-          .throw_error(error::zoserialize_reader_sequence_element_count, here(kFunction));
+    if (hint != 0) [[unlikely]] {
+      throw_sequence_error(error::zoserialize_reader_sequence_element_count,
+                           "Count hint of sequence does not match number of elements in "
+                           "sequence.  CountHint={@countHint}, ElementCount={@elementCount}",
+                           hint, 0, 2);
     }
     return false;
   }
   unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0xA0));
   if (nibble == (impl::kTagSequenceSeparator & 0x0F)) {
-    if (top.count_hint != 0 && top.elements >= top.count_hint) {
-      zocore::ErrorComposer(
-          "Expecting end of sequence but found separator.  CountHint={@countHint}")
-          .add("countHint", top.count_hint)
-          .throw_error(error::zoserialize_reader_sequence_element_count, here(kFunction));
+    if (top.count_hint != 0 && top.elements >= top.count_hint) [[unlikely]] {
+      throw_sequence_error(error::zoserialize_reader_sequence_element_count,
+                           "Expecting end of sequence but found separator.  CountHint={@countHint}",
+                           top.count_hint, 0, 1);
     }
     ++top.elements;
     return true;
@@ -556,19 +563,16 @@ bool BinaryReaderBase::read_sequence_next() {
   if (nibble == (impl::kTagSequenceEnd & 0x0F)) {
     SequenceEntry const closed = top;
     sequences_.pop_back();
-    if (closed.count_hint != 0 && closed.count_hint != closed.elements) {
-      zocore::ErrorComposer(
-          "Premature end of sequence, expecting separator.  CountHint={@countHint}, "
-          "ElementCount={@elementCount}")
-          .add("countHint", closed.count_hint)
-          .add("elementCount", closed.elements)
-          .throw_error(error::zoserialize_reader_sequence_element_count, here(kFunction));
+    if (closed.count_hint != 0 && closed.count_hint != closed.elements) [[unlikely]] {
+      throw_sequence_error(error::zoserialize_reader_sequence_element_count,
+                           "Premature end of sequence, expecting separator.  "
+                           "CountHint={@countHint}, ElementCount={@elementCount}",
+                           closed.count_hint, closed.elements, 2);
     }
     return false;
   }
-  zocore::throw_error(error::zoserialize_reader_sequence_unexpected,
-                      "Unexpected sequence start element (expecting separator or end)",
-                      here(kFunction));
+  throw_sequence_error(error::zoserialize_reader_sequence_unexpected,
+                       "Unexpected sequence start element (expecting separator or end)", 0, 0, 0);
 }
 
 // ---- Markers -------------------------------------------------------------------------------
@@ -577,26 +581,35 @@ unsigned BinaryReaderBase::read_marker_start_tag() {
   unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0xB0));
   if (nibble == 0) return 0;
   if (nibble < 4 || nibble > 7) {
-    throw_unexpected_tag(here("zoserialize::BinaryReaderBase::read_marker_start_tag()"));
+    throw_unexpected_tag("zoserialize::BinaryReaderBase::read_marker_start_tag()");
   }
   return read_size(nibble - 4);
 }
 
+void BinaryReaderBase::finish_marker_end(bool sized, char const* function) {
+  if (!sized) {
+    skip_to_marker_end_tag();
+  } else if (peek_next_tag() != impl::kTagMarkerEnd) [[unlikely]] {
+    fail(error::zoserialize_reader_marker_size,
+         "Inconsistent marker size: no end tag at end position", function);
+  }
+  read_tag_check_type(0xB0);
+}
+
 void BinaryReaderBase::skip_to_marker_end_tag() {
-  while (!marker_end_is_next_or_fail(
-      true, here("zoserialize::BinaryReaderBase::skip_to_marker_end_tag()"))) {
+  while (!marker_end_is_next_or_fail(true,
+                                     "zoserialize::BinaryReaderBase::skip_to_marker_end_tag()")) {
     skip_element();
   }
 }
 
-void BinaryReaderBase::throw_no_marker_open(SourceLocation const& location) {
-  zocore::throw_error(error::zoserialize_reader_marker_mismatch, "No markers are currently open",
-                      location);
+void BinaryReaderBase::throw_no_marker_open(char const* function) {
+  fail(error::zoserialize_reader_marker_mismatch, "No markers are currently open", function);
 }
 
-void BinaryReaderBase::throw_eof_in_marker(SourceLocation const& location) {
-  zocore::throw_error(error::zoserialize_reader_eof,
-                      "Unexpected end of data in marker, expecting marker end tag", location);
+void BinaryReaderBase::throw_eof_in_marker(char const* function) {
+  fail(error::zoserialize_reader_eof, "Unexpected end of data in marker, expecting marker end tag",
+       function);
 }
 
 // ---- Skipping and copying ------------------------------------------------------------------
@@ -623,11 +636,11 @@ void BinaryReaderBase::skip_element() {
       case 0x70:
       case 0x80:
         read_tag_check_type(prefix);
-        throw_unexpected_tag(here(kFunction));
+        throw_unexpected_tag(kFunction);
       case 0x40:
         read_tag_check_type(prefix);
         if ((tag & 0x0F) >= 8 && (tag & 0x0F) <= 11) throw_quadruple_unsupported(kFunction);
-        throw_unexpected_tag(here(kFunction));
+        throw_unexpected_tag(kFunction);
       case 0x50:
       case 0x90:
         skip_binary_aux(prefix, static_cast<unsigned>(read_tag_check_type(prefix)));
@@ -635,14 +648,14 @@ void BinaryReaderBase::skip_element() {
       case 0xA0:
         if (tag == impl::kTagSequenceSeparator || tag == impl::kTagSequenceEnd) {
           read_tag_check_type(prefix);
-          if (open.empty() || open.back() != kOpenSequence) throw_unexpected_tag(here(kFunction));
+          if (open.empty() || open.back() != kOpenSequence) throw_unexpected_tag(kFunction);
           if (tag == impl::kTagSequenceEnd) open.pop_back();
           break;
         }
         {
           unsigned const nibble = static_cast<unsigned>(read_tag_check_type(prefix));
           if (nibble >= 8) {
-            if (nibble > 0xB) throw_unexpected_tag(here(kFunction));
+            if (nibble > 0xB) throw_unexpected_tag(kFunction);
             read_size(nibble - 8);
           }
         }
@@ -651,7 +664,7 @@ void BinaryReaderBase::skip_element() {
       case 0xB0:
         if (tag == impl::kTagMarkerEnd) {
           read_tag_check_type(prefix);
-          if (open.empty() || open.back() != kOpenMarker) throw_unexpected_tag(here(kFunction));
+          if (open.empty() || open.back() != kOpenMarker) throw_unexpected_tag(kFunction);
           open.pop_back();
           break;
         }
@@ -768,12 +781,12 @@ void BinaryReaderBase::read_copy(Writer& writer) {
       case EToken::SequenceEnd:
       case EToken::MarkerEnd:
         read_tag_check_type(peek_next_tag() & 0xF0);
-        throw_unexpected_tag(here(kFunction));
+        throw_unexpected_tag(kFunction);
       case EToken::Unknown: {
         int const tag = peek_next_tag();
         if ((tag & 0xF0) >= 0xC0) throw_unknown_prefix(tag, kFunction);
         read_tag_check_type(tag & 0xF0);
-        throw_unexpected_tag(here(kFunction));
+        throw_unexpected_tag(kFunction);
       }
       default:
         copy_scalar(token, writer);

@@ -8,8 +8,9 @@
 #include <vector>
 
 #include <zocore/source_location.h>
-#include <zoserialize/binary_encoding.h>
 #include <zoserialize/export.h>
+#include <zoserialize/impl/binary_encoding.h>
+#include <zoserialize/impl/byte_order.h>
 #include <zoserialize/reader.h>
 
 namespace zoserialize {
@@ -93,6 +94,14 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
   long long read_int64() { return decode_signed<long long>(); }
   unsigned long long read_uint64() { return decode_unsigned<unsigned long long>(); }
 
+  // Inside a marker this reader has opened, whether its end comes next, answered from the input
+  // window without a call: 1 it does, 0 another element comes, -1 the window is empty (then
+  // read_marker_is_end() answers). Checks nothing else.
+  int peek_marker_end() const noexcept {
+    if (in_cur_ == in_end_) return -1;
+    return *in_cur_ == impl::kTagMarkerEnd ? 1 : 0;
+  }
+
  protected:
   using SourceLocation = zocore::SourceLocation;
 
@@ -115,8 +124,8 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
   // consuming a byte is advancing in_cur_. The concrete reader sets the window, accounts for how
   // far in_cur_ moved whenever one of its own operations runs, and empties it
   // (in_cur_ == in_end_) whenever its hooks must see every access (for example while a payload
-  // stream it handed out is open).
-  // Mutable because is_eof() const may have to refill the concrete reader's buffer.
+  // stream it handed out is open). Mutable because is_eof() const may have to refill the
+  // concrete reader's buffer.
   mutable unsigned char const* in_cur_ = nullptr;
   mutable unsigned char const* in_end_ = nullptr;
   // The last tag consumed.
@@ -136,6 +145,9 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
     }
     return impl_read_tag_check_type(prefix);
   }
+  // The body of impl_read_tag_check_type: the concrete reader has made the next byte the first
+  // of the window, or found that there is none (`available` false: fails with `eof_message`).
+  int take_tag(bool available, int prefix, char const* eof_message, char const* function);
   // Reads exactly `size` bytes or raises the end-of-data failure.
   void impl_read_checked(void* data, unsigned size) {
     if (size <= window_size()) [[likely]] {
@@ -157,127 +169,135 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
   // A 1-, 2-, 4- or 8-byte big-endian size field (n = 0..3); 8-byte values of 4 GiB or more
   // fail.
   unsigned read_size(unsigned n);
-  // "End of data reached reading from source".
-  [[noreturn]] static void throw_eof_error(unsigned expected, unsigned actual);
-  // Calls impl_throw_unexpected_tag and never returns.
-  [[noreturn]] void throw_unexpected_tag(SourceLocation const& location);
 
+  // ---- Payloads of strings and binaries ----
+  struct PayloadHeader {
+    unsigned length;  // the whole payload, or the first chunk of a chunked one
+    bool chunked;
+  };
+  // Consumes a String or Binary tag (`prefix`) and its length field. A tag of neither form
+  // raises the unexpected tag, located at `function`.
+  PayloadHeader read_payload_header(int prefix, char const* function);
+  // Between two chunks of a chunked payload the decoder walks itself: consumes the next
+  // continuation tag and its length field; false at the end tag.
+  bool read_next_chunk_header(int prefix, unsigned& length, char const* function);
+  // Skips the payload of a string or binary whose tag (with value nibble `nibble`) was read.
+  void skip_binary_aux(int prefix, unsigned nibble);
+
+  // ---- Markers ----
   // Consumes a marker start tag and its size field; returns the size (0: none given).
   unsigned read_marker_start_tag();
   // The steps of read_marker_is_end / read_marker_end that every concrete reader shares: fail
   // when no marker is open (and, for the end, when the data end before the end tag); true when
   // the marker end tag comes next. Inline: they run at every marker end, and the concrete
   // reader's peek is devirtualised there.
-  bool marker_end_is_next(bool any_marker_open, SourceLocation const& location) {
+  bool marker_end_is_next(bool any_marker_open, char const* function) {
     if (!any_marker_open) [[unlikely]]
-      throw_no_marker_open(location);
+      throw_no_marker_open(function);
     return peek_next_tag() == impl::kTagMarkerEnd;
   }
-  bool marker_end_is_next_or_fail(bool any_marker_open, SourceLocation const& location) {
-    if (marker_end_is_next(any_marker_open, location)) return true;
+  bool marker_end_is_next_or_fail(bool any_marker_open, char const* function) {
+    if (marker_end_is_next(any_marker_open, function)) return true;
     if (peek_next_tag() < 0) [[unlikely]]
-      throw_eof_in_marker(location);
+      throw_eof_in_marker(function);
     return false;
   }
-  [[noreturn]] static void throw_no_marker_open(SourceLocation const& location);
-  [[noreturn]] static void throw_eof_in_marker(SourceLocation const& location);
-
-  // Failures shared by the concrete readers (the location names the detecting operation).
-  [[noreturn]] static void throw_type_mismatch(int expected_prefix, unsigned tag,
-                                               SourceLocation const& location);
-  // "Tag has unexpected value" for current_tag_.
-  [[noreturn]] void throw_unexpected_tag_value(SourceLocation const& location) const;
-  [[noreturn]] static void throw_marker_overrun(std::uint64_t marker_end, std::uint64_t position,
-                                                SourceLocation const& location);
-  [[noreturn]] static void throw_inconsistent_marker_size(SourceLocation const& location);
+  // The last step of read_marker_end, once the concrete reader stands where the marker ends:
+  // after the skip to a sized marker's end (`sized`) the end tag must be next; otherwise the
+  // elements up to the end tag are walked. Then the end tag is consumed.
+  void finish_marker_end(bool sized, char const* function);
   // Skips whole elements until the marker end tag that closes the current marker is next; the
   // end tag itself is not consumed.
   void skip_to_marker_end_tag();
-  // Skips the payload of a string or binary whose tag (with value nibble `nibble`) was read.
-  void skip_binary_aux(int prefix, unsigned nibble);
+
+  // ---- Failures, cold and out of line; `function` names the detecting operation ----
+  // "End of data reached reading from source".
+  [[noreturn]] static void throw_eof_error(unsigned expected, unsigned actual);
+  // Calls impl_throw_unexpected_tag with the location of `function` and never returns.
+  [[noreturn]] void throw_unexpected_tag(char const* function);
+  // "Tag has unexpected value" for current_tag_: the concrete readers' impl_throw_unexpected_tag.
+  [[noreturn]] void throw_unexpected_tag_value(SourceLocation const& location) const;
+  [[noreturn]] static void throw_no_marker_open(char const* function);
+  [[noreturn]] static void throw_eof_in_marker(char const* function);
+  [[noreturn]] static void throw_marker_overrun(std::uint64_t marker_end, std::uint64_t position,
+                                                char const* function);
 
   bool has_open_sequences() const noexcept { return !sequences_.empty(); }
 
   // ---- Decoders of the inline front end ----
-  // A tag and up to 8 payload bytes: with this much in the window a value is decoded in place.
+  // Each form is decoded by one function from the bytes of the whole element (tag and payload
+  // of up to 8 bytes, 9 bytes readable): in place when the window holds that much, else from a
+  // local copy that the slow path reads through the hooks.
   static constexpr unsigned kMaxInlineElement = 9;
+
+  // An integer of the tags 0x20..0x27 (signed) or 0x30..0x37 (unsigned) at p: its value as 64
+  // bits (sign-extended) and the element's length; false for the wide forms and other tags.
+  template <bool Signed>
+  static bool decode_integer_at(unsigned char const* p, std::uint64_t& v,
+                                unsigned& length) noexcept {
+    unsigned const nibble = p[0] - (Signed ? 0x20u : 0x30u);
+    if (nibble <= 2) {
+      if (!Signed && nibble == 2) return false;
+      v = nibble == 2 ? ~std::uint64_t{0} : nibble;
+      length = 1;
+      return true;
+    }
+    if (nibble < 4 || nibble > 7) return false;
+    unsigned const shift = 64 - (8u << (nibble - 4));
+    std::uint64_t const raw = impl::load_big_endian<std::uint64_t>(p + 1);
+    v = Signed ? static_cast<std::uint64_t>(static_cast<std::int64_t>(raw) >> shift) : raw >> shift;
+    length = 1 + (1u << (nibble - 4));
+    return true;
+  }
+
+  // A double of the forms 0x40..0x42 and 0x44..0x47 at p; length 0 for any other tag.
+  static double decode_double_at(unsigned char const* p, unsigned& length) noexcept {
+    unsigned const nibble = p[0] - 0x40u;
+    if (nibble <= 2) {
+      length = 1;
+      return nibble == 0 ? 0.0 : nibble == 1 ? 1.0 : -1.0;
+    }
+    // Payload widths of the forms 0x44..0x47; the other bytes of the binary64 are zero.
+    static constexpr unsigned char kWidth[4] = {2, 3, 4, 8};
+    if (nibble < 4 || nibble > 7) {
+      length = 0;
+      return 0.0;
+    }
+    unsigned const width = kWidth[nibble - 4];
+    std::uint64_t bits = impl::load_big_endian<std::uint64_t>(p + 1);
+    if (width < 8) bits &= ~std::uint64_t{0} << (64 - 8 * width);
+    length = 1 + width;
+    double v;
+    std::memcpy(&v, &bits, sizeof v);
+    return v;
+  }
 
   template <class T>
   T decode_signed() {
-    if (window_size() >= kMaxInlineElement) [[likely]] {
-      unsigned char const tag = in_cur_[0];
-      std::int64_t v;
-      unsigned length;
-      switch (tag) {
-        case 0x20:
-          v = 0, length = 1;
-          break;
-        case 0x21:
-          v = 1, length = 1;
-          break;
-        case 0x22:
-          v = -1, length = 1;
-          break;
-        case 0x24:
-          // Sign extension of one byte, without a detour through signed char.
-          v = static_cast<std::int64_t>(in_cur_[1] ^ 0x80) - 0x80, length = 2;
-          break;
-        case 0x25:
-          v = impl::load_big_endian<std::int16_t>(in_cur_ + 1), length = 3;
-          break;
-        case 0x26:
-          v = impl::load_big_endian<std::int32_t>(in_cur_ + 1), length = 5;
-          break;
-        case 0x27:
-          v = impl::load_big_endian<std::int64_t>(in_cur_ + 1), length = 9;
-          break;
-        default:
-          return read_signed_generic<T>();
-      }
-      if (v >= std::numeric_limits<T>::min() && v <= std::numeric_limits<T>::max()) {
-        current_tag_ = tag;
+    std::uint64_t v;
+    unsigned length;
+    if (window_size() >= kMaxInlineElement && decode_integer_at<true>(in_cur_, v, length)) {
+      auto const s = static_cast<std::int64_t>(v);
+      if (s >= std::numeric_limits<T>::min() && s <= std::numeric_limits<T>::max()) [[likely]] {
+        current_tag_ = *in_cur_;
         in_cur_ += length;
-        return static_cast<T>(v);
+        return static_cast<T>(s);
       }
     }
-    return read_signed_generic<T>();
+    return static_cast<T>(read_integer_value(true, sizeof(T), kSignedFunction));
   }
 
   template <class T>
   T decode_unsigned() {
-    if (window_size() >= kMaxInlineElement) [[likely]] {
-      unsigned char const tag = in_cur_[0];
-      std::uint64_t v;
-      unsigned length;
-      switch (tag) {
-        case 0x30:
-          v = 0, length = 1;
-          break;
-        case 0x31:
-          v = 1, length = 1;
-          break;
-        case 0x34:
-          v = in_cur_[1], length = 2;
-          break;
-        case 0x35:
-          v = impl::load_big_endian<std::uint16_t>(in_cur_ + 1), length = 3;
-          break;
-        case 0x36:
-          v = impl::load_big_endian<std::uint32_t>(in_cur_ + 1), length = 5;
-          break;
-        case 0x37:
-          v = impl::load_big_endian<std::uint64_t>(in_cur_ + 1), length = 9;
-          break;
-        default:
-          return read_unsigned_generic<T>();
-      }
-      if (v <= std::numeric_limits<T>::max()) {
-        current_tag_ = tag;
-        in_cur_ += length;
-        return static_cast<T>(v);
-      }
+    std::uint64_t v;
+    unsigned length;
+    if (window_size() >= kMaxInlineElement && decode_integer_at<false>(in_cur_, v, length) &&
+        v <= std::numeric_limits<T>::max()) [[likely]] {
+      current_tag_ = *in_cur_;
+      in_cur_ += length;
+      return static_cast<T>(v);
     }
-    return read_unsigned_generic<T>();
+    return static_cast<T>(read_integer_value(false, sizeof(T), kUnsignedFunction));
   }
 
   bool decode_bool() {
@@ -285,30 +305,45 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
       current_tag_ = *in_cur_++;
       return current_tag_ == impl::kTagTrue;
     }
-    return read_bool();
+    return read_bool_slow();
   }
 
   double decode_double() {
     if (window_size() >= kMaxInlineElement) [[likely]] {
-      unsigned char const tag = in_cur_[0];
-      // Payload widths of the forms 0x44..0x47; the other bytes of the binary64 are zero.
-      static constexpr unsigned char kWidth[4] = {2, 3, 4, 8};
-      if (tag >= 0x44 && tag <= 0x47) {
-        unsigned const width = kWidth[tag - 0x44];
-        std::uint64_t bits = impl::load_big_endian<std::uint64_t>(in_cur_ + 1);
-        if (width < 8) bits &= ~std::uint64_t{0} << (64 - 8 * width);
-        current_tag_ = tag;
-        in_cur_ += 1 + width;
-        double v;
-        std::memcpy(&v, &bits, sizeof v);
+      unsigned length;
+      double const v = decode_double_at(in_cur_, length);
+      if (length != 0) [[likely]] {
+        current_tag_ = *in_cur_;
+        in_cur_ += length;
         return v;
       }
     }
-    return read_double();
+    return read_double_slow();
   }
 
   // A string by value; short strings whose bytes are in the window are copied at once.
-  void read_string_value(std::string& out);
+  void read_string_value(std::string& out) {
+    if (in_cur_ != in_end_) [[likely]] {
+      unsigned char const tag = *in_cur_;
+      unsigned header = 0;
+      unsigned length = 0;
+      if (tag >= 0x50 && tag <= 0x57) {
+        header = 1, length = tag & 0x0Fu;
+      } else if (tag == 0x58 && window_size() >= 2) {
+        header = 2, length = in_cur_[1];
+      }
+      if (header != 0 && header + length <= window_size()) [[likely]] {
+        current_tag_ = tag;
+        // Strings read again and again keep their capacity: append to an empty one copies
+        // without the checks of assign.
+        out.clear();
+        out.append(reinterpret_cast<char const*>(in_cur_ + header), length);
+        in_cur_ += header + length;
+        return;
+      }
+    }
+    read_string_slow(out);
+  }
   // For readers that can be copied: takes over (or drops) the open sequence records.
   void copy_sequences_from(BinaryReaderBase const& other) { sequences_ = other.sequences_; }
   void clear_sequences() noexcept { sequences_.clear(); }
@@ -320,29 +355,70 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
     unsigned elements;
   };
 
+  static constexpr char kSignedFunction[] = "zoserialize::BinaryReaderBase::read_int_big_endian()";
+  static constexpr char kUnsignedFunction[] =
+      "zoserialize::BinaryReaderBase::read_uint_big_endian()";
+
   void read_checked_slow(void* data, unsigned size);
   void skip_checked_slow(unsigned size);
-  void read_integer(void* data, unsigned size, bool is_signed, char const* function);
+  // The slow paths of the decoders: the element is read through the hooks.
+  // An integer into `size` bytes (at most 8), sign- or zero-extended to 64 bits.
+  std::uint64_t read_integer_value(bool is_signed, unsigned size, char const* function);
+  void read_integer_image(void* data, unsigned size, bool is_signed, char const* function);
   void read_integer_payload(unsigned char* out, unsigned size, unsigned width, bool is_signed,
                             char const* function);
+  bool read_bool_slow();
+  unsigned read_sequence_start_slow();
+  bool read_sequence_next_slow();
+  double read_double_slow();
   void read_string_slow(std::string& out);
-  void read_large_string_aux(unsigned nibble, std::string& out);
-  template <class T>
-  T read_signed_generic() {
-    unsigned char image[sizeof(T)];
-    read_int_big_endian(image, sizeof(T));
-    return impl::load_big_endian<T>(image);
-  }
-  template <class T>
-  T read_unsigned_generic() {
-    unsigned char image[sizeof(T)];
-    read_uint_big_endian(image, sizeof(T));
-    return impl::load_big_endian<T>(image);
-  }
+  // A whole string's length field against the known rest of the data and the by-value limit.
+  void check_string_length(unsigned length);
+  [[noreturn]] static void throw_string_too_large(char const* message, std::uint64_t size);
   std::int64_t read_time(int prefix, char const* function);
   void copy_scalar(EToken token, Writer& writer);
 
   std::vector<SequenceEntry> sequences_;
 };
+
+// The structural reads are small and frequent: their common forms are decoded here, inline for
+// callers holding a concrete reader; everything else (and every failure) is out of line.
+
+inline unsigned BinaryReaderBase::read_sequence_start() {
+  if (in_cur_ != in_end_ && (*in_cur_ & 0xF8) == 0xA0) [[likely]] {
+    current_tag_ = *in_cur_++;
+    unsigned const hint = current_tag_ & 0x07u;
+    sequences_.push_back({hint, 0});
+    return hint;
+  }
+  return read_sequence_start_slow();
+}
+
+inline bool BinaryReaderBase::read_sequence_next() {
+  if (!sequences_.empty() && in_cur_ != in_end_) [[likely]] {
+    SequenceEntry& top = sequences_.back();
+    unsigned char const tag = *in_cur_;
+    if (top.elements == 0) {
+      if (tag != impl::kTagSequenceEnd) {
+        top.elements = 1;
+        return true;
+      }
+    } else if (tag == impl::kTagSequenceSeparator) {
+      if (top.count_hint == 0 || top.elements < top.count_hint) {
+        current_tag_ = tag;
+        ++in_cur_;
+        ++top.elements;
+        return true;
+      }
+    } else if (tag == impl::kTagSequenceEnd &&
+               (top.count_hint == 0 || top.count_hint == top.elements)) {
+      current_tag_ = tag;
+      ++in_cur_;
+      sequences_.pop_back();
+      return false;
+    }
+  }
+  return read_sequence_next_slow();
+}
 
 }  // namespace zoserialize

@@ -10,6 +10,11 @@ zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE
   return {function, kModuleId, line};
 }
 
+[[noreturn, gnu::cold]] void fail(zocore::ErrorCode const& code, char const* message,
+                                  char const* function) {
+  zocore::throw_error(code, message, here(function));
+}
+
 }  // namespace
 
 // The output window is the free part of the buffer except its last byte:
@@ -38,9 +43,8 @@ void BinaryWriter::reset_window() noexcept {
 }
 
 void BinaryWriter::throw_closed_error() {
-  zocore::throw_error(error::zoserialize_writer_closed,
-                      "Cannot write to BinaryWriter, it has already been closed",
-                      here("zoserialize::BinaryWriter::impl_write()"));
+  fail(error::zoserialize_writer_closed, "Cannot write to BinaryWriter, it has already been closed",
+       "zoserialize::BinaryWriter::impl_write()");
 }
 
 void BinaryWriter::write_to_stream(void const* data, unsigned size) {
@@ -106,9 +110,9 @@ void BinaryWriter::flush() {
 void BinaryWriter::close() {
   flush();  // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall): also from the destructor
   if (open_markers() != 0) {
-    zocore::throw_error(error::zoserialize_writer_marker_nesting,
-                        "Attempt to close writer but there are marker that are still open",
-                        here("zoserialize::BinaryWriter::close()"));
+    fail(error::zoserialize_writer_marker_nesting,
+         "Attempt to close writer but there are marker that are still open",
+         "zoserialize::BinaryWriter::close()");
   }
   BinaryWriterBase::close();
   stream_.reset();

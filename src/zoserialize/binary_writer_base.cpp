@@ -16,6 +16,11 @@ zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE
   return {function, kModuleId, line};
 }
 
+[[noreturn, gnu::cold]] void fail(zocore::ErrorCode const& code, char const* message,
+                                  char const* function) {
+  zocore::throw_error(code, message, here(function));
+}
+
 constexpr unsigned char tag_of(impl::ETypePrefix prefix, unsigned nibble) {
   return static_cast<unsigned char>(static_cast<unsigned>(prefix) | nibble);
 }
@@ -45,6 +50,31 @@ constexpr unsigned width_nibble(unsigned length) {
       .throw_error(error::zoserialize_writer_data_range,
                    here(is_signed ? "zoserialize::BinaryWriterBase::write_int_big_endian()"
                                   : "zoserialize::BinaryWriterBase::write_uint_big_endian()"));
+}
+
+// A source that delivered more than it announced (`more`), or less.
+[[noreturn, gnu::cold]] void throw_source_size(unsigned announced, unsigned read, bool more) {
+  zocore::ErrorComposer composer(
+      more ? "IReadStream returns more data than the announced {@expected} bytes"
+           : "Early EOS in IReadStream.  Expected {@expected} bytes, read {@read} bytes");
+  composer.add("expected", announced);
+  if (!more) composer.add("read", read);
+  composer.throw_error(error::zoserialize_writer_data_size,
+                       here("zoserialize::BinaryWriterBase::write_binary_aux()"));
+}
+
+// A marker size field wider than 8 bytes (`bytes` 0), or one too narrow for `size`.
+[[noreturn, gnu::cold]] void throw_marker_field(unsigned size, unsigned bytes) {
+  static constexpr char kFunction[] = "zoserialize::BinaryWriterBase::write_marker_start_tag()";
+  if (bytes == 0) {
+    zocore::throw_with_nested_errno(error::zoserialize_writer_data_range,
+                                    "Field size must be less than or equal to 8 (64-bit field)",
+                                    here(kFunction), 22);
+  }
+  zocore::ErrorComposer("Marker size value ({@size}) exceeds bit size of field ({@fieldSize})")
+      .add("size", size)
+      .add("fieldSize", bytes * 8)
+      .throw_with_nested_errno(error::zoserialize_writer_data_range, here(kFunction), 22);
 }
 
 }  // namespace
@@ -153,25 +183,24 @@ void BinaryWriterBase::write_int_big_endian(void const* data, unsigned size) {
   encode_signed(impl::load_signed(image, size));
 }
 
+void BinaryWriterBase::emit_element(unsigned char const* element, unsigned char const* end) {
+  // The tag and the payload go out as two pieces, as every tagged element does on this path.
+  emit_tagged(element[0], element + 1, static_cast<unsigned>(end - element - 1));
+}
+
 void BinaryWriterBase::encode_signed_slow(std::int64_t v) {
-  unsigned char payload[8];
-  unsigned char tag;
-  unsigned width;
-  if (v >= -1 && v <= 1) {
-    emit_byte(v == 0 ? 0x20 : v == 1 ? 0x21 : 0x22);
-    return;
-  }
-  if (v >= INT8_MIN && v <= INT8_MAX) {
-    tag = 0x24, width = 1;
-  } else if (v >= INT16_MIN && v <= INT16_MAX) {
-    tag = 0x25, width = 2;
-  } else if (v >= INT32_MIN && v <= INT32_MAX) {
-    tag = 0x26, width = 4;
-  } else {
-    tag = 0x27, width = 8;
-  }
-  impl::store_big_endian(static_cast<std::uint64_t>(v), payload);
-  emit_tagged(tag, payload + 8 - width, width);
+  unsigned char element[kMaxInlineElement];
+  emit_element(element, put_signed(element, v));
+}
+
+void BinaryWriterBase::encode_unsigned_slow(std::uint64_t v) {
+  unsigned char element[kMaxInlineElement];
+  emit_element(element, put_unsigned(element, v));
+}
+
+void BinaryWriterBase::encode_double_slow(double v) {
+  unsigned char element[kMaxInlineElement];
+  emit_element(element, put_double(element, v));
 }
 
 void BinaryWriterBase::write_signed_wide(unsigned char const* image, unsigned size) {
@@ -204,27 +233,6 @@ void BinaryWriterBase::write_uint_big_endian(void const* data, unsigned size) {
   encode_unsigned(impl::load_unsigned(image, size));
 }
 
-void BinaryWriterBase::encode_unsigned_slow(std::uint64_t v) {
-  if (v <= 1) {
-    emit_byte(v == 0 ? 0x30 : 0x31);
-    return;
-  }
-  unsigned char payload[8];
-  impl::store_big_endian(v, payload);
-  unsigned char tag;
-  unsigned width;
-  if (v <= 0xFF) {
-    tag = 0x34, width = 1;
-  } else if (v <= 0xFFFF) {
-    tag = 0x35, width = 2;
-  } else if (v <= 0xFFFFFFFF) {
-    tag = 0x36, width = 4;
-  } else {
-    tag = 0x37, width = 8;
-  }
-  emit_tagged(tag, payload + 8 - width, width);
-}
-
 void BinaryWriterBase::write_unsigned_wide(unsigned char const* image, unsigned size) {
   impl::UnsignedForm const form = impl::minimal_unsigned_form(image, size);
   if (form.length == 0) {
@@ -247,29 +255,6 @@ void BinaryWriterBase::write_unsigned_wide(unsigned char const* image, unsigned 
 
 void BinaryWriterBase::write_double(double value) {
   encode_double(value);
-}
-
-void BinaryWriterBase::encode_double_slow(double value) {
-  auto const bits = std::bit_cast<std::uint64_t>(value);
-  auto const hi = static_cast<std::uint32_t>(bits >> 32);
-  auto const lo = static_cast<std::uint32_t>(bits);
-  unsigned char payload[8];
-  impl::store_big_endian(bits, payload);
-  if (lo != 0) {
-    emit_tagged(0x47, payload, 8);
-  } else if ((hi & 0xFFFF) == 0) {
-    if (hi == 0) {
-      emit_byte(0x40);
-    } else if ((hi & 0x7FFFFFFF) == 0x3FF00000) {
-      emit_byte((hi & 0x80000000) ? 0x42 : 0x41);
-    } else {
-      emit_tagged(0x44, payload, 2);
-    }
-  } else if ((hi & 0xFF) != 0) {
-    emit_tagged(0x46, payload, 4);
-  } else {
-    emit_tagged(0x45, payload, 3);
-  }
 }
 
 void BinaryWriterBase::write_string(char const* data, unsigned size) {
@@ -354,8 +339,8 @@ void BinaryWriterBase::write_sequence_start() {
 }
 
 void BinaryWriterBase::throw_no_marker_to_close(char const* function) {
-  zocore::throw_error(error::zoserialize_writer_marker_nesting,
-                      "Attempt to close marker and none is open", here(function));
+  fail(error::zoserialize_writer_marker_nesting, "Attempt to close marker and none is open",
+       function);
 }
 
 // ---- Protected helpers ----------------------------------------------------------------------
@@ -426,12 +411,8 @@ void BinaryWriterBase::write_binary_aux(ETypePrefix prefix, IReadStream& source)
     unsigned char* const dest = direct ? out_cur_ : block;
     unsigned const got = read_source(source, dest, impl::kStreamChunkSize, true);
     if (got == 0) break;
-    if (got > announced - total) {
-      zocore::ErrorComposer("IReadStream returns more data than the announced {@expected} bytes")
-          .add("expected", announced)
-          .throw_error(error::zoserialize_writer_data_size,
-                       here("zoserialize::BinaryWriterBase::write_binary_aux()"));
-    }
+    if (got > announced - total) [[unlikely]]
+      throw_source_size(announced, 0, true);
     if (direct) {
       out_cur_ += got;
     } else {
@@ -439,14 +420,8 @@ void BinaryWriterBase::write_binary_aux(ETypePrefix prefix, IReadStream& source)
     }
     total += got;
   }
-  if (total != announced) {
-    zocore::ErrorComposer(
-        "Early EOS in IReadStream.  Expected {@expected} bytes, read {@read} bytes")
-        .add("expected", announced)
-        .add("read", total)
-        .throw_error(error::zoserialize_writer_data_size,
-                     here("zoserialize::BinaryWriterBase::write_binary_aux()"));
-  }
+  if (total != announced) [[unlikely]]
+    throw_source_size(announced, total, false);
 }
 
 void BinaryWriterBase::write_marker_start_tag(unsigned size, unsigned field_size) {
@@ -458,23 +433,13 @@ void BinaryWriterBase::write_marker_start_tag(unsigned size, unsigned field_size
     }
     bytes = size <= 0xFF ? 1 : size <= 0xFFFF ? 2 : 4;
   } else {
-    if (field_size > 8) {
-      zocore::throw_with_nested_errno(
-          error::zoserialize_writer_data_range,
-          "Field size must be less than or equal to 8 (64-bit field)",
-          here("zoserialize::BinaryWriterBase::write_marker_start_tag()"), 22);
-    }
+    if (field_size > 8) [[unlikely]]
+      throw_marker_field(0, 0);
     bytes = field_size <= 1 ? 1 : field_size <= 2 ? 2 : field_size <= 4 ? 4 : 8;
     // The limit is 2 to the power of the field's width in bytes, not in bits: only small sizes
     // pass. Callers use a fixed field only with size 0 and the shortest form otherwise.
-    if (static_cast<std::uint64_t>(size) >= (std::uint64_t{1} << bytes)) {
-      zocore::ErrorComposer("Marker size value ({@size}) exceeds bit size of field ({@fieldSize})")
-          .add("size", size)
-          .add("fieldSize", bytes * 8)
-          .throw_with_nested_errno(error::zoserialize_writer_data_range,
-                                   here("zoserialize::BinaryWriterBase::write_marker_start_tag()"),
-                                   22);
-    }
+    if (static_cast<std::uint64_t>(size) >= (std::uint64_t{1} << bytes)) [[unlikely]]
+      throw_marker_field(size, bytes);
   }
   unsigned char field[8];
   impl::store_big_endian(static_cast<std::uint64_t>(size), field);

@@ -11,8 +11,9 @@
 #include <zocore/ref_count_ptr.h>
 #include <zocore/ref_counted.h>
 #include <zocore/stream.h>
-#include <zoserialize/binary_encoding.h>
 #include <zoserialize/export.h>
+#include <zoserialize/impl/binary_encoding.h>
+#include <zoserialize/impl/byte_order.h>
 #include <zoserialize/impl/scope_stack.h>
 #include <zoserialize/impl/value_stream_base.h>
 #include <zoserialize/writer.h>
@@ -75,7 +76,7 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   class BinaryStreamImpl;
 
   // Markers opened with write_marker_start() and not yet ended.
-  unsigned open_markers() const noexcept { return scopes_.open_markers(); }
+  unsigned open_markers() const noexcept { return open_markers_; }
 
   // ---- Inline front end ----
   // Shadows of Writer's typed front end for callers that know they hold a binary writer: they
@@ -184,27 +185,33 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
     }
   }
 
-  bool has_open_sequences() const noexcept { return scopes_.open_sequences() != 0; }
+  bool has_open_sequences() const noexcept { return !scopes_.empty(); }
+  bool is_complete() const noexcept { return scopes_.empty() && open_markers_ == 0; }
 
   // Markers without a size: the concrete writers' write_marker_start/end. `function` names the
-  // operation in the failure raised when no marker is open.
+  // operation in the failure raised when no marker is open. Markers and sequences are checked
+  // independently of each other, so markers are only counted.
   void start_counted_marker() {
     finalize_previous_element();
     write_marker_start_tag();
-    scopes_.push_marker();
+    ++open_markers_;
   }
   void end_counted_marker(char const* function) {
     finalize_previous_element();
-    if (!scopes_.end_innermost_marker()) [[unlikely]]
+    if (open_markers_ == 0) [[unlikely]]
       throw_no_marker_to_close(function);
+    --open_markers_;
     write_marker_end_tag();
   }
   [[noreturn]] static void throw_no_marker_to_close(char const* function);
 
-  // The open sequences and markers, checked independently of each other.
+  // The open sequences (the markers are counted apart).
   impl::ScopeStack scopes_;
+  unsigned open_markers_ = 0;
 
   // ---- Encoders: one element each, inline when the window has room ----
+  // Each form is encoded by one function into a 9-byte area: straight into the output window
+  // when it has that much room, else into a local buffer that the slow path emits.
   void encode_bool(bool v) {
     finalize_previous_element();
     emit_byte(v ? impl::kTagTrue : impl::kTagFalse);
@@ -212,7 +219,7 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   void encode_signed(std::int64_t v) {
     finalize_previous_element();
     if (window_room() >= kMaxInlineElement) [[likely]] {
-      put_signed(v);
+      out_cur_ = put_signed(out_cur_, v);
     } else {
       encode_signed_slow(v);
     }
@@ -220,7 +227,7 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   void encode_unsigned(std::uint64_t v) {
     finalize_previous_element();
     if (window_room() >= kMaxInlineElement) [[likely]] {
-      put_unsigned(v);
+      out_cur_ = put_unsigned(out_cur_, v);
     } else {
       encode_unsigned_slow(v);
     }
@@ -228,70 +235,68 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   void encode_double(double v) {
     finalize_previous_element();
     if (window_room() >= kMaxInlineElement) [[likely]] {
-      put_double(v);
+      out_cur_ = put_double(out_cur_, v);
     } else {
       encode_double_slow(v);
     }
   }
-  void encode_string(char const* data, unsigned size) {
+  void encode_string(char const* data, unsigned size) { encode_payload(0x50, data, size); }
+  // A string or binary given whole (`tag` 0x50 or 0x90): short ones (1-byte length at most)
+  // whose bytes fit the window go in directly.
+  void encode_payload(unsigned char tag, void const* data, unsigned size) {
     finalize_previous_element();
-    // Short strings (1-byte length at most) whose bytes fit the window go in directly.
     if (size <= 0xFF && size + 2 <= window_room()) [[likely]] {
       if (size < 8) {
-        *out_cur_++ = static_cast<unsigned char>(0x50 | size);
+        *out_cur_++ = static_cast<unsigned char>(tag | size);
       } else {
-        out_cur_[0] = 0x58;
+        out_cur_[0] = static_cast<unsigned char>(tag | 8);
         out_cur_[1] = static_cast<unsigned char>(size);
         out_cur_ += 2;
       }
-      if (size != 0) std::memcpy(out_cur_, data, size);
+      impl::copy_short(out_cur_, data, size);
       out_cur_ += size;
     } else {
-      write_binary_aux(ETypePrefix::String, data, size);
+      write_binary_aux(static_cast<ETypePrefix>(tag), data, size);
     }
   }
 
  private:
-  // A tag and up to 8 payload bytes: the inline encoders store 9 bytes at once.
+  // A tag and up to 8 payload bytes: the encoders store 9 bytes at once.
   static constexpr unsigned kMaxInlineElement = 9;
 
-  // The tag, then the low `width` bytes of v big-endian, as one 9-byte store (the window has
-  // room for it; only 1 + width bytes count).
-  void put_low_bytes(unsigned char tag, std::uint64_t v, unsigned width) noexcept {
-    out_cur_[0] = tag;
+  // The tag, then the low `width` bytes of v big-endian, as one 9-byte store at `out` (only
+  // 1 + width bytes count); returns the end of the element.
+  static unsigned char* put_low_bytes(unsigned char* out, unsigned char tag, std::uint64_t v,
+                                      unsigned width) noexcept {
+    out[0] = tag;
     std::uint64_t const be = impl::byte_swap(v << (64 - 8 * width));
-    std::memcpy(out_cur_ + 1, &be, sizeof be);
-    out_cur_ += 1 + width;
+    std::memcpy(out + 1, &be, sizeof be);
+    return out + 1 + width;
   }
-  void put_signed(std::int64_t v) noexcept {
+  static unsigned char* put_signed(unsigned char* out, std::int64_t v) noexcept {
     if (static_cast<std::uint64_t>(v) + 1 <= 2) {
-      *out_cur_++ = v == 0 ? 0x20 : v > 0 ? 0x21 : 0x22;
-    } else if (v == static_cast<std::int8_t>(v)) {
-      put_low_bytes(0x24, static_cast<std::uint64_t>(v), 1);
-    } else if (v == static_cast<std::int16_t>(v)) {
-      put_low_bytes(0x25, static_cast<std::uint64_t>(v), 2);
-    } else if (v == static_cast<std::int32_t>(v)) {
-      put_low_bytes(0x26, static_cast<std::uint64_t>(v), 4);
-    } else {
-      put_low_bytes(0x27, static_cast<std::uint64_t>(v), 8);
+      *out = v == 0 ? 0x20 : v > 0 ? 0x21 : 0x22;
+      return out + 1;
     }
+    auto const u = static_cast<std::uint64_t>(v);
+    if (v == static_cast<std::int8_t>(v)) return put_low_bytes(out, 0x24, u, 1);
+    if (v == static_cast<std::int16_t>(v)) return put_low_bytes(out, 0x25, u, 2);
+    if (v == static_cast<std::int32_t>(v)) return put_low_bytes(out, 0x26, u, 4);
+    return put_low_bytes(out, 0x27, u, 8);
   }
-  void put_unsigned(std::uint64_t v) noexcept {
+  static unsigned char* put_unsigned(unsigned char* out, std::uint64_t v) noexcept {
     if (v <= 1) {
-      *out_cur_++ = v == 0 ? 0x30 : 0x31;
-    } else if (v <= 0xFF) {
-      put_low_bytes(0x34, v, 1);
-    } else if (v <= 0xFFFF) {
-      put_low_bytes(0x35, v, 2);
-    } else if (v <= 0xFFFFFFFF) {
-      put_low_bytes(0x36, v, 4);
-    } else {
-      put_low_bytes(0x37, v, 8);
+      *out = v == 0 ? 0x30 : 0x31;
+      return out + 1;
     }
+    if (v <= 0xFF) return put_low_bytes(out, 0x34, v, 1);
+    if (v <= 0xFFFF) return put_low_bytes(out, 0x35, v, 2);
+    if (v <= 0xFFFFFFFF) return put_low_bytes(out, 0x36, v, 4);
+    return put_low_bytes(out, 0x37, v, 8);
   }
   // The shortest float form: the most significant bytes of the binary64 that are not all zero
   // beyond them.
-  void put_double(double v) noexcept {
+  static unsigned char* put_double(unsigned char* out, double v) noexcept {
     std::uint64_t bits;
     std::memcpy(&bits, &v, sizeof bits);
     auto const hi = static_cast<std::uint32_t>(bits >> 32);
@@ -300,13 +305,9 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
     if (static_cast<std::uint32_t>(bits) != 0) {
       tag = 0x47, width = 8;
     } else if ((hi & 0xFFFF) == 0) {
-      if (hi == 0) {
-        *out_cur_++ = 0x40;
-        return;
-      }
-      if ((hi & 0x7FFFFFFF) == 0x3FF00000) {
-        *out_cur_++ = (hi & 0x80000000) ? 0x42 : 0x41;
-        return;
+      if (hi == 0 || (hi & 0x7FFFFFFF) == 0x3FF00000) {
+        *out = hi == 0 ? 0x40 : (hi & 0x80000000) ? 0x42 : 0x41;
+        return out + 1;
       }
       tag = 0x44, width = 2;
     } else if ((hi & 0xFF) != 0) {
@@ -314,17 +315,18 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
     } else {
       tag = 0x45, width = 3;
     }
-    out_cur_[0] = tag;
+    out[0] = tag;
     std::uint64_t const be = impl::byte_swap(bits);
-    std::memcpy(out_cur_ + 1, &be, sizeof be);
-    out_cur_ += 1 + width;
+    std::memcpy(out + 1, &be, sizeof be);
+    return out + 1 + width;
   }
   void write_sequence_start_slow(unsigned count_hint);
   void encode_signed_slow(std::int64_t v);
   void encode_unsigned_slow(std::uint64_t v);
   void encode_double_slow(double v);
+  // Emits an element that an encoder put into `element` (tag first) up to `end`.
+  void emit_element(unsigned char const* element, unsigned char const* end);
 
- private:
   // Bits of pending_.
   static constexpr std::uint8_t kStreamOpen = 1;
   static constexpr std::uint8_t kOutputFailed = 2;
@@ -354,8 +356,7 @@ inline void BinaryWriterBase::write_null() {
 }
 
 inline void BinaryWriterBase::write_binary(void const* data, unsigned size) {
-  finalize_previous_element();
-  write_binary_aux(ETypePrefix::Binary, data, size);
+  encode_payload(0x90, data, size);
 }
 
 inline void BinaryWriterBase::write_sequence_start(unsigned count_hint) {

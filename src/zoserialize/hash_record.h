@@ -9,6 +9,7 @@
 
 #include <zocore/stream.h>
 #include <zocore/uuid.h>
+#include <zoserialize/impl/byte_order.h>
 #include <zoserialize/writer.h>
 
 namespace zoserialize {

@@ -54,8 +54,9 @@ using MemoryChunkPtr = zocore::RefCountPtr<MemoryChunk>;
 
 // Returns a chunk for a request of `size` bytes: 1024 bytes for requests up to 1024, 4096 up to
 // 4096, 16384 up to 16384 and 65536 for anything larger. The size is a hint; callers must use the
-// chunk's own size(), which is smaller than a request above 65536. A recycled chunk keeps the
-// bytes of its previous use. Thread-safe.
+// chunk's own size(), which is smaller than a request above 65536. The bytes are not initialised:
+// a recycled chunk keeps those of its previous use, a fresh one holds whatever its memory held.
+// Thread-safe.
 ZOSERIALIZE_API MemoryChunkPtr create_memory_chunk(unsigned size);
 
 namespace impl {
@@ -100,9 +101,10 @@ class ZOSERIALIZE_API MemoryChunkImpl final : public MemoryChunk {
   static std::size_t pooled_count() noexcept;
   static bool is_pooled(MemoryChunk const* chunk) noexcept;
 
-  // Fresh storage is zeroed so that bytes exposed before they are written (a list grown by
-  // resize) are never indeterminate; recycled chunks keep their old bytes.
-  char storage_[Size] = {};
+  // Not zeroed: a chunk's bytes are read only after they were written (a list zeroes what its
+  // resize exposes), and a list written in pieces of 64 KiB would otherwise touch every fresh
+  // page twice.
+  char storage_[Size];  // NOLINT(cppcoreguidelines-pro-type-member-init)
   std::uint32_t guard_[2];
 };
 

@@ -7,6 +7,7 @@
 
 #include <zocore/streamers.h>
 #include <zocore/thread_mutex.h>
+#include <zoserialize/impl/memory_list_impl.h>
 #include <zoserialize/memory_list.h>
 
 namespace zoserialize {

@@ -5,7 +5,7 @@
 #include <zocore/streamers.h>
 #include <zocore/throw_error.h>
 #include <zoserialize/error_codes.h>
-#include <zoserialize/impl/integer_form.h>
+#include <zoserialize/impl/chunked_payload.h>
 #include <zoserialize/impl/utf8_validating_stream.h>
 #include <zoserialize/memory_reader.h>
 #include <zoserialize/memory_writer.h>
@@ -18,9 +18,13 @@ zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE
   return {function, kModuleId, line};
 }
 
+[[noreturn, gnu::cold]] void fail(zocore::ErrorCode const& code, char const* message,
+                                  char const* function) {
+  zocore::throw_error(code, message, here(function));
+}
+
 constexpr int kStringPrefix = impl::prefix_value(impl::ETypePrefix::String);
 constexpr int kBinaryPrefix = impl::prefix_value(impl::ETypePrefix::Binary);
-constexpr int kMarkerPrefix = impl::prefix_value(impl::ETypePrefix::Marker);
 
 // Validates [cursor, cursor + length) of `list` as the next piece of a UTF-8 text.
 void validate_range(MemoryListBaseType const& list, MemoryListCursor const& cursor, unsigned length,
@@ -29,6 +33,22 @@ void validate_range(MemoryListBaseType const& list, MemoryListCursor const& curs
        piece.next()) {
     validator.feed(piece.data(), piece.size());
   }
+}
+
+[[noreturn, gnu::cold]] void throw_beyond_data(char const* message, unsigned expected,
+                                               unsigned remaining, char const* function) {
+  zocore::ErrorComposer(message)
+      .add("expected", expected)
+      .add("remaining", remaining)
+      .throw_error(error::zoserialize_reader_data_size, here(function));
+}
+
+[[noreturn, gnu::cold]] void throw_marker_beyond_data(std::uint64_t end, unsigned size) {
+  zocore::ErrorComposer("Remaining data no sufficient for expected size of marker")
+      .add("markerEndPos", static_cast<unsigned long long>(end))
+      .add("streamSize", size)
+      .throw_error(error::zoserialize_reader_eof,
+                   here("zoserialize::MemoryReader::read_marker_end()"));
 }
 
 }  // namespace
@@ -41,6 +61,13 @@ class MemoryReader::BinaryStreamImpl final : public IReadStream,
  public:
   BinaryStreamImpl(ConstMemoryListPtr list, MemoryListCursor const& cursor, unsigned length)
       : list_(std::move(list)), cursor_(cursor), remaining_(length) {}
+
+  // Serves the next payload: only for a stream nobody but its reader holds any more.
+  void reopen(ConstMemoryListPtr const& list, MemoryListCursor const& cursor, unsigned length) {
+    if (list_ != list) list_ = list;
+    cursor_ = cursor;
+    remaining_ = length;
+  }
 
   unsigned read(void* data, unsigned size) override {
     unsigned const n = size < remaining_ ? size : remaining_;
@@ -69,70 +96,47 @@ class MemoryReader::BinaryStreamImpl final : public IReadStream,
 };
 
 // A chunked payload: the stream walks the chunk headers itself. The reader checked the whole
-// chunk sequence before handing the stream out.
+// chunk sequence before handing the stream out; a header that is not what it checked fails all
+// the same.
 class MemoryReader::BinaryStreamChunkedImpl final
     : public IReadStream,
       public zocore::RefCounted<zocore::AtomicRefCount> {
  public:
   BinaryStreamChunkedImpl(ConstMemoryListPtr list, MemoryListCursor const& cursor,
                           unsigned first_chunk, int prefix)
-      : list_(std::move(list)), cursor_(cursor), remaining_(first_chunk), prefix_(prefix) {}
+      : list_(std::move(list)), cursor_(cursor), payload_(first_chunk, prefix) {}
 
   unsigned read(void* data, unsigned size) override {
-    return transfer(static_cast<char*>(data), size);
+    return transfer(static_cast<unsigned char*>(data), size);
   }
   unsigned skip(unsigned size) override { return transfer(nullptr, size); }
   unsigned bytes_remaining() const override { return kUnknownSize; }
-  void close() override { ended_ = true; }
+  void close() override { payload_.close(); }
 
  private:
-  unsigned transfer(char* dest, unsigned size) {
-    unsigned total = 0;
-    while (size != 0 && !ended_) {
-      if (remaining_ == 0) {
-        next_chunk();
-        continue;
-      }
-      unsigned const n = size < remaining_ ? size : remaining_;
-      if (dest) {
-        list_->read_at_cursor(cursor_, dest + total, n);
-      } else {
-        list_->cursor_advance(cursor_, n);
-      }
-      remaining_ -= n;
-      size -= n;
-      total += n;
+  // The list from the stream's own cursor.
+  struct Source {
+    BinaryStreamChunkedImpl& stream;
+    void read(void* data, unsigned size) {
+      unsigned const got =
+          stream.list_->read_at_cursor(stream.cursor_, static_cast<char*>(data), size);
+      if (got < size) throw_eof_error(size, got);
     }
-    return total;
-  }
+    void skip(unsigned size) {
+      unsigned const got = stream.list_->cursor_advance(stream.cursor_, size);
+      if (got < size) throw_eof_error(size, got);
+    }
+  };
 
-  void next_chunk() {
-    unsigned char header[3] = {};
-    if (list_->read_at_cursor(cursor_, reinterpret_cast<char*>(header), 1) != 1 ||
-        (header[0] & 0xF0) != prefix_) {
-      ended_ = true;  // cannot happen for a checked chunk sequence; ends the value safely
-      return;
-    }
-    switch (header[0] & 0x0F) {
-      case impl::kNibbleNextChunk1:
-        list_->read_at_cursor(cursor_, reinterpret_cast<char*>(header + 1), 1);
-        remaining_ = header[1];
-        break;
-      case impl::kNibbleNextChunk2:
-        list_->read_at_cursor(cursor_, reinterpret_cast<char*>(header + 1), 2);
-        remaining_ = impl::load_unsigned(header + 1, 2);
-        break;
-      default:
-        ended_ = true;
-        break;
-    }
+  unsigned transfer(unsigned char* dest, unsigned size) {
+    Source source{*this};
+    return payload_.transfer(source, dest, size,
+                             "zoserialize::MemoryReader::BinaryStreamChunkedImpl::next_chunk()");
   }
 
   ConstMemoryListPtr list_;
   MemoryListCursor cursor_;
-  unsigned remaining_;  // bytes left in the current chunk
-  int prefix_;
-  bool ended_ = false;
+  impl::ChunkedPayload payload_;
 };
 
 // ---- Construction, copying -----------------------------------------------------------------
@@ -164,9 +168,9 @@ MemoryReader::MemoryReader(MemoryReader&& other) noexcept : BinaryReaderBase() {
 MemoryReader& MemoryReader::operator=(MemoryReader const& other) {
   if (this == &other) return *this;
   if (!markers_.empty() || has_open_sequences()) {
-    zocore::throw_error(error::zoserialize_reader,
-                        "Cannot assign to a reader that has open read marker or sequences",
-                        here("zoserialize::MemoryReader::operator=()"));
+    fail(error::zoserialize_reader,
+         "Cannot assign to a reader that has open read marker or sequences",
+         "zoserialize::MemoryReader::operator=()");
   }
   copy_state_from(other);
   return *this;
@@ -221,11 +225,22 @@ void MemoryReader::open_window() const noexcept {
 void MemoryReader::sync() const noexcept {
   auto const n = static_cast<unsigned>(in_cur_ - mark_);
   if (n == 0) return;
+  if (in_cur_ != in_end_) {
+    // Still inside the cursor's segment: the window stays as it is.
+    cursor_.offset += n;
+    cursor_.position += n;
+    mark_ = in_cur_;
+    return;
+  }
   list_->cursor_advance(cursor_, n);
   open_window();
 }
 
 void MemoryReader::advance(unsigned n) {
+  if (n < window_size()) {
+    in_cur_ += n;
+    return;
+  }
   sync();
   list_->cursor_advance(cursor_, n);
   open_window();
@@ -252,19 +267,10 @@ int MemoryReader::impl_peek_next_tag() {
 }
 
 int MemoryReader::impl_read_tag_check_type(int prefix) {
-  if (remaining() == 0) {
-    zocore::throw_error(error::zoserialize_reader_eof,
-                        "Unable to read tag byte, reader at end of memory list",
-                        here("zoserialize::MemoryReader::impl_read_tag_check_type()"));
-  }
-  sync();
-  unsigned char const tag = *in_cur_;
-  if ((tag & 0xF0) != prefix) {
-    throw_type_mismatch(prefix, tag, here("zoserialize::MemoryReader::impl_read_tag_check_type()"));
-  }
-  ++in_cur_;
-  current_tag_ = tag;
-  return tag & 0x0F;
+  bool const available = remaining() != 0;
+  if (available) sync();
+  return take_tag(available, prefix, "Unable to read tag byte, reader at end of memory list",
+                  "zoserialize::MemoryReader::impl_read_tag_check_type()");
 }
 
 unsigned MemoryReader::impl_read(void* data, unsigned size) {
@@ -291,66 +297,51 @@ void MemoryReader::impl_throw_unexpected_tag(SourceLocation const& location) {
 
 // ---- Payloads ------------------------------------------------------------------------------
 
-unsigned MemoryReader::checked_calc_binary_block_size(int nibble) {
-  unsigned length;
-  if (nibble < 8) {
-    length = static_cast<unsigned>(nibble);
-  } else if (nibble <= static_cast<int>(impl::kNibbleLength4)) {
-    length = read_size(static_cast<unsigned>(nibble) - impl::kNibbleLength1);
-  } else {
-    throw_unexpected_tag(here("zoserialize::MemoryReader::checked_calc_binary_block_size()"));
+void MemoryReader::check_blob_length(unsigned length) const {
+  if (length > remaining()) [[unlikely]] {
+    throw_beyond_data(
+        "Invalid blob length or truncated stream: number of bytes remaining in "
+        "stream is smaller than size of blob.  Expected={@expected}, "
+        "BytesRemaining={@remaining}",
+        length, remaining(), "zoserialize::MemoryReader::checked_calc_binary_block_size()");
   }
-  if (length > remaining()) {
-    zocore::ErrorComposer(
-        "Invalid blob length or truncated stream: number of bytes remaining in stream is smaller "
-        "than size of blob.  Expected={@expected}, BytesRemaining={@remaining}")
-        .add("expected", length)
-        .add("remaining", remaining())
-        .throw_error(error::zoserialize_reader_data_size,
-                     here("zoserialize::MemoryReader::checked_calc_binary_block_size()"));
-  }
-  return length;
 }
 
 InterfacePtr<IReadStream> MemoryReader::read_payload_stream(int prefix) {
   static constexpr char kFunction[] = "zoserialize::MemoryReader::read_payload_stream()";
   bool const is_string = prefix == kStringPrefix;
-  int const nibble = read_tag_check_type(prefix);
+  PayloadHeader const header = read_payload_header(prefix, kFunction);
   impl::Utf8CarryValidator validator;
-  if (nibble <= static_cast<int>(impl::kNibbleLength4)) {
-    unsigned const length = checked_calc_binary_block_size(nibble);
+  if (!header.chunked) {
+    check_blob_length(header.length);
     sync();
     if (is_string) {
-      validate_range(*list_, cursor_, length, validator);
+      validate_range(*list_, cursor_, header.length, validator);
       validator.finish();
     }
-    auto stream = zocore::make_ref_counted<BinaryStreamImpl>(list_, cursor_, length);
-    advance(length);
-    return InterfacePtr<IReadStream>(stream);
+    if (spare_ && spare_->is_unique()) {
+      // The last payload's stream, which its caller has released: no allocation per payload.
+      spare_->reopen(list_, cursor_, header.length);
+    } else {
+      spare_ = zocore::make_ref_counted<BinaryStreamImpl>(list_, cursor_, header.length);
+    }
+    advance(header.length);
+    return InterfacePtr<IReadStream>(spare_);
   }
-  if (nibble > static_cast<int>(impl::kNibbleFirstChunk2)) throw_unexpected_tag(here(kFunction));
-  unsigned length = read_size(static_cast<unsigned>(nibble) - impl::kNibbleFirstChunk1);
   sync();
   MemoryListCursor const first = cursor_;
-  unsigned const first_length = length;
   // The whole chunk sequence is checked (and a string validated) before the stream is handed out.
-  for (;;) {
+  unsigned length = header.length;
+  do {
     if (is_string && length <= remaining()) {
       sync();
       validate_range(*list_, cursor_, length, validator);
     }
     impl_skip_checked(length);
-    int const next = read_tag_check_type(prefix);
-    if (next == static_cast<int>(impl::kNibbleChunkEnd)) break;
-    if (next != static_cast<int>(impl::kNibbleNextChunk1) &&
-        next != static_cast<int>(impl::kNibbleNextChunk2)) {
-      throw_unexpected_tag(here(kFunction));
-    }
-    length = read_size(static_cast<unsigned>(next) - impl::kNibbleNextChunk1);
-  }
+  } while (read_next_chunk_header(prefix, length, kFunction));
   validator.finish();
   return InterfacePtr<IReadStream>(
-      zocore::make_ref_counted<BinaryStreamChunkedImpl>(list_, first, first_length, prefix));
+      zocore::make_ref_counted<BinaryStreamChunkedImpl>(list_, first, header.length, prefix));
 }
 
 InterfacePtr<IReadStream> MemoryReader::read_string_stream() {
@@ -379,24 +370,17 @@ void MemoryReader::read_binary_append_memory_list(MemoryListPtr const& list) {
     list->append_list(*list_, cursor_, length);
     advance(length);
   };
-  int const nibble = read_tag_check_type(kBinaryPrefix);
-  if (nibble <= static_cast<int>(impl::kNibbleLength4)) {
-    append_range(checked_calc_binary_block_size(nibble));
+  PayloadHeader const header = read_payload_header(kBinaryPrefix, kFunction);
+  if (!header.chunked) {
+    check_blob_length(header.length);
+    append_range(header.length);
     return;
   }
-  if (nibble > static_cast<int>(impl::kNibbleFirstChunk2)) throw_unexpected_tag(here(kFunction));
-  unsigned length = read_size(static_cast<unsigned>(nibble) - impl::kNibbleFirstChunk1);
-  for (;;) {
+  unsigned length = header.length;
+  do {
     if (length > remaining()) throw_eof_error(length, remaining());
     append_range(length);
-    int const next = read_tag_check_type(kBinaryPrefix);
-    if (next == static_cast<int>(impl::kNibbleChunkEnd)) return;
-    if (next != static_cast<int>(impl::kNibbleNextChunk1) &&
-        next != static_cast<int>(impl::kNibbleNextChunk2)) {
-      throw_unexpected_tag(here(kFunction));
-    }
-    length = read_size(static_cast<unsigned>(next) - impl::kNibbleNextChunk1);
-  }
+  } while (read_next_chunk_header(kBinaryPrefix, length, kFunction));
 }
 
 MemoryListPtr MemoryReader::read_binary_as_memory_list() {
@@ -407,48 +391,39 @@ MemoryListPtr MemoryReader::read_binary_as_memory_list() {
 
 // ---- Markers -------------------------------------------------------------------------------
 
-void MemoryReader::read_marker_start() {
+void MemoryReader::read_marker_start_slow() {
   unsigned const size = read_marker_start_tag();
-  if (size > remaining()) {
-    zocore::ErrorComposer(
-        "Invalid marker size or truncated stream: number of bytes remaining in stream is smaller "
-        "than size of marker.  Expected={@expected}, BytesRemaining={@remaining}")
-        .add("expected", size)
-        .add("remaining", remaining())
-        .throw_error(error::zoserialize_reader_data_size,
-                     here("zoserialize::MemoryReader::read_marker_start()"));
+  if (size > remaining()) [[unlikely]] {
+    throw_beyond_data(
+        "Invalid marker size or truncated stream: number of bytes remaining in "
+        "stream is smaller than size of marker.  Expected={@expected}, "
+        "BytesRemaining={@remaining}",
+        size, remaining(), "zoserialize::MemoryReader::read_marker_start()");
   }
   markers_.push_back({position(), size});
 }
 
 bool MemoryReader::read_marker_is_end() {
-  return marker_end_is_next(!markers_.empty(),
-                            here("zoserialize::MemoryReader::read_marker_is_end()"));
+  return marker_end_is_next(!markers_.empty(), "zoserialize::MemoryReader::read_marker_is_end()");
 }
 
-void MemoryReader::read_marker_end() {
+void MemoryReader::read_marker_end_slow() {
   static constexpr char kFunction[] = "zoserialize::MemoryReader::read_marker_end()";
-  if (!marker_end_is_next_or_fail(!markers_.empty(), here(kFunction))) {
+  bool sized = false;
+  if (!marker_end_is_next_or_fail(!markers_.empty(), kFunction)) {
     MarkerRecord const record = markers_.back();
-    if (record.size != 0) {
+    sized = record.size != 0;
+    if (sized) {
       std::uint64_t const end = std::uint64_t{record.start} + record.size;
-      if (position() > end) throw_marker_overrun(end, position(), here(kFunction));
-      if (end > size()) {
-        zocore::ErrorComposer("Remaining data no sufficient for expected size of marker")
-            .add("markerEndPos", static_cast<unsigned long long>(end))
-            .add("streamSize", size())
-            .throw_error(error::zoserialize_reader_eof, here(kFunction));
-      }
+      if (position() > end) throw_marker_overrun(end, position(), kFunction);
+      if (end > size()) throw_marker_beyond_data(end, size());
       // Unlike the stream reader, the skip goes to the end the marker declared, from wherever
       // the reader stands.
       advance(static_cast<unsigned>(end) - position());
-      if (peek_next_tag() != impl::kTagMarkerEnd) throw_inconsistent_marker_size(here(kFunction));
-    } else {
-      skip_to_marker_end_tag();
     }
   }
+  finish_marker_end(sized, kFunction);
   markers_.pop_back();
-  read_tag_check_type(kMarkerPrefix);
 }
 
 MemoryReader MemoryReader::read_memory_reader() {

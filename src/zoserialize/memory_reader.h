@@ -48,6 +48,7 @@ class ZOSERIALIZE_API MemoryReader final : public BinaryReaderBase {
   bool is_eof() const override;
   InterfacePtr<IReadStream> read_string_stream() override;
   InterfacePtr<IReadStream> read_binary() override;
+  // Inline for the unsized markers that writers produce; the rest is out of line.
   void read_marker_start() override;
   bool read_marker_is_end() override;
   void read_marker_end() override;
@@ -106,7 +107,10 @@ class ZOSERIALIZE_API MemoryReader final : public BinaryReaderBase {
   // end).
   void open_window() const noexcept;
   void advance(unsigned n);
-  unsigned checked_calc_binary_block_size(int nibble);
+  void read_marker_start_slow();
+  void read_marker_end_slow();
+  // A plain payload's length against the bytes that remain, before anything of it is read.
+  void check_blob_length(unsigned length) const;
   // Reads the tag and the plain length of a payload, or walks its chunks; returns the range.
   InterfacePtr<IReadStream> read_payload_stream(int prefix);
   void copy_state_from(MemoryReader const& other);
@@ -117,11 +121,31 @@ class ZOSERIALIZE_API MemoryReader final : public BinaryReaderBase {
   std::uint32_t start_ = 0;                      // range in the list
   std::uint32_t end_ = 0;
   std::vector<MarkerRecord> markers_;  // innermost last
+  // The last plain payload's stream, for reuse; not copied with the reader.
+  zocore::RefCountPtr<BinaryStreamImpl> spare_;
 
   friend ZOSERIALIZE_API std::ostream& operator<<(std::ostream& os, Trace const& trace);
   friend class MemoryReaderTestPeer;
 };
 
 ZOSERIALIZE_API std::ostream& operator<<(std::ostream& os, MemoryReader::Trace const& trace);
+
+inline void MemoryReader::read_marker_start() {
+  if (in_cur_ != in_end_ && *in_cur_ == impl::kTagMarkerStart) [[likely]] {
+    current_tag_ = *in_cur_++;
+    markers_.push_back({position(), 0});
+    return;
+  }
+  read_marker_start_slow();
+}
+
+inline void MemoryReader::read_marker_end() {
+  if (!markers_.empty() && in_cur_ != in_end_ && *in_cur_ == impl::kTagMarkerEnd) [[likely]] {
+    current_tag_ = *in_cur_++;
+    markers_.pop_back();
+    return;
+  }
+  read_marker_end_slow();
+}
 
 }  // namespace zoserialize

@@ -13,6 +13,11 @@ zocore::SourceLocation here(char const* function, unsigned line = __builtin_LINE
   return {function, kModuleId, line};
 }
 
+[[noreturn, gnu::cold]] void fail(zocore::ErrorCode const& code, char const* message,
+                                  char const* function) {
+  zocore::throw_error(code, message, here(function));
+}
+
 }  // namespace
 
 // The output window is the free room of the list's last chunk, open only while the writer is
@@ -41,9 +46,8 @@ MemoryWriter::~MemoryWriter() {
 }
 
 void MemoryWriter::throw_closed_error() {
-  zocore::throw_error(error::zoserialize_writer_closed,
-                      "Cannot write to MemoryWriter, it has already been closed",
-                      here("zoserialize::MemoryWriter::impl_write()"));
+  fail(error::zoserialize_writer_closed, "Cannot write to MemoryWriter, it has already been closed",
+       "zoserialize::MemoryWriter::impl_write()");
 }
 
 void MemoryWriter::sync_window() noexcept {
@@ -55,6 +59,7 @@ void MemoryWriter::sync_window() noexcept {
 }
 
 void MemoryWriter::drop_window() noexcept {
+  if (out_end_ == nullptr) return;  // no window: nothing to fold in
   sync_window();
   out_cur_ = out_end_ = window_start_ = nullptr;
 }
@@ -96,25 +101,24 @@ void MemoryWriter::clone_for_write_aux() {
 }
 
 void MemoryWriter::impl_write_byte(unsigned char byte) {
-  if (!list_ || closed_) throw_closed_error();
-  drop_window();
-  make_unique_for_write();
-  if (last_chunk_is_shared()) [[unlikely]] {
-    append_to_new_chunk(&byte, 1);
-  } else {
-    list_->push_back(static_cast<char>(byte));
-  }
-  open_window();
+  impl_write(&byte, 1);
 }
 
 void MemoryWriter::impl_write(void const* data, unsigned size) {
   if (!list_ || closed_) throw_closed_error();
   drop_window();
-  make_unique_for_write();
-  if (last_chunk_is_shared()) [[unlikely]] {
-    append_to_new_chunk(static_cast<unsigned char const*>(data), size);
-  } else {
-    list_->append(static_cast<char const*>(data), size);
+  try {
+    make_unique_for_write();
+    if (last_chunk_is_shared()) [[unlikely]] {
+      append_to_new_chunk(static_cast<unsigned char const*>(data), size);
+    } else {
+      list_->append(static_cast<char const*>(data), size);
+    }
+  } catch (...) {
+    // The list refused to grow (its size limit, or no memory) in the middle of an element: what
+    // it holds cannot be read back.
+    mark_output_failed();
+    throw;
   }
   open_window();
 }
@@ -138,9 +142,8 @@ void MemoryWriter::flush() {
 
 void MemoryWriter::close() {
   if (open_markers() != 0) {
-    zocore::throw_error(error::zoserialize_writer_marker_nesting,
-                        "Attempt to close writer that has open markers",
-                        here("zoserialize::MemoryWriter::close()"));
+    fail(error::zoserialize_writer_marker_nesting, "Attempt to close writer that has open markers",
+         "zoserialize::MemoryWriter::close()");
   }
   BinaryWriterBase::close();
   if (list_) drop_window();
@@ -155,9 +158,9 @@ MemoryListPtr MemoryWriter::close_and_detach_memory_list() {
 void MemoryWriter::clear() {
   finalize_previous_element();
   if (!is_complete()) {
-    zocore::throw_error(error::zoserialize_writer_incomplete,
-                        "Cannot clear writer when there are open sequences or markers",
-                        here("zoserialize::MemoryWriter::clear()"));
+    fail(error::zoserialize_writer_incomplete,
+         "Cannot clear writer when there are open sequences or markers",
+         "zoserialize::MemoryWriter::clear()");
   }
   if (!list_) {
     list_ = MemoryList::create();
@@ -179,15 +182,19 @@ MemoryListPtr MemoryWriter::memory_list() {
   return list_;
 }
 
-LinearReader MemoryWriter::create_raw_reader() {
-  finalize_previous_element();
+LinearReader MemoryWriter::create_raw_reader() const {
+  // Finishing the open value and folding the output window into the list leave the written
+  // content as it is. A writer defined const has neither (both need non-const calls), so
+  // nothing is written to it then.
+  auto& self = const_cast<MemoryWriter&>(*this);
+  self.finalize_previous_element();
   if (!is_complete()) {
-    zocore::throw_error(error::zoserialize_writer_incomplete,
-                        "Cannot create reader from a writer while it has open sequences or markers",
-                        here("zoserialize::MemoryWriter::create_raw_reader()"));
+    fail(error::zoserialize_writer_incomplete,
+         "Cannot create reader from a writer while it has open sequences or markers",
+         "zoserialize::MemoryWriter::create_raw_reader()");
   }
   if (!list_) return LinearReader();
-  drop_window();
+  self.drop_window();
   return list_->reader();
 }
 

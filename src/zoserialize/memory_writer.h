@@ -54,13 +54,15 @@ class ZOSERIALIZE_API MemoryWriter final : public BinaryWriterBase {
   // Fails when sequences or markers are open (nothing changes then); otherwise empties the list
   // (or, when it is shared, starts a new one) and reopens a closed writer.
   void clear();
-  bool is_complete() const noexcept { return scopes_.empty(); }
+  // True when no marker and no sequence is open.
+  using BinaryWriterBase::is_complete;
   // The list written so far (null once detached), shared with the caller: the writer copies it
   // before it writes again (copy-on-write), so the caller's list never changes. An open value
   // stream is not finished.
   MemoryListPtr memory_list();
-  // A sequential reader over the list; fails when sequences or markers are open.
-  LinearReader create_raw_reader();
+  // A sequential reader over the list; fails when sequences or markers are open. An open value
+  // stream is finished first: that changes nothing of what the writer has written.
+  LinearReader create_raw_reader() const;
   // A memory reader over what has been written (an open value stream is finished first).
   MemoryReader reader();
 

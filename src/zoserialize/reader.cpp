@@ -5,6 +5,7 @@
 #include <zocore/throw_error.h>
 #include <zocore/wide_string.h>
 #include <zoserialize/error_codes.h>
+#include <zoserialize/impl/integer_form.h>
 #include <zoserialize/reader.h>
 
 namespace zoserialize {
@@ -80,6 +81,18 @@ float Reader::read_float() {
                      here("zoserialize::Reader::read_float()"));
   }
   return static_cast<float>(value);
+}
+
+long long Reader::read_signed_image(unsigned size) {
+  unsigned char image[8];
+  read_int_big_endian(image, size);
+  return impl::load_signed(image, size);
+}
+
+unsigned long long Reader::read_unsigned_image(unsigned size) {
+  unsigned char image[8];
+  read_uint_big_endian(image, size);
+  return impl::load_unsigned(image, size);
 }
 
 StringKey Reader::read_string_key() {

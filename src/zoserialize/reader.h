@@ -152,17 +152,17 @@ class ZOSERIALIZE_API Reader {
   void swap(Reader&) noexcept {}
 
  private:
+  // The value of a big-endian image of `size` bytes (its type's width) from the core, extended
+  // to 64 bits.
+  long long read_signed_image(unsigned size);
+  unsigned long long read_unsigned_image(unsigned size);
   template <class T>
   T read_signed() {
-    unsigned char image[sizeof(T)];
-    read_int_big_endian(image, sizeof(T));
-    return impl::load_big_endian<T>(image);
+    return static_cast<T>(read_signed_image(sizeof(T)));
   }
   template <class T>
   T read_unsigned() {
-    unsigned char image[sizeof(T)];
-    read_uint_big_endian(image, sizeof(T));
-    return impl::load_big_endian<T>(image);
+    return static_cast<T>(read_unsigned_image(sizeof(T)));
   }
 };
 

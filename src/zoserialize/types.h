@@ -260,22 +260,16 @@ template <class V>
 // Reading a record asks before every field whether its marker ends. Through Reader& that is the
 // virtual read_marker_is_end(). Inside an open marker a binary reader answers it by the next tag
 // alone, which its input window usually holds: the check looks there first, inline, and asks the
-// reader only when the window is empty. The binary readers offer no public inline form of this,
-// so the window is reached through member pointers formed in a derived class, which the language
-// allows for protected members. It saves an out-of-line call per field, most of the layer's cost.
-struct BinaryReaderPeek : BinaryReaderBase {
-  static constexpr unsigned char const* BinaryReaderBase::*kCur = &BinaryReaderPeek::in_cur_;
-  static constexpr unsigned char const* BinaryReaderBase::*kEnd = &BinaryReaderPeek::in_end_;
-};
+// reader only when the window is empty. It saves an out-of-line call per field, most of the
+// layer's cost.
 
 // Inside a marker the reader has just opened: whether its end comes next.
 template <class R>
 [[gnu::always_inline]] inline bool marker_end_is_next(R& reader) {
   if constexpr (std::derived_from<R, BinaryReaderBase>) {
-    BinaryReaderBase const& binary = reader;
-    unsigned char const* const cur = binary.*BinaryReaderPeek::kCur;
-    if (cur != binary.*BinaryReaderPeek::kEnd) [[likely]]
-      return *cur == kTagMarkerEnd;
+    int const known = static_cast<BinaryReaderBase const&>(reader).peek_marker_end();
+    if (known >= 0) [[likely]]
+      return known != 0;
   }
   return reader.read_marker_is_end();
 }

@@ -5,6 +5,7 @@
 #include <zocore/error_composer.h>
 #include <zocore/wide_string.h>
 #include <zoserialize/error_codes.h>
+#include <zoserialize/impl/byte_order.h>
 #include <zoserialize/writer.h>
 
 namespace zoserialize {
@@ -28,6 +29,18 @@ void Writer::throw_too_large(std::size_t n) {
       "Value is too large to be written whole; write it through a stream.  Size={@size}")
       .add("size", static_cast<unsigned long long>(n))
       .throw_error(error::zoserialize_writer_data_range, here("zoserialize::Writer::size_of()"));
+}
+
+void Writer::write_signed_image(long long v, unsigned size) {
+  unsigned char image[8];
+  impl::store_big_endian(v, image);
+  write_int_big_endian(image + 8 - size, size);
+}
+
+void Writer::write_unsigned_image(unsigned long long v, unsigned size) {
+  unsigned char image[8];
+  impl::store_big_endian(v, image);
+  write_uint_big_endian(image + 8 - size, size);
 }
 
 Writer& Writer::operator<<(SourceLocation const& location) {

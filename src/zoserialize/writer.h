@@ -1,11 +1,9 @@
 // The abstract writing archive.
 #pragma once
 
-#include <cstdint>
 #include <cstring>
 #include <string>
 #include <string_view>
-#include <type_traits>
 
 #include <zocore/absolute_time.h>
 #include <zocore/relative_time.h>
@@ -29,40 +27,6 @@ using zocore::SourceString;
 using zocore::StringKey;
 using zocore::Uuid;
 using zocore::UuidKey;
-
-namespace impl {
-
-// Byte order helpers: big-endian images of integers, most significant byte first.
-template <class U>
-constexpr U byte_swap(U u) noexcept {
-  if constexpr (sizeof(U) == 1) {
-    return u;
-  } else if constexpr (sizeof(U) == 2) {
-    return static_cast<U>(__builtin_bswap16(static_cast<std::uint16_t>(u)));
-  } else if constexpr (sizeof(U) == 4) {
-    return static_cast<U>(__builtin_bswap32(static_cast<std::uint32_t>(u)));
-  } else {
-    static_assert(sizeof(U) == 8);
-    return static_cast<U>(__builtin_bswap64(static_cast<std::uint64_t>(u)));
-  }
-}
-
-template <class T>
-inline void store_big_endian(T value, unsigned char* out) noexcept {
-  using U = std::make_unsigned_t<T>;
-  U const be = byte_swap(static_cast<U>(value));
-  std::memcpy(out, &be, sizeof be);
-}
-
-template <class T>
-inline T load_big_endian(unsigned char const* in) noexcept {
-  using U = std::make_unsigned_t<T>;
-  U be;
-  std::memcpy(&be, in, sizeof be);
-  return static_cast<T>(byte_swap(be));
-}
-
-}  // namespace impl
 
 // Writer is the abstract writing archive. Its virtual core has one operation per element of the
 // data model; every concrete format (binary, memory, text, XML, trace, hashing) implements that
@@ -196,17 +160,16 @@ class ZOSERIALIZE_API Writer {
   [[noreturn]] static void throw_too_large(std::size_t n);
 
  private:
+  // The value as a big-endian image of `size` bytes (its type's width), to the core.
+  void write_signed_image(long long v, unsigned size);
+  void write_unsigned_image(unsigned long long v, unsigned size);
   template <class T>
   void write_signed(T v) {
-    unsigned char image[sizeof(T)];
-    impl::store_big_endian(v, image);
-    write_int_big_endian(image, sizeof(T));
+    write_signed_image(v, sizeof(T));
   }
   template <class T>
   void write_unsigned(T v) {
-    unsigned char image[sizeof(T)];
-    impl::store_big_endian(v, image);
-    write_uint_big_endian(image, sizeof(T));
+    write_unsigned_image(v, sizeof(T));
   }
 };
 

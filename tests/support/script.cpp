@@ -12,7 +12,6 @@
 namespace zotest {
 namespace {
 
-using zoserialize::InterfacePtr;
 using zoserialize::IReadStream;
 using zoserialize::Reader;
 using zoserialize::Writer;
@@ -224,18 +223,13 @@ void write_common(Writer& w, ScriptOp const& op) {
     default:
       break;
   }
-  switch (op.form) {
-    case EForm::kWhole:
-      return is_string ? w.write_string(op.data.data(), size)
-                       : w.write_binary(op.data.data(), size);
-    case EForm::kKnownSource:
-    case EForm::kUnknownSource: {
-      ByteSource source(op.data);
-      if (op.form == EForm::kUnknownSource) source.unknown_size();
-      return is_string ? w.write_string_stream(source) : w.write_binary(source);
-    }
-    case EForm::kPieces:
-      break;
+  if (op.form == EForm::kWhole) {
+    return is_string ? w.write_string(op.data.data(), size) : w.write_binary(op.data.data(), size);
+  }
+  if (op.form != EForm::kPieces) {
+    ByteSource source(op.data);
+    if (op.form == EForm::kUnknownSource) source.unknown_size();
+    return is_string ? w.write_string_stream(source) : w.write_binary(source);
   }
   auto const stream = is_string ? w.write_string_stream() : w.write_binary();
   std::size_t at = 0;
@@ -248,39 +242,25 @@ void write_common(Writer& w, ScriptOp const& op) {
   if (op.finish == 'f') w.flush();
 }
 
-void check_binary(IReadStream& stream, ScriptOp const& op) {
-  if (!op.has_value) return static_cast<void>(read_all(stream));
-  // The size, where the format knows it up front.
-  unsigned const remaining = stream.bytes_remaining();
-  if (remaining != IReadStream::kUnknownSize) check(remaining, unsigned(op.data.size()), op);
-  std::string const got = read_odd(stream);
-  if (got != op.data) ADD_FAILURE() << "token " << op.token.substr(0, 40) << ": " << got.size();
-}
-
-void check_image(std::string const& got, ScriptOp const& op) {
-  check(hex(got), hex(op.expect), op);
-}
-
-void check_double(double got, ScriptOp const& op) {
+void check_bits(double got, ScriptOp const& op) {
   if (op.has_value)
     check(std::bit_cast<std::uint64_t>(got), std::bit_cast<std::uint64_t>(op.real), op);
 }
 
-EToken token_of(char kind) {
+Reader::EToken token_of(char kind) {
   static constexpr std::string_view kKinds[] = {"",  "nN", "TF", "iI", "uU", "df", "s$", "a",
                                                 "r", "g",  "w",  "[",  ",",  "]",  "{",  "}"};
   for (std::size_t i = 0; i < std::size(kKinds); ++i) {
-    if (kKinds[i].find(kind) != std::string_view::npos) return static_cast<EToken>(i);
+    if (kKinds[i].find(kind) != std::string_view::npos) return static_cast<Reader::EToken>(i);
   }
-  return EToken::Unknown;
+  return Reader::EToken::Unknown;
 }
 
 bool starts_element(char kind) {
   return std::string_view("nNTFiuIUdfs$wagr[{").find(kind) != std::string_view::npos;
 }
 
-bool run_common(Reader& r, ScriptOp const& op, InterfacePtr<IReadStream>& stream) {
-  std::string buffer(op.kind == '.' ? static_cast<std::size_t>(op.value) : 0, '\0');
+bool read_common(Reader& r, ScriptOp const& op, Stream& stream) {
   switch (op.kind) {
     case 'n':
       return r.read_null(), true;
@@ -288,8 +268,15 @@ bool run_common(Reader& r, ScriptOp const& op, InterfacePtr<IReadStream>& stream
       return r.try_read_null(), true;
     case 'b':
       return r.read_bool(), true;
-    case 'w':
-      return check_binary(*r.read_binary(), op), true;
+    case 'w': {
+      Stream const binary = r.read_binary();
+      if (!op.has_value) return read_all(*binary), true;
+      // The size, where the format knows it up front.
+      unsigned const remaining = binary->bytes_remaining();
+      if (remaining != IReadStream::kUnknownSize) check(remaining, unsigned(op.data.size()), op);
+      if (read_odd(*binary) != op.data) ADD_FAILURE() << "token " << op.token.substr(0, 40);
+      return true;
+    }
     case '$': {
       zoserialize::SourceString got;
       r >> got;
@@ -297,11 +284,12 @@ bool run_common(Reader& r, ScriptOp const& op, InterfacePtr<IReadStream>& stream
       return true;
     }
     case 'a':
-      if (auto const got = r.read_absolute_time().count(); op.has_value) check(got, op.value, op);
+    case 'r': {
+      auto const got =
+          (op.kind == 'a' ? r.read_absolute_time().count() : r.read_relative_time().count());
+      if (op.has_value) check(got, op.value, op);
       return true;
-    case 'r':
-      if (auto const got = r.read_relative_time().count(); op.has_value) check(got, op.value, op);
-      return true;
+    }
     case 'g': {
       zoserialize::Uuid got;
       r >> got;
@@ -316,7 +304,7 @@ bool run_common(Reader& r, ScriptOp const& op, InterfacePtr<IReadStream>& stream
       auto const size = static_cast<unsigned>(got.size());
       op.kind == 'I' ? r.read_int_big_endian(got.data(), size)
                      : r.read_uint_big_endian(got.data(), size);
-      return check_image(got, op), true;
+      return check(hex(got), hex(op.expect), op), true;
     }
     case '[':
       if (unsigned const hint = r.read_sequence_start(); op.has_value)
@@ -347,10 +335,10 @@ bool run_common(Reader& r, ScriptOp const& op, InterfacePtr<IReadStream>& stream
       return r.read_copy(writer), true;
     }
     case 'S':
-      return stream = r.read_string_stream(), true;
     case 'B':
-      return stream = r.read_binary(), true;
+      return stream = op.kind == 'S' ? r.read_string_stream() : r.read_binary(), true;
     case '.': {
+      std::string buffer(static_cast<std::size_t>(op.value), '\0');
       auto const n = static_cast<unsigned>(buffer.size());
       if (op.width == 'r') stream->read(buffer.data(), n);
       if (op.width == 'x') stream->skip(n);
@@ -367,8 +355,7 @@ bool run_common(Reader& r, ScriptOp const& op, InterfacePtr<IReadStream>& stream
 
 namespace {
 
-void run_op(Reader& r, ScriptOp const& op, InterfacePtr<IReadStream>& stream,
-            ScriptExtension const& extension) {
+void run_op(Reader& r, ScriptOp const& op, Stream& stream, ScriptExtension const& extension) {
   if (op.must_fail) {
     ScriptOp plain = op;
     plain.must_fail = false;
@@ -376,38 +363,26 @@ void run_op(Reader& r, ScriptOp const& op, InterfacePtr<IReadStream>& stream,
     return;
   }
   if (extension && extension(r, op)) return;
-  script_detail::read_element(r, op, stream);
+  script_detail::read_op(r, op, stream);
 }
 
 }  // namespace
 
-void run_ops(Reader& reader, Script const& script, ScriptExtension const& extension) {
-  InterfacePtr<IReadStream> stream;
-  for (ScriptOp const& op : script)
-    run_op(reader, op, stream, extension);
-}
-
 void run_ops(Reader& reader, std::string_view script, ScriptExtension const& extension) {
-  run_ops(reader, parse_script(script), extension);
+  Stream stream;
+  for (ScriptOp const& op : parse_script(script))
+    run_op(reader, op, stream, extension);
 }
 
 void expect_failure(Reader& reader, std::string_view ops, Failure const& f,
                     ScriptExtension const& extension) {
   SCOPED_TRACE(ops);
   Script const script = parse_script(ops);
-  InterfacePtr<IReadStream> stream;
+  Stream stream;
   for (std::size_t i = 0; i + 1 < script.size(); ++i)
     run_op(reader, script[i], stream, extension);
   expect_error_details([&] { run_op(reader, script.back(), stream, extension); }, *f.code,
                        f.message, f.params, f.function);
-}
-
-void expect_failure(ReaderFailure const& row, MakeReader const& make,
-                    ScriptExtension const& extension) {
-  SCOPED_TRACE(row.bytes);
-  bool const known = row.bytes[0] != '?';
-  std::unique_ptr<Reader> const reader = make(unhex(row.bytes + (known ? 0 : 1)), known);
-  expect_failure(*reader, row.ops, {row.code, row.message, row.params, row.function}, extension);
 }
 
 void expect_error_details(std::function<void()> const& fn, zocore::ErrorCode const& code,

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <zoserialize/binary_encoding.h>
+#include <zoserialize/impl/binary_encoding.h>
 
 namespace {
 

@@ -11,6 +11,7 @@
 #include <support/formats.h>
 #include <support/golden.h>
 #include <support/hex_bytes.h>
+#include <support/random_document.h>
 #include <zocore/core_errors.h>
 #include <zoserialize/error_codes.h>
 
@@ -180,6 +181,33 @@ INSTANTIATE_TEST_SUITE_P(Rows, GoldenTest, ::testing::ValuesIn(golden_cases()),
                                   (p.param.path == EPath::kConcrete ? "_Concrete_" : "_") +
                                   p.param.row->name;
                          });
+
+// Random documents nesting the golden rows: written by the writers of every format, read back by
+// each of its readers, skipped and copied (to the very same bytes), and equal to the document in
+// every other format (formats that share a column write the same bytes).
+TEST(GoldenTest, RandomDocumentsRoundTripInEveryFormat) {
+  for (std::uint64_t seed = 1; seed <= 30; ++seed) {
+    SCOPED_TRACE(::testing::Message() << "seed " << seed);
+    std::vector<std::string> renderings;
+    for (Format const& f : zotest::formats()) {
+      std::size_t top = 0;
+      std::string const bytes = f.writers[seed % f.writers.size()].second([&](Writer& w) {
+        top = zotest::RandomDocument(seed).write(w, [] { return std::size_t{0}; }).size();
+      });
+      for (auto const& [name, read] : f.readers)
+        zotest::RandomDocument(seed).read(*read(bytes));
+      EXPECT_EQ(skip_all(*f.read(bytes)), top);
+      std::string const copy = f.write([&](Writer& w) { f.read(bytes)->read_copy_all(w); });
+      EXPECT_TRUE(copy == bytes) << f.name << ": the copy differs";
+      for (std::size_t i = 0; i < renderings.size(); ++i) {
+        Format const& other = zotest::formats()[i];
+        EXPECT_TRUE(Reader::read_compare_equal_all(*other.read(renderings[i]), *f.read(bytes)));
+        EXPECT_TRUE(other.column != f.column || renderings[i] == bytes) << other.name << f.name;
+      }
+      renderings.push_back(bytes);
+    }
+  }
+}
 
 // A column names every row, and only rows that exist (or its own read-only ones).
 TEST(GoldenColumnTest, EveryColumnCoversExactlyTheRows) {

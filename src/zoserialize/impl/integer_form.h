@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include <zoserialize/writer.h>
+#include <zoserialize/impl/byte_order.h>
 
 namespace zoserialize::impl {
 

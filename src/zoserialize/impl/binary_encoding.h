@@ -1,4 +1,5 @@
-// Definitions of the tagged binary encoding shared by the binary and memory archives.
+// Definitions of the tagged binary encoding shared by the binary and memory archives. Installed
+// only because the inline front ends of the binary archives use its tag values.
 //
 // Every element is one tag byte followed by a payload whose length the tag determines. The high
 // nibble of the tag is the type prefix, the low nibble its value. All multi-byte numbers are

@@ -1,4 +1,4 @@
-#include <zoserialize/binary_encoding.h>
+#include <zoserialize/impl/binary_encoding.h>
 
 namespace zoserialize::impl {
 
