@@ -7,6 +7,8 @@
 #include <zoserialize/binary_writer.h>
 #include <zoserialize/text_reader.h>
 #include <zoserialize/trace_writer.h>
+#include <zoserialize/xml_reader.h>
+#include <zoserialize/xml_writer.h>
 
 #include "detect.h"
 #include "errors.h"
@@ -40,6 +42,15 @@ std::string text_place(Reader&, zocore::ErrorInfo const& failure) {
   return line_place(failure);
 }
 
+std::unique_ptr<Reader> xml_reader(zocore::InterfacePtr<zocore::IReadStream> source) {
+  return std::make_unique<zoserialize::XmlReader>(std::move(source));
+}
+// One line: no indentation and no line breaks at all.
+std::unique_ptr<Writer> xml_writer(Output& output, WriterOptions const& options) {
+  return std::make_unique<zoserialize::XmlWriter>(output.ostream(), options.xml_indent.c_str(),
+                                                  options.xml_one_line ? "" : "\n");
+}
+
 std::unique_ptr<Writer> trace_writer(Output& output, WriterOptions const& options) {
   return std::make_unique<zoserialize::TraceWriter>(output.ostream(), "", "  ",
                                                     options.max_elements, options.max_depth);
@@ -61,9 +72,8 @@ constexpr Format kFormats[] = {
                 &probe_text,   &text_reader,   &text_writer,   &text_place,   {},
                 true, true, "\n"},
     {"xml", ".xml", "the XML document",
-                &probe_xml,    nullptr,        nullptr,        &text_place,
-                "the XML archives are not part of the library yet",
-                true, true},
+                &probe_xml,    &xml_reader,    &xml_writer,    &text_place,   {},
+                true, true, "\n"},
     {"trace", {}, "the indented trace of dump (write-only)",
                 nullptr,       nullptr,        &trace_writer,  nullptr,       {},
                 false, true},

@@ -41,7 +41,12 @@
 #include <zoserialize/memory_reader.h>
 #include <zoserialize/memory_writer.h>
 #include <zoserialize/reader.h>
+#include <zoserialize/string_ostream.h>
+#include <zoserialize/text_reader.h>
+#include <zoserialize/text_writer.h>
 #include <zoserialize/writer.h>
+#include <zoserialize/xml_reader.h>
+#include <zoserialize/xml_writer.h>
 
 // How a type travels (docs/types.md has the full list and the rules of evolution):
 //
@@ -1136,6 +1141,36 @@ std::string to_binary(T const& value) {
 template <class T>
 T from_binary(std::string_view bytes) {
   return from_bytes<T, BinaryReader>(bytes);
+}
+
+// The text format (docs/text-format.md), with the writer's default options.
+template <class T>
+std::string to_text(T const& value) {
+  return to_bytes<TextWriter>(value);
+}
+template <class T>
+T from_text(std::string_view text) {
+  return from_bytes<T, TextReader>(text);
+}
+
+// The XML document (docs/xml-format.md); the layout strings are XmlWriter's (null: none, the
+// whole document on one line).
+template <class T>
+std::string to_xml(T const& value, char const* indent_unit = nullptr,
+                   char const* line_prefix = nullptr) {
+  auto sink = zocore::make_ref_counted<zocore::StringWriteStream>();
+  StringOStream os{InterfacePtr<IWriteStream>(sink)};
+  {
+    XmlWriter writer(os, indent_unit, line_prefix);
+    write_value(writer, value);
+    writer.close();
+  }
+  os.close();
+  return sink->take();
+}
+template <class T>
+T from_xml(std::string_view document) {
+  return from_bytes<T, XmlReader>(document);
 }
 
 // The binary encoding in a memory list, whose chunks the result owns.

@@ -18,7 +18,7 @@ foreach(header zocore/ref_count_ptr.h zoserialize/writer.h zoserialize/binary_re
                zoserialize/error_codes.h zoserialize/marshal_uri.h zouri/uri.h
                zomoduleregistry/module_registry.h zoserialize/trace_writer.h
                zoserialize/hashing_reader_adapter.h zoserialize/hashing_writer_adapter.h
-               zodigest/digest_sink.h)
+               zodigest/digest_sink.h zoserialize/xml_reader.h zoserialize/xml_writer.h)
   if(NOT EXISTS ${prefix}/include/${header})
     message(FATAL_ERROR "installed header missing: ${header}")
   endif()

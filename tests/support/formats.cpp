@@ -9,13 +9,18 @@
 #include <support/memory_lists.h>
 #include <support/test_streams.h>
 #include <support/text_golden.h>
+#include <support/xml_golden.h>
 #include <zocore/memory_stream.h>
 #include <zoserialize/binary_reader.h>
 #include <zoserialize/binary_writer.h>
 #include <zoserialize/memory_reader.h>
 #include <zoserialize/memory_writer.h>
+#include <zoserialize/string_ostream.h>
 #include <zoserialize/text_reader.h>
 #include <zoserialize/text_writer.h>
+#include <zoserialize/xml_reader.h>
+#include <zoserialize/xml_writer.h>
+#include <zoxml/reader.h>
 
 namespace zotest {
 namespace {
@@ -214,10 +219,75 @@ Format text_format() {
   return f;
 }
 
+// The XML archives: the writer with both layout strings empty over an ostringstream, one that
+// throws, and the standard-stream adapter over a core stream; the reader through each of its
+// constructors, with parser blocks that cut every token.
+Format::WriteFn xml_writer(int target) {
+  return [target](WriteBody const& fn) {
+    auto const sink = zocore::make_ref_counted<zocore::StringWriteStream>();
+    std::ostringstream os;
+    if (target == 1) os.exceptions(std::ios::badbit | std::ios::failbit);
+    {
+      zoserialize::StringOStream adapter{zocore::InterfacePtr<zocore::IWriteStream>(sink)};
+      zoserialize::XmlWriter writer(target == 2 ? static_cast<std::ostream&>(adapter) : os, "", "");
+      fn(writer);
+      writer.close();
+    }
+    return target == 2 ? sink->take() : os.str();
+  };
+}
+
+Format::ReadFn xml_stream_reader(unsigned block) {
+  return [block](std::string bytes) {
+    auto const source = zocore::make_ref_counted<ByteSource>(std::move(bytes));
+    return owning(
+        "",
+        [&](std::string const&) {
+          return std::make_unique<zoserialize::XmlReader>(
+              zocore::InterfacePtr<zocore::IReadStream>(source), block);
+        },
+        [source] { EXPECT_EQ(source->calls_after_end(), 0u) << "source asked after its end"; });
+  };
+}
+
+Format xml_format() {
+  Format f = make_format<zoserialize::XmlWriter, zoserialize::XmlReader>(
+      "Xml", xml_writer(0), [](std::string bytes) {
+        return owning(std::move(bytes), [](std::string const& kept) {
+          return std::make_unique<zoserialize::XmlReader>(zocore::InterfacePtr<zocore::IReadStream>(
+              zocore::make_ref_counted<zocore::MemoryReadStream>(kept)));
+        });
+      });
+  f.column = &xml_column();
+  f.writers.emplace_back("OstreamThrowing", xml_writer(1));
+  f.writers.emplace_back("StringOStream", xml_writer(2));
+  for (unsigned block : {1u, 7u, 4096u})
+    f.readers.emplace_back("Block" + std::to_string(block), xml_stream_reader(block));
+  f.readers.emplace_back("Istream", [](std::string bytes) {
+    auto in = std::make_shared<std::istringstream>(std::move(bytes));
+    return owning(
+        "", [&](std::string const&) { return std::make_unique<zoserialize::XmlReader>(*in, 5); },
+        [in] {});
+  });
+  // The constructor over a parser of the caller's (the library's internal parser, linked here).
+  f.readers.emplace_back("Parser", [](std::string bytes) {
+    auto in = std::make_shared<std::istringstream>(std::move(bytes));
+    auto parser = std::make_shared<zoxml::XmlReader>(*in, "", 3);
+    return owning(
+        "", [&](std::string const&) { return std::make_unique<zoserialize::XmlReader>(*parser); },
+        [in, parser] {});
+  });
+  f.read_with_seam = [](std::string bytes, std::size_t seam) {
+    return xml_stream_reader(seam == 0 ? 1 : static_cast<unsigned>(seam))(std::move(bytes));
+  };
+  return f;
+}
+
 }  // namespace
 
 std::vector<Format> const& formats() {
-  static std::vector<Format> const all = {binary_format(), memory_format(), text_format()};
+  static std::vector<Format> const all = {binary_format(), memory_format(), text_format(),
+                                          xml_format()};
   return all;
 }
 

@@ -68,13 +68,16 @@ std::vector<std::size_t> cuts_of(std::size_t size) {
   return cuts;
 }
 
-// Runs `fn`; returns what it raised unless that is an archive's or the UTF-8 checker's failure.
+// Runs `fn`; returns what it raised unless that is an archive's, the XML parser's (whose failures
+// pass through the XML reader) or the UTF-8 checker's failure.
 std::string foreign_failure(std::function<void()> const& fn) {
+  static zocore::ErrorCode const xml_parser("error.zoxml", true);
   try {
     fn();
   } catch (zocore::ErrorException const& e) {
     auto const& code = e.info()->code();
-    if (!code.is_a(zoserialize::error::zoserialize) && code != zocore::error::zocore_utf8)
+    if (!code.is_a(zoserialize::error::zoserialize) && !code.is_a(xml_parser) &&
+        code != zocore::error::zocore_utf8)
       return e.what();
   }
   return "";

@@ -2,6 +2,8 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -9,6 +11,7 @@
 #include <support/error_matchers.h>
 #include <support/formats.h>
 #include <support/random_document.h>
+#include <support/script.h>
 #include <support/scripted_reader.h>
 #include <zocore/memory_stream.h>
 #include <zoserialize/error_codes.h>
@@ -21,14 +24,6 @@ namespace {
 using zocore::make_ref_counted;
 using zocore::StringWriteStream;
 using EToken = Reader::EToken;
-
-std::string read_all(IReadStream& s) {
-  std::string out;
-  char block[1000];
-  for (unsigned n; (n = s.read(block, sizeof block)) != 0;)
-    out.append(block, n);
-  return out;
-}
 
 // Reads every element through the adapter, choosing at random how: payloads whole, in pieces
 // (reads and skips), partly or not at all; elements skipped; markers left early, possibly with a
@@ -90,7 +85,7 @@ class Walker {
       return;
     }
     InterfacePtr<IReadStream> const s = is_string ? r_.read_string_stream() : r_.read_binary();
-    if (form == 0) read_all(*s);
+    if (form == 0) zotest::read_all(*s);
     // In pieces, reading or skipping, to the end (1) or part of the way (2).
     char block[700];
     for (unsigned k = 0; form == 1 || (form == 2 && k < 3); ++k) {
@@ -192,33 +187,27 @@ TEST(HashingReaderAdapter, InlineFrontEnd) {
                                   << -5L << 6UL << (-1LL << 40) << ~0ULL << -2.5 << "str";
     adapter.close();
   });
-  bool b = false;
-  char c = 0;
-  signed char sc = 0;
-  unsigned char uc = 0;
-  short s = 0;
-  unsigned short us = 0;
-  int i = 0;
-  unsigned u = 0;
-  long l = 0;
-  unsigned long ul = 0;
-  long long ll = 0;
-  unsigned long long ull = 0;
-  double d = 0;
-  std::string str;
+  std::tuple<bool, char, signed char, unsigned char, short, unsigned short, int, unsigned, long,
+             unsigned long, long long, unsigned long long, double, std::string>
+      values;
   auto sink = make_ref_counted<StringWriteStream>();
   std::shared_ptr<Reader> const wrapped = zotest::formats().front().read(archive);
   HashingReaderAdapter adapter(*wrapped, sink);
-  adapter >> b >> c >> sc >> uc >> s >> us >> i >> u >> l >> ul >> ll >> ull >> d >> str;
+  std::apply([&](auto&... value) { (adapter >> ... >> value); }, values);
   adapter.close();
   EXPECT_EQ(sink->str(), written->str());
-  std::ostringstream values;
-  values << b << ' ' << int(c) << ' ' << int(sc) << ' ' << int(uc) << ' ' << s << ' ' << us << ' '
-         << i << ' ' << u << ' ' << l << ' ' << ul << ' ' << ll << ' ' << ull << ' ' << d << ' '
-         << str;
-  EXPECT_EQ(values.str(),
+  std::ostringstream out;
+  auto const shown = [](auto const& v) {  // characters as numbers
+    if constexpr (std::is_arithmetic_v<std::decay_t<decltype(v)>>) {
+      return +v;
+    } else {
+      return v;
+    }
+  };
+  std::apply([&](auto const&... value) { ((out << shown(value) << ' '), ...); }, values);
+  EXPECT_EQ(out.str(),
             "1 -3 -2 200 -300 60000 -70000 4000000000 -5 6 -1099511627776 18446744073709551615 "
-            "-2.5 str");
+            "-2.5 str ");
 }
 
 TEST(HashingReaderAdapter, ClosedAdapterRefusesEveryOperation) {

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <memory>
 #include <random>
 #include <sstream>
@@ -7,15 +8,13 @@
 #include <gtest/gtest.h>
 
 #include <support/error_matchers.h>
+#include <support/formats.h>
 #include <support/random_document.h>
 #include <support/script.h>
 #include <support/test_streams.h>
 #include <support/text_golden.h>
 #include <zocore/core_errors.h>
-#include <zocore/memory_stream.h>
 #include <zocore/ref_count_ptr.h>
-#include <zoserialize/binary_reader.h>
-#include <zoserialize/binary_writer.h>
 #include <zoserialize/error_codes.h>
 #include <zoserialize/text_reader.h>
 #include <zoserialize/text_writer.h>
@@ -32,62 +31,20 @@ using zoserialize::TextWriter;
 using zoserialize::Writer;
 using EToken = Reader::EToken;
 
-// Every way to give a reader its text: in place (two constructors), and through each kind of
-// stream source with read-ahead buffers small enough that every token straddles a refill.
-struct SourceKind {
-  enum EKind { kChars, kString, kIstream, kReadStream } kind;
-  unsigned buffer;
-};
-
-constexpr SourceKind kSources[] = {
-    {SourceKind::kChars, 0},      {SourceKind::kString, 0},        {SourceKind::kIstream, 1},
-    {SourceKind::kIstream, 7},    {SourceKind::kIstream, 4096},    {SourceKind::kReadStream, 1},
-    {SourceKind::kReadStream, 3}, {SourceKind::kReadStream, 4096},
-};
-
-// A reader with everything it reads from.
-struct Opened {
-  std::string text;
-  std::istringstream in;
-  std::unique_ptr<TextReader> reader;
-};
-
-std::unique_ptr<Opened> open(std::string text, SourceKind source = {SourceKind::kChars, 0}) {
-  auto o = std::make_unique<Opened>();
-  o->text = std::move(text);
-  switch (source.kind) {
-    case SourceKind::kChars:
-      o->reader =
-          std::make_unique<TextReader>(o->text.data(), static_cast<unsigned>(o->text.size()));
-      break;
-    case SourceKind::kString:
-      o->reader = std::make_unique<TextReader>(&o->text);
-      break;
-    case SourceKind::kIstream:
-      o->in.str(o->text);
-      o->reader = std::make_unique<TextReader>(o->in, source.buffer);
-      break;
-    case SourceKind::kReadStream:
-      o->reader = std::make_unique<TextReader>(
-          InterfacePtr<IReadStream>(make_ref_counted<zocore::MemoryReadStream>(o->text)),
-          source.buffer);
-      break;
-  }
-  return o;
+// The text format's readers: in place (two constructors), and through an istream and stream
+// sources with read-ahead buffers small enough that every token straddles a refill.
+zotest::Format const& text_format() {
+  static zotest::Format const& format =
+      *std::ranges::find(zotest::formats(), "Text", &zotest::Format::name);
+  return format;
 }
-
-std::string binary_of(std::function<void(Writer&)> const& write) {
-  auto sink = make_ref_counted<zocore::StringWriteStream>();
-  zoserialize::BinaryWriter writer(sink);
-  write(writer);
-  writer.close();
-  return sink->take();
+zotest::Format const& binary_format() {
+  return zotest::formats().front();
 }
-
-std::unique_ptr<zoserialize::BinaryReader> binary_reader(std::string const& bytes) {
-  return std::make_unique<zoserialize::BinaryReader>(
-      make_ref_counted<zocore::MemoryReadStream>(bytes));
+std::shared_ptr<Reader> open(std::string text, std::size_t reader = 0) {
+  return text_format().readers.at(reader).second(std::move(text));
 }
+constexpr std::size_t kByteAtATime = 2;  // "Stream1"
 
 std::string text_of(std::function<void(Writer&)> const& write,
                     TextWriter::Options const& options = TextWriter::Options()) {
@@ -118,7 +75,7 @@ TEST(TextReaderTest, LineBreaksAnywhereReadTheSame) {
   for (std::string const& text : column_texts()) {
     std::string want;
     try {
-      want = copied(*open(text)->reader);
+      want = copied(*open(text));
     } catch (zocore::ErrorException const&) {
       continue;  // a row that copying refuses (a string that is not UTF-8)
     }
@@ -127,13 +84,13 @@ TEST(TextReaderTest, LineBreaksAnywhereReadTheSame) {
     for (std::size_t at = 0; at <= text.size(); at += step) {
       std::string broken = text;
       broken.insert(at, at % 2 == 0 ? "\n" : "\r\n");
-      EXPECT_EQ(copied(*open(broken)->reader), want) << text.substr(0, 40) << " broken at " << at;
+      EXPECT_EQ(copied(*open(broken)), want) << text.substr(0, 40) << " broken at " << at;
     }
     if (text.size() > 600) continue;
     std::string every = "\r\n";
     for (char const c : text)
       every += std::string(1, c) + "\n";
-    EXPECT_EQ(copied(*open(every, {SourceKind::kReadStream, 2})->reader), want) << text;
+    EXPECT_EQ(copied(*open(every, kByteAtATime)), want) << text;
   }
 }
 
@@ -162,13 +119,12 @@ TEST(TextReaderTest, ReadsTheLongerForms) {
            {"\r\n{\n(\r\n2+1\n2,\"a~\r\n20\"\n)\n}\n", "{ [2 i12 , s%6120 ] }"},
        }) {
     zotest::Script const parsed = zotest::parse_script(script);
-    for (SourceKind const source : kSources) {
-      auto o = open(text, source);
-      zotest::read_script(*o->reader, parsed);
-      EXPECT_TRUE(o->reader->is_eof()) << text;
+    for (auto const& [name, read] : text_format().readers) {
+      auto const reader = read(text);
+      zotest::read_script(*reader, parsed);
+      EXPECT_TRUE(reader->is_eof()) << text << " " << name;
     }
-    EXPECT_EQ(copied(*open(text)->reader),
-              text_of([&](Writer& w) { zotest::write_script(w, parsed); }));
+    EXPECT_EQ(copied(*open(text)), text_of([&](Writer& w) { zotest::write_script(w, parsed); }));
   }
 }
 
@@ -185,26 +141,27 @@ TEST(TextReaderTest, TokensOfTags) {
     EXPECT_EQ(TextReader::token_from_tag(static_cast<char>(c)), want) << c;
   }
   EXPECT_EQ(TextReader::token_from_tag(0), EToken::Unknown);
-  auto o = open("\n\r\nZ\n");
-  EXPECT_EQ(o->reader->next_token(), EToken::Null);
-  EXPECT_TRUE(o->reader->try_read_null());
-  EXPECT_FALSE(o->reader->try_read_null());
-  EXPECT_EQ(o->reader->next_token(), EToken::Eof);
-  EXPECT_TRUE(o->reader->is_eof());
+  auto const reader = open("\n\r\nZ\n");
+  EXPECT_EQ(reader->next_token(), EToken::Null);
+  EXPECT_TRUE(reader->try_read_null());
+  EXPECT_FALSE(reader->try_read_null());
+  EXPECT_EQ(reader->next_token(), EToken::Eof);
+  EXPECT_TRUE(reader->is_eof());
 }
+
+constexpr char kSigned[] =
+    "Number of bits required to represent marshaled signed number exceeds expected number of "
+    "bits.  Expected={@expectedBits}bits, Actual={@actualBits}bits";
+constexpr char kUnsigned[] =
+    "Number of bits required to represent marshaled unsigned number exceeds expected number of "
+    "bits.  Expected={@expectedBits}bits, Actual={@actualBits}bits";
 
 // Typed reads take what fits their width and refuse the rest.
 TEST(TextReaderTest, IntegersFitTheWidthAsked) {
-  constexpr char kSigned[] =
-      "Number of bits required to represent marshaled signed number exceeds expected number of "
-      "bits.  Expected={@expectedBits}bits, Actual={@actualBits}bits";
-  constexpr char kUnsigned[] =
-      "Number of bits required to represent marshaled unsigned number exceeds expected number of "
-      "bits.  Expected={@expectedBits}bits, Actual={@actualBits}bits";
-  auto o = open(
+  auto reader = open(
       "I0ffffffIf000000+127-128+128U255U256+9223372036854775807-9223372036854775808"
       "+9223372036854775808X10000000000000000Xffffffffffffffff");
-  Reader& r = *o->reader;
+  Reader& r = *reader;
   auto const bits = [](zotest::ErrorPtr const& info) {
     return zotest::param(info, "expectedBits") + "/" + zotest::param(info, "actualBits");
   };
@@ -230,11 +187,11 @@ TEST(TextReaderTest, IntegersFitTheWidthAsked) {
       "64/72");
   EXPECT_EQ(r.read_uint64(), UINT64_MAX);
   // Zero bytes hold 0 and, signed, -1.
-  o = open("+-1+5");
+  reader = open("+-1+5");
   unsigned char none[1];
-  o->reader->read_int_big_endian(none, 0);
-  o->reader->read_int_big_endian(none, 0);
-  EXPECT_EQ(bits(ZO_EXPECT_ERROR(o->reader->read_int_big_endian(none, 0),
+  reader->read_int_big_endian(none, 0);
+  reader->read_int_big_endian(none, 0);
+  EXPECT_EQ(bits(ZO_EXPECT_ERROR(reader->read_int_big_endian(none, 0),
                                  error::zoserialize_reader_data_type_range, kSigned)),
             "0/8");
 }
@@ -275,17 +232,11 @@ FailureCase const kFailures[] = {
     {"Y", "s", &error::zoserialize_reader_data_type_mismatch, kUnexpectedTags, "read_string",
      "expectedTypes=String|expectedTags=\"S|actualType=Boolean|actualTag=Y"},
     // Numbers.
-    {"I100000000", "i", &error::zoserialize_reader_data_type_range,
-     "Number of bits required to represent marshaled signed number exceeds expected number of "
-     "bits.  Expected={@expectedBits}bits, Actual={@actualBits}bits",
-     "read_int_big_endian", "expectedBits=32|actualBits=40|line=1|linePos=10|sourcePos=10"},
-    {"-2147483649", "i", &error::zoserialize_reader_data_type_range,
-     "Number of bits required to represent marshaled signed number exceeds expected number of "
-     "bits.  Expected={@expectedBits}bits, Actual={@actualBits}bits",
-     "read_int_big_endian", "expectedBits=32|actualBits=40"},
-    {"X100000000", "u", &error::zoserialize_reader_data_type_range,
-     "Number of bits required to represent marshaled unsigned number exceeds expected number of "
-     "bits.  Expected={@expectedBits}bits, Actual={@actualBits}bits",
+    {"I100000000", "i", &error::zoserialize_reader_data_type_range, kSigned, "read_int_big_endian",
+     "expectedBits=32|actualBits=40|line=1|linePos=10|sourcePos=10"},
+    {"-2147483649", "i", &error::zoserialize_reader_data_type_range, kSigned, "read_int_big_endian",
+     "expectedBits=32|actualBits=40"},
+    {"X100000000", "u", &error::zoserialize_reader_data_type_range, kUnsigned,
      "read_uint_big_endian", "expectedBits=32|actualBits=40"},
     {"+18446744073709551616", "i", &error::zoserialize_reader_data_size,
      "Error parsing decimal integer", "read_int_big_endian", "sourcePos=21"},
@@ -430,11 +381,10 @@ FailureCase const kFailures[] = {
 
 // The operations run in one go (a payload stream lives from one to the next); only the last
 // may fail.
-void check_failure(FailureCase const& c, SourceKind source) {
-  auto o = open(c.text, source);
-  bool const stream = source.kind == SourceKind::kIstream || source.kind == SourceKind::kReadStream;
+void check_failure(FailureCase const& c, bool stream) {
+  auto const reader = open(c.text, stream ? 3 : 1);  // "Stream3" or "Chars"
   char const* const message = stream && c.stream_message ? c.stream_message : c.message;
-  auto const info = ZO_EXPECT_ERROR(zotest::run_ops(*o->reader, c.ops), *c.code, message);
+  auto const info = ZO_EXPECT_ERROR(zotest::run_ops(*reader, c.ops), *c.code, message);
   if (!info) return;
   if (*c.function != 0) {
     std::string const function = c.function;
@@ -456,18 +406,17 @@ void check_failure(FailureCase const& c, SourceKind source) {
 TEST(TextReaderTest, FailuresReportCodeMessageParametersAndPlace) {
   for (FailureCase const& c : kFailures) {
     SCOPED_TRACE(::testing::Message() << '"' << c.text << "\" / " << c.ops);
-    check_failure(c, {SourceKind::kChars, 0});
-    check_failure(c, {SourceKind::kReadStream, 3});
+    check_failure(c, false);
+    check_failure(c, true);
   }
 }
 
-// The causes nested in the reader's own failures.
 // The causes nested in the reader's own failures: code and rendered message.
 TEST(TextReaderTest, FailuresNestTheirCause) {
   auto const cause = [](char const* text, auto read) {
-    auto o = open(text);
+    auto const reader = open(text);
     try {
-      read(*o->reader);
+      read(*reader);
     } catch (zocore::ErrorException const& e) {
       auto const& nested = e.info()->nested();
       return nested ? std::string(nested->code().view()) + ": " + nested->rendered() : "none";
@@ -539,10 +488,10 @@ TEST(TextReaderTest, PayloadStreamsDecodeInPieces) {
         w << chars << 7;
       },
       TextWriter::Options().line_width(61));
-  for (SourceKind const source : kSources) {
+  for (auto const& [name, read] : text_format().readers) {
     for (unsigned piece : {1u, 2u, 3u, 3072u, 5000u}) {
-      auto o = open(text, source);
-      Reader& r = *o->reader;
+      auto const reader = read(text);
+      Reader& r = *reader;
       EXPECT_EQ(zotest::read_all(*r.read_binary(), piece), data);
       InterfacePtr<IReadStream> const s = r.read_string_stream();
       EXPECT_EQ(s->bytes_remaining(), IReadStream::kUnknownSize);
@@ -580,16 +529,14 @@ TEST(TextReaderTest, RandomDocumentsRoundTrip) {
       zotest::RandomDocument(seed).write(writer, [&] { return text.size(); });
       writer.close();
     }
-    std::string const binary =
-        binary_of([&](Writer& w) { zotest::RandomDocument(seed).write(w, [] { return 0; }); });
-    SourceKind const source = kSources[rng() % std::size(kSources)];
-    zotest::RandomDocument(seed).read(*open(text, source)->reader);
-    {
-      auto o = open(text, source);
-      EXPECT_TRUE(Reader::read_compare_equal_all(*o->reader, *binary_reader(binary)));
-    }
-    std::string const copy = binary_of([&](Writer& w) { open(text)->reader->read_copy_all(w); });
-    EXPECT_EQ(copied(*binary_reader(copy), options), text);
+    std::string const binary = binary_format().write(
+        [&](Writer& w) { zotest::RandomDocument(seed).write(w, [] { return 0; }); });
+    std::size_t const source = rng() % text_format().readers.size();
+    zotest::RandomDocument(seed).read(*open(text, source));
+    EXPECT_TRUE(Reader::read_compare_equal_all(*open(text, source), *binary_format().read(binary)));
+    std::string const copy =
+        binary_format().write([&](Writer& w) { open(text)->read_copy_all(w); });
+    EXPECT_EQ(copied(*binary_format().read(copy), options), text);
   }
 }
 

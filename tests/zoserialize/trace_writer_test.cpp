@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <support/error_matchers.h>
+#include <support/script.h>
 #include <support/test_streams.h>
 #include <zocore/memory_stream.h>
 #include <zocore/streamers.h>
@@ -33,42 +34,18 @@ std::string dump(std::string const& bytes, char const* prefix) {
   return os.str() + "\n";
 }
 
-// Runs a script of space-separated calls: { } (marker start, end), [ or [N (sequence start,
-// without or with hint N), , ] (separator, end), n (null), iN (int), sTEXT (string, _ for a space),
-// c (close).
+// Runs a script of support/script.h in which "c" closes the writer.
 void run(Writer& w, std::string_view script) {
-  std::istringstream in{std::string(script)};
+  std::string elements;
+  std::istringstream in{std::string(script) + " c"};
   for (std::string t; in >> t;) {
-    std::string const arg = t.substr(1);
-    switch (t[0]) {
-      case '{':
-        w.write_marker_start();
-        break;
-      case '}':
-        w.write_marker_end();
-        break;
-      case '[':
-        arg.empty() ? w.write_sequence_start() : w.write_sequence_start(unsigned(std::stoul(arg)));
-        break;
-      case ',':
-        w.write_sequence_separator();
-        break;
-      case ']':
-        w.write_sequence_end();
-        break;
-      case 'n':
-        w.write_null();
-        break;
-      case 'i':
-        w << std::stoi(arg);
-        break;
-      case 's':
-        std::replace(t.begin(), t.end(), '_', ' ');
-        w << t.substr(1);
-        break;
-      default:
-        w.close();
+    if (t != "c") {
+      elements += " " + t;
+      continue;
     }
+    zotest::write_script(w, zotest::parse_script(elements));
+    elements.clear();
+    if (in >> std::ws, !in.eof()) w.close();
   }
 }
 
@@ -158,7 +135,7 @@ std::vector<TraceRow> trace_rows() {
        [](Writer& w) { run(w, "{"), w.write_binary(k300.data(), 300), run(w, "}"); },
        "Marker{\n  Binary[300]: \n" + dump(k300.substr(0, 256), "    ") + "    ...\n}\n"},
       // Scopes.
-      {"WorkedExample", [](Writer& w) { run(w, "{ [2 i5 , sa_b ] }"), w << 1.5; },
+      {"WorkedExample", [](Writer& w) { run(w, "{ [2 i5 , s%612062 ] }"), w << 1.5; },
        "Marker{\n  Sequence[2]{\n    Int: 5\n  }{\n    String[3]: \"a b\"\n  }\n}\nDouble: 1.5\n"},
       {"SequenceWithoutHint", [](Writer& w) { run(w, "[ ] [0 ]"); },
        "Sequence[]{\n}\nSequence[]{\n}\n"},
@@ -299,32 +276,17 @@ TEST(TraceWriter, FromSourceKeeps256AndSkipsTheRest) {
   EXPECT_EQ(out.str(), "...\n");
 }
 
-// An unknown-size source is skipped in 16 MiB steps and counted exactly, without being held.
+// A source of unknown size beyond 4 GiB is skipped in 16 MiB steps and counted exactly, without
+// being held.
 TEST(TraceWriter, FromLargeSourceOfUnknownSize) {
-  struct Zeros final : zocore::RefCounted<zocore::AtomicRefCount>, IReadStream {
-    std::uint64_t left = 3 * 0x1000000ull + 12345;
-    std::vector<unsigned> skips;
-    unsigned read(void* buffer, unsigned size) override {
-      unsigned const n = static_cast<unsigned>(std::min<std::uint64_t>(size, left));
-      std::memset(buffer, 0, n);
-      left -= n;
-      return n;
-    }
-    unsigned skip(unsigned size) override {
-      skips.push_back(size);
-      unsigned const n = static_cast<unsigned>(std::min<std::uint64_t>(size, left));
-      left -= n;
-      return n;
-    }
-    unsigned bytes_remaining() const override { return kUnknownSize; }
-  };
-  auto source = make_ref_counted<Zeros>();
+  std::uint64_t const total = (std::uint64_t{1} << 32) + 12345;
+  auto source = make_ref_counted<zotest::PatternSource>(total);
   std::ostringstream out;
   TraceWriter writer(out, "", "  ");
   writer.write_binary(*source);
-  EXPECT_EQ(source->left, 0u);
-  EXPECT_EQ(source->skips, std::vector<unsigned>(4, 0x1000000));
-  EXPECT_EQ(out.str(), "Binary[50343993]: \n" + dump(std::string(256, '\0'), "  ") + "  ...\n");
+  EXPECT_EQ(source->position(), total);
+  EXPECT_EQ(out.str(),
+            "Binary[4294979641]: \n" + dump(zotest::pattern_string(0, 256), "  ") + "  ...\n");
 }
 
 // ---- Scope checks ------------------------------------------------------------------------------

@@ -11,32 +11,20 @@ namespace {
 
 namespace error = zoxml::error;
 
-TEST(ZoxmlErrorCodesTest, NamesAndParents) {
-  struct Row {
-    zocore::ErrorCode const* code;
-    char const* name;
-    char const* parent;
-  };
-  Row const rows[] = {
-      {&error::zoxml, "error.zoxml", "error"},
-      {&error::zoxml_reader, "error.zoxml.reader", "error.zoxml"},
-      {&error::zoxml_reader_unexpected, "error.zoxml.reader.unexpected", "error.zoxml.reader"},
-      {&error::zoxml_reader_unexpected_element, "error.zoxml.reader.unexpected.element",
-       "error.zoxml.reader.unexpected"},
-      {&error::zoxml_reader_unexpected_token, "error.zoxml.reader.unexpected.token",
-       "error.zoxml.reader.unexpected"},
-      {&error::zoxml_reader_unexpected_size, "error.zoxml.reader.unexpected.size",
-       "error.zoxml.reader.unexpected"},
-      {&error::zoxml_tokenizer, "error.zoxml.tokenizer", "error.zoxml"},
-      {&error::zoxml_tokenizer_stream, "error.zoxml.tokenizer.stream", "error.zoxml.tokenizer"},
-      {&error::zoxml_tokenizer_syntaxError, "error.zoxml.tokenizer.syntaxError",
-       "error.zoxml.tokenizer"},
-  };
-  for (Row const& row : rows) {
-    EXPECT_EQ(row.code->view(), row.name);
-    EXPECT_EQ(row.code->parent().view(), row.parent);
-    EXPECT_TRUE(row.code->is_a(error::zoxml)) << row.name;
-  }
+// Parents and is_a follow from the names (zocore's ErrorCode tests).
+TEST(ZoxmlErrorCodesTest, Names) {
+  std::string names;
+  for (zocore::ErrorCode const* code :
+       {&error::zoxml, &error::zoxml_reader, &error::zoxml_reader_unexpected,
+        &error::zoxml_reader_unexpected_element, &error::zoxml_reader_unexpected_token,
+        &error::zoxml_reader_unexpected_size, &error::zoxml_tokenizer,
+        &error::zoxml_tokenizer_stream, &error::zoxml_tokenizer_syntaxError})
+    names += std::string(code->view()) + " ";
+  EXPECT_EQ(names,
+            "error.zoxml error.zoxml.reader error.zoxml.reader.unexpected "
+            "error.zoxml.reader.unexpected.element error.zoxml.reader.unexpected.token "
+            "error.zoxml.reader.unexpected.size error.zoxml.tokenizer error.zoxml.tokenizer.stream "
+            "error.zoxml.tokenizer.syntaxError ");
 }
 
 // The location prefix, with and without a URI; the location parameters are always attached.

@@ -119,31 +119,9 @@ std::string prolog_to_lf(std::string const& doc) {
 // line feed, carriage return escaped; no comments, declarations or processing instructions.
 void escape(std::string& out, std::string_view text) {
   for (char const c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\t':
-        out += "&#9;";
-        break;
-      case '\n':
-        out += "&#10;";
-        break;
-      case '\r':
-        out += "&#13;";
-        break;
-      default:
-        out += c;
-    }
+    std::size_t const at = std::string_view("&<>\"\t\n\r").find(c);
+    char const* const escapes[] = {"&amp;", "&lt;", "&gt;", "&quot;", "&#9;", "&#10;", "&#13;"};
+    at == std::string_view::npos ? void(out += c) : void(out += escapes[at]);
   }
 }
 

@@ -55,6 +55,11 @@ class Doc {
 };
 
 constexpr char kX[] = "{http://www.w3.org/2000/xmlns/}";
+
+// A message template behind the location prefix of a document without a URI.
+std::string located(char const* text) {
+  return std::string("[line {@line}, pos {@linePos}]: ") + text;
+}
 constexpr char kXml[] = "{http://www.w3.org/XML/1998/namespace}";
 
 TEST(XmlReaderTest, HandsOutNodesWhateverTheInputAndTheWayValuesAreRead) {
@@ -235,22 +240,19 @@ TEST(XmlReaderTest, EveryWellFormednessErrorIsLocated) {
 }
 
 TEST(XmlReaderTest, EntityResolverAnswersAreChecked) {
-  constexpr char kPrefix[] = "[line {@line}, pos {@linePos}]: ";
   Doc unknown("<a>&what;</a>");
   unknown->read_next();
-  auto const info = ZO_EXPECT_ERROR(
-      unknown->read_next(), error::zoxml_reader,
-      std::string(kPrefix) + "Unable to resolve entity reference '{@entityReference}'");
+  auto const info =
+      ZO_EXPECT_ERROR(unknown->read_next(), error::zoxml_reader,
+                      located("Unable to resolve entity reference '{@entityReference}'"));
   EXPECT_EQ(zotest::params_of(info, "entityReference"), "entityReference=what");
   Doc bad("<a b='&bad;'/>");
-  ZO_EXPECT_ERROR(bad->read_next(), error::zoxml_reader,
-                  std::string(kPrefix) +
-                      "Replacement text of entity reference '{@entityReference}' is not UTF-8");
+  ZO_EXPECT_ERROR(
+      bad->read_next(), error::zoxml_reader,
+      located("Replacement text of entity reference '{@entityReference}' is not UTF-8"));
 }
 
 TEST(XmlReaderTest, ValueIsReadOneWayOnly) {
-  constexpr char kPrefix[] = "[line {@line}, pos {@linePos}]: ";
-  auto const message = [&](char const* text) { return std::string(kPrefix) + text; };
   auto const at_text = [](char const* text) {
     auto doc = std::make_unique<Doc>(std::string("<a><b/>") + text + "<c/></a>", 3);
     for (int i = 0; i < 4; ++i)
@@ -265,7 +267,7 @@ TEST(XmlReaderTest, ValueIsReadOneWayOnly) {
     char c;
     ZO_EXPECT_ERROR(
         (*doc)->read_value(&c, 1), error::zoxml_reader,
-        message("Value has already been read into a buffer, cannot read it through stream"));
+        located("Value has already been read into a buffer, cannot read it through stream"));
   }
   {  // In pieces through the stream, white space first; skip(); then the buffer is refused.
     auto doc = at_text(" \n abcdef");
@@ -280,27 +282,27 @@ TEST(XmlReaderTest, ValueIsReadOneWayOnly) {
     EXPECT_EQ(stream.read(buffer, 8), 0u);
     ZO_EXPECT_ERROR(
         (*doc)->read_value_into_buffer(), error::zoxml_reader,
-        message("Value has already been read through stream, cannot create value buffer"));
+        located("Value has already been read through stream, cannot create value buffer"));
   }
   {  // Discarded; neither way reads it after that.
     auto doc = at_text("xyz");
     (*doc)->discard_chardata();
     EXPECT_EQ((*doc)->node().value(), "");
     ZO_EXPECT_ERROR((*doc)->read_value_into_buffer(), error::zoxml_reader,
-                    message("Value has already been read, cannot create value buffer"));
+                    located("Value has already been read, cannot create value buffer"));
     auto other = at_text("xyz");
     (*other)->discard_chardata();
     char c;
     ZO_EXPECT_ERROR((*other)->read_value(&c, 1), error::zoxml_reader,
-                    message("Value has been discarded, cannot read it through stream"));
+                    located("Value has been discarded, cannot read it through stream"));
     ZO_EXPECT_ERROR((*other)->read_next(), error::zoxml_reader,
-                    message("Cannot continue after error"));
+                    located("Cannot continue after error"));
     ZO_EXPECT_ERROR((*other)->read_value_into_buffer(), error::zoxml_reader,
-                    message("Value cannot be read after a parse error"));
+                    located("Value cannot be read after a parse error"));
     ZO_EXPECT_ERROR((*other)->read_value(&c, 1), error::zoxml_reader,
-                    message("Value cannot be read after a parse error"));
+                    located("Value cannot be read after a parse error"));
     ZO_EXPECT_ERROR((*other)->discard_chardata(), error::zoxml_reader,
-                    message("Value cannot be read after a parse error"));
+                    located("Value cannot be read after a parse error"));
   }
   {  // Unread values are skipped; other nodes have no value.
     auto doc = at_text("unread");
@@ -401,8 +403,6 @@ TEST(XmlReaderTest, AValueOfExactlyTheLimitIsAcceptedAndOneByteMoreIsNot) {
 }
 
 TEST(XmlReaderTest, LifecycleAndExpectations) {
-  constexpr char kPrefix[] = "[line {@line}, pos {@linePos}]: ";
-  auto const message = [&](char const* text) { return std::string(kPrefix) + text; };
   Doc doc("<a xmlns='urn:a'><b/></a>");
   EXPECT_EQ(doc->node().kind(), EToken::DocumentStart);
   ASSERT_TRUE(doc->read_next());
@@ -411,20 +411,20 @@ TEST(XmlReaderTest, LifecycleAndExpectations) {
   EXPECT_TRUE(doc->read_next() && doc->read_next() && doc->read_next());
   EXPECT_FALSE(doc->read_next());
   EXPECT_EQ(doc->node().kind(), EToken::DocumentEnd);
-  ZO_EXPECT_ERROR(doc->read_next(), error::zoxml_reader, message("Read past end"));
-  ZO_EXPECT_ERROR(doc->read_next(), error::zoxml_reader, message("Cannot continue after error"));
+  ZO_EXPECT_ERROR(doc->read_next(), error::zoxml_reader, located("Read past end"));
+  ZO_EXPECT_ERROR(doc->read_next(), error::zoxml_reader, located("Cannot continue after error"));
 
   Doc broken("<a/>");
   zoxml::XmlReaderTestPeer::break_state(*broken);
-  ZO_EXPECT_ERROR(broken->read_next(), error::zoxml_reader, message("Invalid parser state"));
+  ZO_EXPECT_ERROR(broken->read_next(), error::zoxml_reader, located("Invalid parser state"));
 
   auto const expect_failure = [&](auto const& call, zocore::ErrorCode const& code, char const* text,
                                   char const* params) {
     Doc d("<p:a xmlns:p='urn:p'/>");
     d->read_next();
-    auto const info = ZO_EXPECT_ERROR(call(*d), code, message(text));
+    auto const info = ZO_EXPECT_ERROR(call(*d), code, located(text));
     EXPECT_EQ(zotest::params_of(info, params), params);
-    ZO_EXPECT_ERROR(d->read_next(), error::zoxml_reader, message("Cannot continue after error"));
+    ZO_EXPECT_ERROR(d->read_next(), error::zoxml_reader, located("Cannot continue after error"));
   };
   expect_failure(
       [](XmlReader& p) { p.expect_element("b", "urn:p"); }, error::zoxml_reader_unexpected_element,
@@ -450,28 +450,25 @@ TEST(XmlReaderTest, LifecycleAndExpectations) {
 // Cut anywhere before its end, a document fails with a located parser error, from either kind
 // of input and with any block size.
 TEST(XmlReaderTest, EveryTruncationFailsCleanly) {
-  std::string const docs[] = {
+  std::string const text =
       "\xEF\xBB\xBF<?xml version='1.0' encoding='UTF-8'?>\r\n<!DOCTYPE s [<!ELEMENT s ANY>]>"
       "<!--c--><?p x?>\n<s xmlns='urn:s' xmlns:p='urn:p'>\r\n <Sequence count=\"2\"><Item><Int>-5"
       "</Int></Item><Item><String>a&lt;b&#x20AC;<![CDATA[]]>]]></String></Item></Sequence>"
       "<p:Marker p:x='\t1'><Binary encoding=\"base64\">AAEC</Binary><Null/></p:Marker>"
-      "<e>\xE2\x82\xAC</e></s>",
-  };
-  for (std::string const& text : docs) {
-    for (std::size_t cut = 0; cut < text.size(); ++cut) {
-      for (std::size_t block : {std::size_t{1}, std::size_t{4096}}) {
-        SCOPED_TRACE(::testing::Message() << "cut at " << cut << ", block " << block);
-        Doc doc(text.substr(0, cut), block, block == 1);
-        try {
-          while (doc->read_next()) {
-            if (doc->node().kind() == EToken::CharData) doc->read_value_into_buffer();
-          }
-          ADD_FAILURE() << "a truncated document was read to its end";
-        } catch (zocore::ErrorException const& e) {
-          EXPECT_TRUE(e.info()->code().is_a(error::zoxml)) << e.what();
-          EXPECT_TRUE(e.info()->message().view().starts_with("[line {@line}, pos {@linePos}]: "));
-          EXPECT_LE(std::stoull(zotest::param(e.info(), "sourcePos")), cut);
+      "<e>\xE2\x82\xAC</e></s>";
+  for (std::size_t cut = 0; cut < text.size(); ++cut) {
+    for (std::size_t block : {std::size_t{1}, std::size_t{4096}}) {
+      SCOPED_TRACE(::testing::Message() << "cut at " << cut << ", block " << block);
+      Doc doc(text.substr(0, cut), block, block == 1);
+      try {
+        while (doc->read_next()) {
+          if (doc->node().kind() == EToken::CharData) doc->read_value_into_buffer();
         }
+        ADD_FAILURE() << "a truncated document was read to its end";
+      } catch (zocore::ErrorException const& e) {
+        EXPECT_TRUE(e.info()->code().is_a(error::zoxml)) << e.what();
+        EXPECT_TRUE(e.info()->message().view().starts_with("[line {@line}, pos {@linePos}]: "));
+        EXPECT_LE(std::stoull(zotest::param(e.info(), "sourcePos")), cut);
       }
     }
   }
