@@ -108,8 +108,7 @@ TEST(ConvertTest, XmlOptionsReachTheWriter) {
     char const* line_prefix;
   } const rows[] = {
       {{}, "  ", "\n"},
-      {{"--indent", "4"}, "    ", "\n"},
-      {{"--indent=0"}, "", "\n"},
+      {{"--indent=4"}, "    ", "\n"},
       {{"--one-line"}, "", ""},
   };
   for (Row const& row : rows) {

@@ -49,16 +49,5 @@ TEST(ValidateTest, ReportsEachInput) {
   }
 }
 
-TEST(ValidateTest, EveryInputIsCheckedAfterOneFailed) {
-  zotest::TempDir dir;
-  dir.write("bad.zot", "{+1\n(+2,\n\"x\"+");
-  dir.write("good.zot", "(+1,+2)");
-  zotest::ToolResult const r =
-      zotest::run_zoser({"validate", dir.file("bad.zot"), dir.file("good.zot")});
-  EXPECT_EQ(r.status, 2);
-  EXPECT_EQ(r.out, dir.file("good.zot") + ": OK (text, 3 elements, 7 B)\n");
-  EXPECT_TRUE(r.err.starts_with("zoser: " + dir.file("bad.zot") + ": line 3, column ")) << r.err;
-}
-
 }  // namespace
 }  // namespace zoser
