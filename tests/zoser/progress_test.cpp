@@ -18,7 +18,7 @@ TEST(ProgressTest, SizesReadLikeLs) {
                     {1023, "1023 B"},
                     {1024, "1.0 KiB"},
                     {1536, "1.5 KiB"},
-                    {10 * 1024 * 1024, "10.0 MiB"},
+                    {std::uint64_t{10} << 20, "10.0 MiB"},
                     {std::uint64_t{3} << 30, "3.0 GiB"},
                     {std::uint64_t{5} << 50, "5.0 PiB"},
                     {std::uint64_t{5} << 60, "5120.0 PiB"}};
