@@ -89,7 +89,7 @@ std::string Comparison::describe(int side, bool nested) {
   // An input that ends inside a sequence or marker is damaged, not different: its reader says
   // so when asked for the element that is missing.
   if (token == EToken::Eof && nested) on(side).skip_element();
-  std::string const name = token_text(token);
+  std::string name = token_text(token);
   switch (token) {
     case EToken::Null:
       on(side).read_null();
@@ -100,10 +100,11 @@ std::string Comparison::describe(int side, bool nested) {
     case EToken::UnsignedInteger: {
       unsigned char image[kImage];
       bool const is_signed = token == EToken::SignedInteger;
-      if (is_signed)
+      if (is_signed) {
         on(side).read_int_big_endian(image, kImage);
-      else
+      } else {
         on(side).read_uint_big_endian(image, kImage);
+      }
       return name + " " + image_to_decimal(image, kImage, is_signed);
     }
     case EToken::Double:
@@ -171,11 +172,12 @@ std::string Comparison::compare_payloads(bool binary) {
     char const* const kind = binary ? "Binary" : "String";
     std::string shown[2];
     for (int side = 0; side < 2; ++side) {
-      if (size[side] > kShown || offset != 0)
+      if (size[side] > kShown || offset != 0) {
         shown[side] = std::string(kind) + " (" + std::to_string(size[side]) + " bytes)";
-      else
+      } else {
         shown[side] =
             std::string(kind) + " " + (binary ? hex(head[side]) : quoted(head[side], kShown));
+      }
     }
     std::string text = shown[0] + " != " + shown[1];
     if (size[0] > kShown || size[1] > kShown)
@@ -276,10 +278,11 @@ std::optional<std::string> Comparison::run() {
   auto differ = [&](std::string const& text) { return path() + ": " + text; };
   auto advance = [&frames] {
     Frame& f = frames.back();
-    if (f.kind == Frame::EKind::kSequence)
+    if (f.kind == Frame::EKind::kSequence) {
       ++f.value;
-    else
+    } else {
       ++f.index;
+    }
   };
 
   for (;;) {
@@ -289,9 +292,10 @@ std::optional<std::string> Comparison::run() {
       bool const ea = A().is_eof();
       bool const eb = B().is_eof();
       if (ea && eb) return std::nullopt;
-      if (ea || eb)
+      if (ea || eb) {
         return differ((ea ? std::string("EOF") : describe(0, frames.size() > 1)) +
                       " != " + (eb ? std::string("EOF") : describe(1, frames.size() > 1)));
+      }
     } else if (f.kind == Frame::EKind::kMarker) {
       bool const ea = A().read_marker_is_end();
       bool const eb = B().read_marker_is_end();
@@ -302,9 +306,10 @@ std::optional<std::string> Comparison::run() {
         advance();
         continue;
       }
-      if (ea || eb)
+      if (ea || eb) {
         return differ((ea ? std::string("MarkerEnd") : describe(0, frames.size() > 1)) +
                       " != " + (eb ? std::string("MarkerEnd") : describe(1, frames.size() > 1)));
+      }
     } else {
       if (f.at_item_start) {
         bool const na = A().read_sequence_next();
@@ -314,10 +319,11 @@ std::optional<std::string> Comparison::run() {
           advance();
           continue;
         }
-        if (na != nb)
+        if (na != nb) {
           return differ(
               (na ? describe(0, frames.size() > 1) : std::string("SequenceEnd")) +
               " != " + (nb ? describe(1, frames.size() > 1) : std::string("SequenceEnd")));
+        }
         f.at_item_start = false;
         f.value = 0;
       }

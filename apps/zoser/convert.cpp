@@ -106,10 +106,11 @@ int run(Arguments const& args) {
     source->input().finish_progress();
     finish_output(to, output);
   } catch (zocore::ErrorException const& e) {
-    if (is_output_failure(e.code()))
+    if (is_output_failure(e.code())) {
       print_error(out, "", *e.info());
-    else
+    } else {
       source->report(*e.info());
+    }
     return kExitError;
   }
   return kExitOk;

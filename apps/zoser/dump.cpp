@@ -62,10 +62,11 @@ int run(Arguments const& args) {
     source->input().finish_progress();
     finish_output(trace, output);
   } catch (zocore::ErrorException const& e) {
-    if (is_output_failure(e.code()))
+    if (is_output_failure(e.code())) {
       print_error("-", "", *e.info());
-    else
+    } else {
       source->report(*e.info());
+    }
     return kExitError;
   }
   return kExitOk;

@@ -27,7 +27,7 @@ constexpr char kModuleId[] = "$Id: apps/zoser/json_writer.cpp $";
 
 constexpr unsigned kEscapePiece = 8192;       // escaped, at most 6 * 8192 + 2 characters
 constexpr unsigned kBase64Piece = 3 * 16384;  // 65,536 characters of base64
-constexpr std::size_t kCapacity = 64 * 1024;  // holds either piece after a drain
+constexpr std::size_t kCapacity = std::size_t{64} << 10;  // holds either piece after a drain
 
 // The output stream RapidJSON writes into: a buffer handed to the sink when full. One byte in
 // front of the buffer is never sent, so that a string piece can be escaped by RapidJSON with its
@@ -151,19 +151,21 @@ struct JsonWriter::Impl {
   void string_piece(char const* text, std::size_t size) {
     if (size == 0) return;
     if (!string_open) {
-      if (text[0] == '$')
+      if (text[0] == '$') {
         json.RawValue("\"$", 2, rapidjson::kStringType);
-      else
+      } else {
         json.RawValue("\"", 1, rapidjson::kStringType);
+      }
       string_open = true;
     }
     escape(text, size);
   }
   void string_end() {
-    if (string_open)
+    if (string_open) {
       out.Put('"');
-    else
+    } else {
       json.String("", 0);
+    }
     string_open = false;
     end_value();
   }

@@ -45,7 +45,7 @@ zocore::Uuid uuid_of(std::uint64_t seed) noexcept {
   std::uint64_t const lo = mix(seed ^ 0xA5A5A5A5u);
   for (int i = 0; i < 8; ++i) {
     bytes[static_cast<std::size_t>(i)] = static_cast<unsigned char>(hi >> (56 - 8 * i));
-    bytes[static_cast<std::size_t>(8 + i)] = static_cast<unsigned char>(lo >> (56 - 8 * i));
+    bytes[8 + static_cast<std::size_t>(i)] = static_cast<unsigned char>(lo >> (56 - 8 * i));
   }
   bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0F) | 0x40);  // version 4
   bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3F) | 0x80);
@@ -74,7 +74,7 @@ void write_header(Writer& w, SampleOptions const& options) {
 void write_record(Writer& w, std::uint64_t i, zocore::AbsoluteTime base) {
   std::uint64_t const r = mix(i + 1);
   zoserialize::WriteMarker record(w);
-  w << static_cast<long long>(1000 + i) << kTitles[r % std::size(kTitles)];
+  w << static_cast<long long>(i) + 1000 << kTitles[r % std::size(kTitles)];
   std::uint64_t const authors = 1 + (r >> 8) % 3;
   w.write_sequence_start();
   for (std::uint64_t k = 0; k < authors; ++k) {
@@ -93,15 +93,16 @@ void write_record(Writer& w, std::uint64_t i, zocore::AbsoluteTime base) {
   for (std::size_t k = 0; k < cover_size; ++k)
     cover[k] = static_cast<unsigned char>(mix(r + k));
   w.write_binary(cover, static_cast<unsigned>(cover_size));
-  if (i % 4 == 3)
+  if (i % 4 == 3) {
     w.write_null();
-  else
+  } else {
     w << static_cast<unsigned>(100 + (r >> 32) % 900);
+  }
   record.close();
 }
 
 void write_payloads(Writer& w, std::uint64_t size) {
-  constexpr std::size_t kPiece = 64 * 1024;
+  constexpr std::size_t kPiece = std::size_t{64} << 10;
   auto const piece = std::make_unique<char[]>(kPiece);
   {
     zocore::InterfacePtr<zocore::IWriteStream> const blob = w.write_binary();
@@ -188,10 +189,11 @@ void write_sample(Writer& w, SampleOptions const& options) {
   write_header(w, options);
   zocore::AbsoluteTime base;
   zocore::AbsoluteTime::from_components_nothrow({2001, 1, 1}, &base);
-  if (options.records != 0 && options.records < 0xFFFFFFFFu)
+  if (options.records != 0 && options.records < 0xFFFFFFFFu) {
     w.write_sequence_start(static_cast<unsigned>(options.records));
-  else
+  } else {
     w.write_sequence_start();
+  }
   for (std::uint64_t i = 0; i < options.records; ++i) {
     if (i != 0) w.write_sequence_separator();
     write_record(w, i, base);
