@@ -12,6 +12,7 @@ packages=(
   liburiparser-dev
   libxml2-dev libexpat1-dev
   libssl-dev
+  time
   clang libclang-rt-14-dev
 )
 
