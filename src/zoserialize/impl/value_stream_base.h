@@ -98,12 +98,13 @@ class ZOSERIALIZE_API ValueStreamBase : public zocore::RefCounted<zocore::Atomic
 template <unsigned Capacity, unsigned Granule>
 class BufferedValueStream : public ValueStreamBase {
  protected:
+  // The buffer is left uninitialised: only the bytes written into it are ever read.
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
   BufferedValueStream(ValueStreamSlot& slot, char const* write_function) noexcept
       : ValueStreamBase(slot, buffer_, Capacity, Granule, write_function) {}
 
  private:
   static_assert(Capacity % Granule == 0, "a full buffer must be whole granules");
-  // Left uninitialised: only the bytes written into it are ever read.
   unsigned char buffer_[Capacity];  // NOLINT(cppcoreguidelines-pro-type-member-init)
 };
 
