@@ -415,7 +415,7 @@ template <class C>
 }
 
 template <class R, class C>
-inline void read_sequence_into(R& r, C& c) {
+[[gnu::always_inline]] inline void read_sequence_into(R& r, C& c) {
   using T = typename C::value_type;
   unsigned const hint = r.read_sequence_start();
   if constexpr (std::is_same_v<T, bool>) {
@@ -505,14 +505,16 @@ inline void write_binary_bytes(W& w, void const* data, std::size_t size) {
 // byte-sized elements). The length a value announces is trusted only for the first piece, so
 // that a value cut short cannot make the reader allocate far ahead of the bytes that arrived.
 template <class R, class C>
-inline void read_binary_into(R& r, C& out) {
+[[gnu::always_inline]] inline void read_binary_into(R& r, C& out) {
   InterfacePtr<IReadStream> const stream = r.read_binary();
   unsigned const announced = stream->bytes_remaining();
   auto const bytes = [&out] { return reinterpret_cast<unsigned char*>(out.data()); };  // NOLINT
   if (announced <= kBinaryFirstPieceMax) {
     // Known and small: one piece, over the container's old bytes (no clearing first).
     out.resize(announced);
-    out.resize(stream->read(bytes(), announced));
+    unsigned const got = stream->read(bytes(), announced);
+    if (got != announced) [[unlikely]]
+      out.resize(got);
     return;
   }
   out.clear();
@@ -707,7 +709,7 @@ struct SequenceSerializer {
     write_range(w, value.size(), value.begin(), value.end());
   }
   template <class R>
-  static void read(R& r, C& value) {
+  [[gnu::always_inline]] static void read(R& r, C& value) {
     read_sequence_into(r, value);
   }
 };
