@@ -278,6 +278,21 @@ TEST(HashingReaderAdapter, StreamUsedAfterItsValueEnded) {
   }
 }
 
+// A payload stream counts exactly what it delivered or skipped, across skip blocks and to the end.
+TEST(HashingReaderAdapter, PayloadStreamCountsWhatItPasses) {
+  zotest::ScriptedReader wrapped("b" + std::string(20000, 'x') + " n");
+  HashingReaderAdapter adapter(wrapped, nullptr);
+  InterfacePtr<IReadStream> const stream = adapter.read_binary();
+  char block[500];
+  EXPECT_EQ(stream->skip(10000), 10000u);
+  EXPECT_EQ(stream->read(block, sizeof block), sizeof block);
+  EXPECT_EQ(stream->skip(20000), 9500u);
+  EXPECT_EQ(stream->read(block, 1), 0u);
+  EXPECT_EQ(stream->skip(1), 0u);
+  stream->close();
+  EXPECT_EQ(adapter.bytes_hashed(), 1 + 20000 + 8u);  // code, bytes, count
+}
+
 TEST(HashingReaderAdapter, IntegerTooLongForItsLengthByte) {
   std::string const too_long = "01" + std::string(510, '0');
   for (char kind : {'i', 'u'}) {
