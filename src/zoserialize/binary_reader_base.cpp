@@ -223,10 +223,17 @@ void BinaryReaderBase::throw_marker_overrun(std::uint64_t marker_end, std::uint6
 }
 
 unsigned BinaryReaderBase::read_size(unsigned n) {
-  unsigned char field[8];
   unsigned const bytes = 1u << n;
-  impl_read_checked(field, bytes);
-  std::uint64_t const value = impl::load_unsigned(field, bytes);
+  std::uint64_t value;
+  if (window_size() >= 8) [[likely]] {
+    // One load whatever the width (every payload's header goes through here).
+    value = impl::load_big_endian<std::uint64_t>(in_cur_) >> (64 - 8 * bytes);
+    in_cur_ += bytes;
+  } else {
+    unsigned char field[8];
+    impl_read_checked(field, bytes);
+    value = impl::load_unsigned(field, bytes);
+  }
   if (value > kMaxSize32) [[unlikely]]
     throw_too_large_size();
   return static_cast<unsigned>(value);
