@@ -292,7 +292,7 @@ void BinaryReaderBase::read_integer_payload(unsigned char* out, unsigned size, u
 std::uint64_t BinaryReaderBase::read_integer_value(bool is_signed, unsigned size,
                                                    char const* function) {
   unsigned const nibble = static_cast<unsigned>(read_tag_check_type(is_signed ? 0x20 : 0x30));
-  unsigned char element[kMaxInlineElement] = {current_tag_};
+  unsigned char element[kMaxInlineElement] = {static_cast<unsigned char>(current_tag_)};
   std::uint64_t v = 0;
   unsigned length = 0;
   if (nibble >= 4 && nibble <= 7) impl_read_checked(element + 1, 1u << (nibble - 4));
@@ -351,7 +351,7 @@ double BinaryReaderBase::read_double_slow() {
   unsigned const nibble = static_cast<unsigned>(read_tag_check_type(0x40));
   if (nibble >= 8 && nibble <= 11) throw_quadruple_unsupported(kFunction);
   if (nibble == 3 || nibble > 7) throw_unexpected_tag(kFunction);
-  unsigned char element[kMaxInlineElement] = {current_tag_};
+  unsigned char element[kMaxInlineElement] = {static_cast<unsigned char>(current_tag_)};
   impl_read_checked(element + 1, kFixedPayload[current_tag_]);
   unsigned length;
   return decode_double_at(element, length);

@@ -128,8 +128,9 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
   // concrete reader's buffer.
   mutable unsigned char const* in_cur_ = nullptr;
   mutable unsigned char const* in_end_ = nullptr;
-  // The last tag consumed.
-  unsigned char current_tag_ = 0;
+  // The last tag consumed (0..255). Wider than a byte on purpose: a store through a character
+  // type may alias the window pointers, and the compiler would reload them after every element.
+  unsigned current_tag_ = 0;
 
   unsigned window_size() const noexcept { return static_cast<unsigned>(in_end_ - in_cur_); }
 
