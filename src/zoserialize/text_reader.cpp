@@ -10,6 +10,7 @@
 #include <zocore/throw_error.h>
 #include <zocore/utf8.h>
 #include <zoserialize/error_codes.h>
+#include <zoserialize/impl/digits.h>
 #include <zoserialize/impl/integer_form.h>
 #include <zoserialize/impl/utf8_validating_stream.h>
 #include <zoserialize/text_reader.h>
@@ -94,8 +95,7 @@ bool is_digit(char c) noexcept {
   return static_cast<unsigned>(c - '0') < 10;
 }
 
-constexpr std::uint64_t kOnes = 0x0101010101010101ull;
-constexpr std::uint64_t kHighs = 0x8080808080808080ull;
+using impl::kHighs;
 
 std::uint64_t load_word(char const* p) noexcept {
   std::uint64_t word;
@@ -115,10 +115,8 @@ unsigned first_marked(std::uint64_t mask) noexcept {
 // The bytes of `word` that end a plain run in a string: '"', '~' and control characters (line
 // breaks among them). Exact for the first such byte in memory order, which is all that is used.
 std::uint64_t string_stops(std::uint64_t word) noexcept {
-  std::uint64_t const quote = word ^ (kOnes * '"');
-  std::uint64_t const tilde = word ^ (kOnes * '~');
-  return ((word - kOnes * 0x20) & ~word & kHighs) | ((quote - kOnes) & ~quote & kHighs) |
-         ((tilde - kOnes) & ~tilde & kHighs);
+  return impl::bytes_below(word, 0x20) | impl::bytes_equal(word, '"') |
+         impl::bytes_equal(word, '~');
 }
 
 bool is_ascii(char const* p, std::size_t n) noexcept {

@@ -8,6 +8,7 @@
 #include <zocore/ref_count_ptr.h>
 #include <zocore/throw_error.h>
 #include <zoserialize/error_codes.h>
+#include <zoserialize/impl/digits.h>
 #include <zoserialize/impl/integer_form.h>
 #include <zoserialize/impl/output_failure.h>
 #include <zoserialize/impl/scope_stack.h>
@@ -17,6 +18,16 @@
 
 namespace zoserialize {
 namespace {
+
+using impl::bytes_below;
+using impl::bytes_equal;
+using impl::format_decimal;
+using impl::format_digits;
+using impl::format_fraction;
+using impl::format_hex_bytes;
+using impl::kHexDigits;
+using impl::kHexPairs;
+using impl::kHighs;
 
 constexpr char kModuleId[] = "$Id: src/zoserialize/text_writer.cpp $";
 
@@ -44,90 +55,11 @@ constexpr std::array<std::uint8_t, 256> make_escape_classes() {
 }
 constexpr std::array<std::uint8_t, 256> kEscapeClasses = make_escape_classes();
 
-constexpr char kHexDigits[] = "0123456789abcdef";
-
 // The base64 of this many bytes is one piece of 4096 characters: a whole number of groups, so
 // consecutive pieces join without padding.
 constexpr unsigned kBase64Block = 3072;
 constexpr unsigned kStringSourceBlock = 4096;
 constexpr unsigned kLargestWrittenHint = 9999999;
-
-constexpr std::array<char, 200> make_digit_pairs() {
-  std::array<char, 200> t{};
-  for (unsigned i = 0; i < 100; ++i) {
-    t[std::size_t{2} * i] = static_cast<char>('0' + i / 10);
-    t[std::size_t{2} * i + 1] = static_cast<char>('0' + i % 10);
-  }
-  return t;
-}
-constexpr std::array<char, 200> kDigitPairs = make_digit_pairs();
-
-constexpr std::array<char, 512> make_hex_pairs() {
-  std::array<char, 512> t{};
-  for (unsigned i = 0; i < 256; ++i) {
-    t[std::size_t{2} * i] = kHexDigits[i >> 4];
-    t[std::size_t{2} * i + 1] = kHexDigits[i & 15];
-  }
-  return t;
-}
-constexpr std::array<char, 512> kHexPairs = make_hex_pairs();
-
-// Decimal digits of `v` at `out`, two at a time; returns the end.
-char* format_decimal(char* out, std::uint64_t v) noexcept {
-  char digits[20];
-  char* p = digits + sizeof digits;
-  while (v >= 100) {
-    p -= 2;
-    std::memcpy(p, &kDigitPairs[2 * (v % 100)], 2);
-    v /= 100;
-  }
-  if (v >= 10) {
-    p -= 2;
-    std::memcpy(p, &kDigitPairs[2 * v], 2);
-  } else {
-    *--p = static_cast<char>('0' + v);
-  }
-  auto const n = static_cast<std::size_t>(digits + sizeof digits - p);
-  std::memcpy(out, p, n);
-  return out + n;
-}
-
-// The low `bytes` bytes of `v`, most significant first, as two hex digits each.
-char* format_hex_bytes(char* out, std::uint64_t v, unsigned bytes) noexcept {
-  for (unsigned i = bytes; i-- > 0; out += 2)
-    std::memcpy(out, &kHexPairs[2 * ((v >> (8 * i)) & 0xFF)], 2);
-  return out;
-}
-
-// A set bit in each byte of `word` (eight string bytes) that matches: exact for the first match
-// in memory order, which is all the scan needs (a borrow can only mark bytes after a true one).
-constexpr std::uint64_t kOnes = 0x0101010101010101ull;
-constexpr std::uint64_t kHighs = 0x8080808080808080ull;
-constexpr std::uint64_t zero_bytes(std::uint64_t x) noexcept {
-  return (x - kOnes) & ~x & kHighs;
-}
-constexpr std::uint64_t bytes_equal(std::uint64_t word, unsigned char c) noexcept {
-  return zero_bytes(word ^ (kOnes * c));
-}
-
-// Exactly `width` digits of `v` (which fits them), zero-padded.
-char* format_digits(char* out, std::uint32_t v, unsigned width) noexcept {
-  for (unsigned i = width; i-- > 0;) {
-    out[i] = static_cast<char>('0' + v % 10);
-    v /= 10;
-  }
-  return out + width;
-}
-
-// The nine-digit fraction of a second `ns` (not 0) without its trailing zeros.
-char* format_fraction(char* out, unsigned ns) noexcept {
-  unsigned width = 9;
-  while (ns % 10 == 0) {
-    ns /= 10;
-    --width;
-  }
-  return format_digits(out, ns, width);
-}
 
 impl::ScopeMessages const kScopeMessages = {
     "zoserialize::TextWriter::write_sequence_separator()",
@@ -239,7 +171,7 @@ struct TextWriter::Core {
       std::uint64_t word;
       std::memcpy(&word, p + i, sizeof word);
       // Below 0x20 (bytes of 0x80 and above are excluded by ~word), '"', '~', 0x7F.
-      std::uint64_t hit = ((word - kOnes * 0x20) & ~word & kHighs) | bytes_equal(word, '"') |
+      std::uint64_t hit = bytes_below(word, 0x20) | bytes_equal(word, '"') |
                           bytes_equal(word, '~') | bytes_equal(word, 0x7F);
       if (escape_space) hit |= bytes_equal(word, ' ');
       if (escape_high) hit |= word & kHighs;

@@ -12,6 +12,7 @@
 #include <zocore/base64.h>
 #include <zocore/ref_count_ptr.h>
 #include <zoserialize/error_codes.h>
+#include <zoserialize/impl/digits.h>
 #include <zoserialize/impl/integer_form.h>
 #include <zoserialize/impl/output_failure.h>
 #include <zoserialize/impl/scope_stack.h>
@@ -20,6 +21,13 @@
 
 namespace zoserialize {
 namespace {
+
+using impl::bytes_below;
+using impl::bytes_equal;
+using impl::format_decimal;
+using impl::format_digits;
+using impl::format_fraction;
+using impl::kHexDigits;
 
 // Bits of Core::pending: anything that the start of an operation must look at.
 constexpr std::uint8_t kStreamOpen = 1;
@@ -54,18 +62,6 @@ constexpr std::array<std::uint8_t, 256> make_classes() {
 }
 constexpr std::array<std::uint8_t, 256> kClasses = make_classes();
 
-constexpr std::uint64_t kOnes = 0x0101010101010101ull;
-constexpr std::uint64_t kHighs = 0x8080808080808080ull;
-
-// Non-zero exactly when some byte of `word` is below 0x20, or equals `c`.
-constexpr std::uint64_t bytes_below_space(std::uint64_t word) noexcept {
-  return (word - kOnes * 0x20) & ~word & kHighs;
-}
-constexpr std::uint64_t bytes_equal(std::uint64_t word, unsigned char c) noexcept {
-  std::uint64_t const x = word ^ (kOnes * c);
-  return (x - kOnes) & ~x & kHighs;
-}
-
 // The classes met in a string, eight bytes at a time.
 std::uint8_t classes_of(unsigned char const* p, std::size_t size) noexcept {
   std::uint64_t control = 0;
@@ -74,7 +70,7 @@ std::uint8_t classes_of(unsigned char const* p, std::size_t size) noexcept {
   for (; size - i >= 8; i += 8) {
     std::uint64_t word;
     std::memcpy(&word, p + i, sizeof word);
-    control |= bytes_below_space(word);
+    control |= bytes_below(word, 0x20);
     special |= bytes_equal(word, '&') | bytes_equal(word, '<') | bytes_equal(word, '>');
   }
   std::uint8_t found =
@@ -82,57 +78,6 @@ std::uint8_t classes_of(unsigned char const* p, std::size_t size) noexcept {
   for (; i < size; ++i)
     found |= kClasses[p[i]];
   return found;
-}
-
-constexpr std::array<char, 200> make_digit_pairs() {
-  std::array<char, 200> t{};
-  for (unsigned i = 0; i < 100; ++i) {
-    t[std::size_t{2} * i] = static_cast<char>('0' + i / 10);
-    t[std::size_t{2} * i + 1] = static_cast<char>('0' + i % 10);
-  }
-  return t;
-}
-constexpr std::array<char, 200> kDigitPairs = make_digit_pairs();
-
-constexpr char kHexDigits[] = "0123456789abcdef";
-
-// Decimal digits of `v` at `out`, two at a time; returns the end.
-char* format_decimal(char* out, std::uint64_t v) noexcept {
-  char digits[20];
-  char* p = digits + sizeof digits;
-  while (v >= 100) {
-    p -= 2;
-    std::memcpy(p, &kDigitPairs[2 * (v % 100)], 2);
-    v /= 100;
-  }
-  if (v >= 10) {
-    p -= 2;
-    std::memcpy(p, &kDigitPairs[2 * v], 2);
-  } else {
-    *--p = static_cast<char>('0' + v);
-  }
-  auto const n = static_cast<std::size_t>(digits + sizeof digits - p);
-  std::memcpy(out, p, n);
-  return out + n;
-}
-
-// Exactly `width` digits of `v` (which fits them), zero-padded.
-char* format_digits(char* out, std::uint32_t v, unsigned width) noexcept {
-  for (unsigned i = width; i-- > 0;) {
-    out[i] = static_cast<char>('0' + v % 10);
-    v /= 10;
-  }
-  return out + width;
-}
-
-// The nine-digit fraction of a second `ns` (not 0) without its trailing zeros.
-char* format_fraction(char* out, unsigned ns) noexcept {
-  unsigned width = 9;
-  while (ns % 10 == 0) {
-    ns /= 10;
-    --width;
-  }
-  return format_digits(out, ns, width);
 }
 
 char* copy(char* out, std::string_view text) noexcept {
