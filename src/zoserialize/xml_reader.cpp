@@ -446,6 +446,18 @@ struct XmlReader::Core {
       fail(error::zoserialize_reader_xml_schema, kSchemaMessage, function);
   }
 
+  // A value element of `token` whose text `parse` turns into the value (or fails on): the
+  // element is entered, its text parsed and the element closed.
+  template <class Parse>
+  auto read_text_value(EToken token, char const* function, Parse&& parse) {
+    if (stream) detach_stream();
+    expect(token, function);
+    take_start();
+    auto value = parse(value_text(function));
+    end_value(function);
+    return value;
+  }
+
   Integer& read_integer(bool is_signed, char const* function) {
     expect(is_signed ? EToken::SignedInteger : EToken::UnsignedInteger, function);
     take_start();
@@ -878,19 +890,16 @@ bool XmlReader::try_read_null() {
 bool XmlReader::read_bool() {
   static constexpr char kFunction[] = "zoserialize::XmlReader::read_bool()";
   Core& c = *core_;
-  if (c.stream) c.detach_stream();
-  c.expect(EToken::Boolean, kFunction);
-  c.take_start();
-  std::string_view const text = c.value_text(kFunction);
-  bool const value = text == "true";
-  if (!value && text != "false") {
-    c.fail_value(error::zoserialize_reader_xml_schema,
-                 "Invalid 'Bool' element value.  Valid values: \"true\", \"false\".  Actual: "
-                 "\"{@actualValue}\"",
-                 text, kFunction);
-  }
-  c.end_value(kFunction);
-  return value;
+  return c.read_text_value(EToken::Boolean, kFunction, [&](std::string_view text) {
+    bool const value = text == "true";
+    if (!value && text != "false") {
+      c.fail_value(error::zoserialize_reader_xml_schema,
+                   "Invalid 'Bool' element value.  Valid values: \"true\", \"false\".  Actual: "
+                   "\"{@actualValue}\"",
+                   text, kFunction);
+    }
+    return value;
+  });
 }
 
 void XmlReader::read_int_big_endian(void* data, unsigned size) {
@@ -912,36 +921,33 @@ void XmlReader::read_uint_big_endian(void* data, unsigned size) {
 double XmlReader::read_double() {
   static constexpr char kFunction[] = "zoserialize::XmlReader::read_double()";
   Core& c = *core_;
-  if (c.stream) c.detach_stream();
-  c.expect(EToken::Double, kFunction);
-  c.take_start();
-  std::string_view const text = c.value_text(kFunction);
-  double value = 0;
-  if (text == "INF") {
-    value = std::numeric_limits<double>::infinity();
-  } else if (text == "-INF") {
-    value = -std::numeric_limits<double>::infinity();
-  } else if (text == "NaN") {
-    value = std::numeric_limits<double>::quiet_NaN();
-  } else {
-    // A decimal number: a digit or a point first, after an optional minus (so none of the
-    // spellings of infinity and NaN that the number parser knows besides the three above).
-    std::size_t const first = !text.empty() && text[0] == '-' ? 1 : 0;
-    bool ok =
-        first < text.size() && ((text[first] >= '0' && text[first] <= '9') || text[first] == '.');
-    if (ok) {
-      RefCountPtr<zocore::ErrorInfo const> error;
-      value =
-          zocore::impl::string_to_double(text.data(), static_cast<unsigned>(text.size()), &error);
-      ok = !error;
+  return c.read_text_value(EToken::Double, kFunction, [&](std::string_view text) {
+    double value = 0;
+    if (text == "INF") {
+      value = std::numeric_limits<double>::infinity();
+    } else if (text == "-INF") {
+      value = -std::numeric_limits<double>::infinity();
+    } else if (text == "NaN") {
+      value = std::numeric_limits<double>::quiet_NaN();
+    } else {
+      // A decimal number: a digit or a point first, after an optional minus (so none of the
+      // spellings of infinity and NaN that the number parser knows besides the three above).
+      std::size_t const first = !text.empty() && text[0] == '-' ? 1 : 0;
+      bool ok =
+          first < text.size() && ((text[first] >= '0' && text[first] <= '9') || text[first] == '.');
+      if (ok) {
+        RefCountPtr<zocore::ErrorInfo const> error;
+        value =
+            zocore::impl::string_to_double(text.data(), static_cast<unsigned>(text.size()), &error);
+        ok = !error;
+      }
+      if (!ok) {
+        c.fail_value(error::zoserialize_reader_xml_schema,
+                     "Invalid 'Double' element value: \"{@actualValue}\"", text, kFunction);
+      }
     }
-    if (!ok) {
-      c.fail_value(error::zoserialize_reader_xml_schema,
-                   "Invalid 'Double' element value: \"{@actualValue}\"", text, kFunction);
-    }
-  }
-  c.end_value(kFunction);
-  return value;
+    return value;
+  });
 }
 
 void XmlReader::read_string(SourceString& out) {
@@ -971,60 +977,51 @@ InterfacePtr<IReadStream> XmlReader::read_string_stream() {
 AbsoluteTime XmlReader::read_absolute_time() {
   static constexpr char kFunction[] = "zoserialize::XmlReader::read_absolute_time()";
   Core& c = *core_;
-  if (c.stream) c.detach_stream();
-  c.expect(EToken::AbsoluteTime, kFunction);
-  c.take_start();
-  std::string_view const text = c.value_text(kFunction);
-  AbsoluteTime value = AbsoluteTime::infinite();
-  if (text != "INF" && !AbsoluteTime::from_string_nothrow(std::string(text), &value)) {
-    c.fail_value(error::zoserialize_reader_xml_schema,
-                 "Invalid 'AbsTime' element value.  Expecting ISO time format (YYYY-MM-DD "
-                 "hh:mm:ss.ssss) or 'INF'.  Found: \"{@actualValue}\"",
-                 text, kFunction);
-  }
-  c.end_value(kFunction);
-  return value;
+  return c.read_text_value(EToken::AbsoluteTime, kFunction, [&](std::string_view text) {
+    AbsoluteTime value = AbsoluteTime::infinite();
+    if (text != "INF" && !AbsoluteTime::from_string_nothrow(std::string(text), &value)) {
+      c.fail_value(error::zoserialize_reader_xml_schema,
+                   "Invalid 'AbsTime' element value.  Expecting ISO time format (YYYY-MM-DD "
+                   "hh:mm:ss.ssss) or 'INF'.  Found: \"{@actualValue}\"",
+                   text, kFunction);
+    }
+    return value;
+  });
 }
 
 RelativeTime XmlReader::read_relative_time() {
   static constexpr char kFunction[] = "zoserialize::XmlReader::read_relative_time()";
   Core& c = *core_;
-  if (c.stream) c.detach_stream();
-  c.expect(EToken::RelativeTime, kFunction);
-  c.take_start();
-  std::string_view const text = c.value_text(kFunction);
-  std::int64_t count = RelativeTime::kInfiniteCount;
-  if (text != "INF") {
-    if (text.size() < 3) {
-      c.fail_value(error::zoserialize_reader_xml_schema,
-                   "Element value of 'RelTime' element contains too few characters", text,
-                   kFunction);
+  return c.read_text_value(EToken::RelativeTime, kFunction, [&](std::string_view text) {
+    std::int64_t count = RelativeTime::kInfiniteCount;
+    if (text != "INF") {
+      if (text.size() < 3) {
+        c.fail_value(error::zoserialize_reader_xml_schema,
+                     "Element value of 'RelTime' element contains too few characters", text,
+                     kFunction);
+      }
+      if (!parse_relative_time(text, count)) {
+        c.fail_value(error::zoserialize_reader_xml_schema,
+                     "Invalid 'RelTime' element value.  Expecting [-]Pnnn[.nnn]S.  Actual: "
+                     "\"{@actualValue}\"",
+                     text, kFunction);
+      }
     }
-    if (!parse_relative_time(text, count)) {
-      c.fail_value(error::zoserialize_reader_xml_schema,
-                   "Invalid 'RelTime' element value.  Expecting [-]Pnnn[.nnn]S.  Actual: "
-                   "\"{@actualValue}\"",
-                   text, kFunction);
-    }
-  }
-  c.end_value(kFunction);
-  return RelativeTime(count);
+    return RelativeTime(count);
+  });
 }
 
 Uuid XmlReader::read_uuid() {
   static constexpr char kFunction[] = "zoserialize::XmlReader::read_uuid()";
   Core& c = *core_;
-  if (c.stream) c.detach_stream();
-  c.expect(EToken::Uuid, kFunction);
-  c.take_start();
-  std::string_view const text = c.value_text(kFunction);
-  Uuid value;
-  if (!Uuid::from_string_nothrow(text.data(), static_cast<unsigned>(text.size()), &value)) {
-    c.fail_value(error::zoserialize_reader_xml_schema,
-                 "Invalid 'Uuid' element value.  Actual: \"{@actualValue}\"", text, kFunction);
-  }
-  c.end_value(kFunction);
-  return value;
+  return c.read_text_value(EToken::Uuid, kFunction, [&](std::string_view text) {
+    Uuid value;
+    if (!Uuid::from_string_nothrow(text.data(), static_cast<unsigned>(text.size()), &value)) {
+      c.fail_value(error::zoserialize_reader_xml_schema,
+                   "Invalid 'Uuid' element value.  Actual: \"{@actualValue}\"", text, kFunction);
+    }
+    return value;
+  });
 }
 
 InterfacePtr<IReadStream> XmlReader::read_binary() {
