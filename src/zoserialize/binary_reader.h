@@ -101,7 +101,7 @@ class ZOSERIALIZE_API BinaryReader final : public BinaryReaderBase {
   zocore::RefCountPtr<BinaryStreamImpl> spare_;  // the last plain binary's stream, for reuse
 };
 
-inline void BinaryReader::read_marker_start() {
+[[gnu::always_inline]] inline void BinaryReader::read_marker_start() {
   // A byte in the window means no payload stream is open.
   if (in_cur_ != in_end_ && *in_cur_ == impl::kTagMarkerStart) [[likely]] {
     std::uint64_t const start = position();

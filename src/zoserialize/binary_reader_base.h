@@ -385,7 +385,7 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
 // The structural reads are small and frequent: their common forms are decoded here, inline for
 // callers holding a concrete reader; everything else (and every failure) is out of line.
 
-inline unsigned BinaryReaderBase::read_sequence_start() {
+[[gnu::always_inline]] inline unsigned BinaryReaderBase::read_sequence_start() {
   if (in_cur_ != in_end_ && (*in_cur_ & 0xF8) == 0xA0) [[likely]] {
     current_tag_ = *in_cur_++;
     unsigned const hint = current_tag_ & 0x07u;

@@ -130,7 +130,7 @@ class ZOSERIALIZE_API MemoryReader final : public BinaryReaderBase {
 
 ZOSERIALIZE_API std::ostream& operator<<(std::ostream& os, MemoryReader::Trace const& trace);
 
-inline void MemoryReader::read_marker_start() {
+[[gnu::always_inline]] inline void MemoryReader::read_marker_start() {
   if (in_cur_ != in_end_ && *in_cur_ == impl::kTagMarkerStart) [[likely]] {
     current_tag_ = *in_cur_++;
     markers_.push_back({position(), 0});
