@@ -546,61 +546,37 @@ void Tokenizer::skip_pi_body() {
     }
     fail("Whitespace is required after a processing instruction target", kFunction, location_of(p));
   }
-  for (;;) {
-    while (!has_class(*p, kPIStop))
-      ++p;
-    char const c = *p;
-    if (c == '?') {
-      if (end_ - p < 2 && !eof_) {
-        cur_ = keep_ = p;
-        refill();
-        p = cur_;
-        continue;
-      }
-      if (p[1] == '>') {
-        cur_ = p + 2;
-        return;
-      }
-      ++p;
-    } else if (c == '\n') {
-      line_feed(p++);
-    } else if (c == '\r') {
-      carriage_return(p++);
-    } else if (p == end_) {
-      cur_ = keep_ = p;
-      if (!refill()) fail_end("a processing instruction", kFunction);
-      p = cur_;
-    } else if (static_cast<unsigned char>(c) >= 0x80) {
-      std::size_t const length = utf8_at(p, kFunction);
-      if (length == 0) {
-        cur_ = keep_ = p;
-        refill();
-        p = cur_;
-      }
-      p += length;
-    } else {
-      fail_char(p, kFunction);
-    }
-  }
+  skip_to_terminator(kPIStop, '?', 2, "a processing instruction", kFunction,
+                     [](char const* at) { return at[1] == '>'; });
 }
 
 void Tokenizer::skip_comment_body() {
   static constexpr char kFunction[] = "zoxml::impl::Tokenizer::skip_comment_body()";
+  skip_to_terminator(kCommentStop, '-', 3, "a comment", kFunction, [&](char const* at) {
+    if (at[1] != '-') return false;
+    if (at[2] != '>') fail("'--' is not allowed inside a comment", kFunction, location_of(at));
+    return true;
+  });
+}
+
+template <class IsTerminator>
+void Tokenizer::skip_to_terminator(std::uint16_t stop, char lead, std::ptrdiff_t length,
+                                   char const* what, char const* function,
+                                   IsTerminator is_terminator) {
   char* p = cur_;
   for (;;) {
-    while (!has_class(*p, kCommentStop))
+    while (!has_class(*p, stop))
       ++p;
     char const c = *p;
-    if (c == '-') {
-      if (end_ - p < 3 && !eof_) {
+    if (c == lead) {
+      if (end_ - p < length && !eof_) {
         cur_ = keep_ = p;
         refill();
         p = cur_;
         continue;
       }
-      if (p[1] == '-') {
-        if (p[2] != '>') fail("'--' is not allowed inside a comment", kFunction, location_of(p));
-        cur_ = p + 3;
+      if (is_terminator(p)) {
+        cur_ = p + length;
         return;
       }
       ++p;
@@ -610,18 +586,18 @@ void Tokenizer::skip_comment_body() {
       carriage_return(p++);
     } else if (p == end_) {
       cur_ = keep_ = p;
-      if (!refill()) fail_end("a comment", kFunction);
+      if (!refill()) fail_end(what, function);
       p = cur_;
     } else if (static_cast<unsigned char>(c) >= 0x80) {
-      std::size_t const length = utf8_at(p, kFunction);
-      if (length == 0) {
+      std::size_t const length_here = utf8_at(p, function);
+      if (length_here == 0) {
         cur_ = keep_ = p;
         refill();
         p = cur_;
       }
-      p += length;
+      p += length_here;
     } else {
-      fail_char(p, kFunction);
+      fail_char(p, function);
     }
   }
 }

@@ -150,6 +150,12 @@ class Tokenizer {
   void scan_name();
   void skip_comment_body();
   void skip_pi_body();
+  // Skips a comment's or processing instruction's content (bytes of class `stop` end a fast
+  // run) up to and past its terminator: `length` bytes that start with `lead` and that
+  // is_terminator(at) accepts (it may fail instead).
+  template <class IsTerminator>
+  void skip_to_terminator(std::uint16_t stop, char lead, std::ptrdiff_t length, char const* what,
+                          char const* function, IsTerminator is_terminator);
   // DOCTYPE declaration.
   enum class EName : unsigned char { kQName, kNCName, kNmtoken };
   enum class ELiteral : unsigned char { kSystem, kPubid, kAttValue, kEntityValue };
