@@ -5,6 +5,7 @@
 #include <zocore/throw_error.h>
 #include <zoserialize/binary_reader_base.h>
 #include <zoserialize/error_codes.h>
+#include <zoserialize/impl/copy_value.h>
 #include <zoserialize/impl/integer_form.h>
 
 namespace zoserialize {
@@ -685,55 +686,20 @@ void BinaryReaderBase::skip_element() {
 }
 
 void BinaryReaderBase::copy_scalar(EToken token, Writer& writer) {
-  switch (token) {
-    case EToken::Null:
-      read_null();
-      writer.write_null();
-      return;
-    case EToken::Boolean:
-      writer.write_bool(read_bool());
-      return;
-    case EToken::SignedInteger:
-    case EToken::UnsignedInteger: {
-      // Read at the payload's own width: the writer shortens it again to the same form.
-      unsigned const fixed = kFixedPayload[static_cast<unsigned>(peek_next_tag())];
-      unsigned const width = (fixed == kNoFixedForm || fixed == 0) ? 1 : fixed;
-      unsigned char image[64];
-      if (token == EToken::SignedInteger) {
-        read_int_big_endian(image, width);
-        writer.write_int_big_endian(image, width);
-      } else {
-        read_uint_big_endian(image, width);
-        writer.write_uint_big_endian(image, width);
-      }
-      return;
-    }
-    case EToken::Double:
-      writer.write_double(read_double());
-      return;
-    case EToken::AbsoluteTime:
-      writer.write_absolute_time(read_absolute_time());
-      return;
-    case EToken::RelativeTime:
-      writer.write_relative_time(read_relative_time());
-      return;
-    case EToken::Uuid:
-      writer.write_uuid(read_uuid());
-      return;
-    case EToken::String: {
-      InterfacePtr<IReadStream> const stream = read_string_stream();
-      writer.write_string_stream(*stream);
-      stream->close();
-      return;
-    }
-    case EToken::Binary: {
-      InterfacePtr<IReadStream> const stream = read_binary();
-      writer.write_binary(*stream);
-      stream->close();
-      return;
-    }
-    default:
-      return;
+  if (token != EToken::SignedInteger && token != EToken::UnsignedInteger) {
+    impl::copy_plain_value(*this, token, writer);
+    return;
+  }
+  // Read at the payload's own width: the writer shortens it again to the same form.
+  unsigned const fixed = kFixedPayload[static_cast<unsigned>(peek_next_tag())];
+  unsigned const width = (fixed == kNoFixedForm || fixed == 0) ? 1 : fixed;
+  unsigned char image[64];
+  if (token == EToken::SignedInteger) {
+    read_int_big_endian(image, width);
+    writer.write_int_big_endian(image, width);
+  } else {
+    read_uint_big_endian(image, width);
+    writer.write_uint_big_endian(image, width);
   }
 }
 

@@ -15,6 +15,7 @@
 #include <zocore/utf8.h>
 #include <zoserialize/error_codes.h>
 #include <zoserialize/impl/base64_decoder.h>
+#include <zoserialize/impl/copy_value.h>
 #include <zoserialize/impl/integer_form.h>
 #include <zoserialize/impl/utf8_validating_stream.h>
 #include <zoserialize/xml_reader.h>
@@ -1218,13 +1219,6 @@ void XmlReader::read_copy(Writer& writer) {
         break;
       case EToken::Unknown:
         c.fail(error::zoserialize_reader_xml_schema, "Unknown element", kFunction);
-      case EToken::Null:
-        read_null();
-        writer.write_null();
-        break;
-      case EToken::Boolean:
-        writer.write_bool(read_bool());
-        break;
       case EToken::SignedInteger:
       case EToken::UnsignedInteger: {
         bool const is_signed = token == EToken::SignedInteger;
@@ -1240,31 +1234,8 @@ void XmlReader::read_copy(Writer& writer) {
         }
         break;
       }
-      case EToken::Double:
-        writer.write_double(read_double());
-        break;
-      case EToken::AbsoluteTime:
-        writer.write_absolute_time(read_absolute_time());
-        break;
-      case EToken::RelativeTime:
-        writer.write_relative_time(read_relative_time());
-        break;
-      case EToken::Uuid:
-        writer.write_uuid(read_uuid());
-        break;
-      case EToken::String: {
-        InterfacePtr<IReadStream> const stream = read_string_stream();
-        writer.write_string_stream(*stream);
-        stream->close();
-        break;
-      }
-      case EToken::Binary: {
-        InterfacePtr<IReadStream> const stream = read_binary();
-        writer.write_binary(*stream);
-        stream->close();
-        break;
-      }
       default:
+        impl::copy_plain_value(*this, token, writer);
         break;
     }
     if (open.empty()) return;
