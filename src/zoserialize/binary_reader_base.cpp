@@ -208,7 +208,7 @@ void BinaryReaderBase::throw_unexpected_tag(char const* function) {
 
 void BinaryReaderBase::throw_unexpected_tag_value(SourceLocation const& location) const {
   zocore::ErrorComposer("Tag has unexpected value.  Type={@tagType}, Value={@tagValue}")
-      .add("tagType", impl::type_prefix_name(current_tag_))
+      .add("tagType", impl::type_prefix_name(static_cast<int>(current_tag_)))
       .add("tagValue", unsigned{current_tag_})
       .throw_error(error::zoserialize_reader_data_type, location);
 }
@@ -540,9 +540,10 @@ bool BinaryReaderBase::read_sequence_next_slow() {
   SequenceEntry& top = sequences_.back();
   if (top.elements == 0) {
     int const tag = peek_next_tag();
-    if (tag < 0) [[unlikely]]
+    if (tag < 0) [[unlikely]] {
       throw_sequence_error(error::zoserialize_reader_eof, "End of data reached in sequence", 0, 0,
                            0);
+    }
     if (tag != impl::kTagSequenceEnd) {
       ++top.elements;
       return true;

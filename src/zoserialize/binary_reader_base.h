@@ -142,7 +142,7 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
   int read_tag_check_type(int prefix) {
     if (in_cur_ != in_end_ && (*in_cur_ & 0xF0) == prefix) [[likely]] {
       current_tag_ = *in_cur_++;
-      return current_tag_ & 0x0F;
+      return static_cast<int>(current_tag_ & 0x0F);
     }
     return impl_read_tag_check_type(prefix);
   }
