@@ -5,6 +5,7 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <zocore/source_location.h>
@@ -100,6 +101,26 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
   int peek_marker_end() const noexcept {
     if (in_cur_ == in_end_) return -1;
     return *in_cur_ == impl::kTagMarkerEnd ? 1 : 0;
+  }
+  // The inline front end's fast path alone, for callers that have something cheaper to try than
+  // its failure (a record reader that must see whether its marker ends before a missing field):
+  // reads `v` and returns true when the next element lies whole in the input window in a form
+  // that fits, as `>> v` would; otherwise returns false having consumed nothing.
+  bool try_read_inline(bool& v) noexcept { return decode_bool_inline(v); }
+  bool try_read_inline(double& v) noexcept { return decode_double_inline(v); }
+  bool try_read_inline(std::string& v) { return read_string_inline(v); }
+  // The integers of the front end but char (which reads as signed char).
+  template <class T>
+  requires(std::is_same_v<T, signed char> || std::is_same_v<T, unsigned char> ||
+           std::is_same_v<T, short> || std::is_same_v<T, unsigned short> ||
+           std::is_same_v<T, int> || std::is_same_v<T, unsigned> || std::is_same_v<T, long> ||
+           std::is_same_v<T, unsigned long> || std::is_same_v<T, long long> ||
+           std::is_same_v<T, unsigned long long>) bool try_read_inline(T& v) noexcept {
+    if constexpr (std::is_signed_v<T>) {
+      return decode_signed_inline(v);
+    } else {
+      return decode_unsigned_inline(v);
+    }
   }
 
  protected:
@@ -273,8 +294,10 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
     return v;
   }
 
+  // Each decoder's fast path on its own: true with the value when the element lies whole in the
+  // window in a form that fits, false having consumed nothing.
   template <class T>
-  T decode_signed() {
+  bool decode_signed_inline(T& out) noexcept {
     std::uint64_t v;
     unsigned length;
     if (window_size() >= kMaxInlineElement && decode_integer_at<true>(in_cur_, v, length)) {
@@ -282,48 +305,48 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
       if (s >= std::numeric_limits<T>::min() && s <= std::numeric_limits<T>::max()) [[likely]] {
         current_tag_ = *in_cur_;
         in_cur_ += length;
-        return static_cast<T>(s);
+        out = static_cast<T>(s);
+        return true;
       }
     }
-    return static_cast<T>(read_integer_value(true, sizeof(T), kSignedFunction));
+    return false;
   }
-
   template <class T>
-  T decode_unsigned() {
+  bool decode_unsigned_inline(T& out) noexcept {
     std::uint64_t v;
     unsigned length;
     if (window_size() >= kMaxInlineElement && decode_integer_at<false>(in_cur_, v, length) &&
         v <= std::numeric_limits<T>::max()) [[likely]] {
       current_tag_ = *in_cur_;
       in_cur_ += length;
-      return static_cast<T>(v);
+      out = static_cast<T>(v);
+      return true;
     }
-    return static_cast<T>(read_integer_value(false, sizeof(T), kUnsignedFunction));
+    return false;
   }
-
-  bool decode_bool() {
+  bool decode_bool_inline(bool& out) noexcept {
     if (in_cur_ != in_end_ && (*in_cur_ | 1) == impl::kTagTrue) [[likely]] {
       current_tag_ = *in_cur_++;
-      return current_tag_ == impl::kTagTrue;
+      out = current_tag_ == impl::kTagTrue;
+      return true;
     }
-    return read_bool_slow();
+    return false;
   }
-
-  double decode_double() {
+  bool decode_double_inline(double& out) noexcept {
     if (window_size() >= kMaxInlineElement) [[likely]] {
       unsigned length;
       double const v = decode_double_at(in_cur_, length);
       if (length != 0) [[likely]] {
         current_tag_ = *in_cur_;
         in_cur_ += length;
-        return v;
+        out = v;
+        return true;
       }
     }
-    return read_double_slow();
+    return false;
   }
-
-  // A string by value; short strings whose bytes are in the window are copied at once.
-  void read_string_value(std::string& out) {
+  // Short strings whose bytes are in the window are copied at once.
+  bool read_string_inline(std::string& out) {
     if (in_cur_ != in_end_) [[likely]] {
       unsigned char const tag = *in_cur_;
       unsigned header = 0;
@@ -340,10 +363,42 @@ class ZOSERIALIZE_API BinaryReaderBase : public Reader {
         out.clear();
         out.append(reinterpret_cast<char const*>(in_cur_ + header), length);
         in_cur_ += header + length;
-        return;
+        return true;
       }
     }
-    read_string_slow(out);
+    return false;
+  }
+
+  template <class T>
+  T decode_signed() {
+    T v;
+    if (decode_signed_inline(v)) [[likely]]
+      return v;
+    return static_cast<T>(read_integer_value(true, sizeof(T), kSignedFunction));
+  }
+  template <class T>
+  T decode_unsigned() {
+    T v;
+    if (decode_unsigned_inline(v)) [[likely]]
+      return v;
+    return static_cast<T>(read_integer_value(false, sizeof(T), kUnsignedFunction));
+  }
+  bool decode_bool() {
+    bool v;
+    if (decode_bool_inline(v)) [[likely]]
+      return v;
+    return read_bool_slow();
+  }
+  double decode_double() {
+    double v;
+    if (decode_double_inline(v)) [[likely]]
+      return v;
+    return read_double_slow();
+  }
+  // A string by value.
+  void read_string_value(std::string& out) {
+    if (!read_string_inline(out)) [[unlikely]]
+      read_string_slow(out);
   }
   // For readers that can be copied: takes over (or drops) the open sequence records.
   void copy_sequences_from(BinaryReaderBase const& other) { sequences_ = other.sequences_; }

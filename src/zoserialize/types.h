@@ -139,6 +139,13 @@ class FieldReader {
   // False, reading nothing, when the marker ends before the field.
   template <class F>
   [[gnu::always_inline]] bool read_field(F& field) {
+    // A binary reader decodes a plain field straight from its window; only when that fails (the
+    // marker's end, or anything the full read handles) is the end looked for first.
+    if constexpr (std::derived_from<R, BinaryReaderBase> &&
+                  requires(BinaryReaderBase & r) { r.try_read_inline(field); }) {
+      if (static_cast<BinaryReaderBase&>(reader_).try_read_inline(field)) [[likely]]
+        return true;
+    }
     if (impl::marker_end_is_next(reader_)) [[unlikely]]
       return false;
     read_value(reader_, field);
