@@ -11,6 +11,7 @@
 #include <support/error_matchers.h>
 #include <support/hex_bytes.h>
 #include <support/large_streams.h>
+#include <support/script.h>
 #include <support/test_streams.h>
 #include <zocore/memory_stream.h>
 #include <zocore/ref_count_ptr.h>
