@@ -35,8 +35,8 @@ class ExpectedText final : public zotest::StagedSource {
       out = "[";
       phase_ = 1;
     } else if (phase_ == 1) {
-      auto const n =
-          static_cast<unsigned>(std::min<std::uint64_t>(3 * 4096, kLargeTotal - offset_));
+      auto const n = static_cast<unsigned>(
+          std::min<std::uint64_t>(std::uint64_t{3 * 4096}, kLargeTotal - offset_));
       block_.resize(n);
       zotest::pattern_fill(offset_, block_.data(), n);
       zotest::append_base64(out, block_, false);

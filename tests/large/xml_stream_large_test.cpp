@@ -35,8 +35,8 @@ class ExpectedXml final : public zotest::StagedSource {
       out = std::string(zotest::kXmlRoot) + "<Binary encoding=\"base64\">";
       phase_ = 1;
     } else if (phase_ == 1 || phase_ == 3) {
-      auto const n =
-          static_cast<unsigned>(std::min<std::uint64_t>(3 * 4096, kLargeTotal - offset_));
+      auto const n = static_cast<unsigned>(
+          std::min<std::uint64_t>(std::uint64_t{3 * 4096}, kLargeTotal - offset_));
       block_.resize(n);
       if (phase_ == 1) {
         zotest::pattern_fill(offset_, block_.data(), n);

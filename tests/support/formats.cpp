@@ -195,9 +195,10 @@ Format text_format() {
                                                        static_cast<unsigned>(kept.size()));
     });
   });
-  for (unsigned buffer : {1u, 3u, 4096u})
+  for (unsigned buffer : {1u, 3u, 4096u}) {
     f.readers.emplace_back("Stream" + std::to_string(buffer),
                            stream_reader<zoserialize::TextReader>(buffer));
+  }
   f.readers.emplace_back("Istream7", [](std::string bytes) {
     auto in = std::make_shared<std::istringstream>(std::move(bytes));
     return owning(
@@ -240,9 +241,10 @@ Format xml_format() {
   f.column = &xml_column();
   f.writers.emplace_back("OstreamThrowing", xml_writer(1));
   f.writers.emplace_back("StringOStream", xml_writer(2));
-  for (unsigned block : {1u, 7u, 4096u})
+  for (unsigned block : {1u, 7u, 4096u}) {
     f.readers.emplace_back("Block" + std::to_string(block),
                            stream_reader<zoserialize::XmlReader>(block));
+  }
   f.readers.emplace_back("Istream", [](std::string bytes) {
     auto in = std::make_shared<std::istringstream>(std::move(bytes));
     return owning(
