@@ -41,77 +41,12 @@ namespace {
 using zocore::InterfacePtr;
 using zocore::IReadStream;
 using zofuzz::finding;
+using zofuzz::Input;
 using zofuzz::PayloadStream;
 using zofuzz::PayloadStreamPtr;
 using zofuzz::Random;
 using zoserialize::BinaryReader;
 using zoserialize::BinaryWriter;
-
-constexpr std::size_t kHeaderSize = 6;
-
-// Read-ahead sizes from 0 (raised to 1 by the reader) to beyond the default, weighted towards
-// the tiny ones where every tag and length straddles a refill.
-unsigned buffer_size_from(std::uint8_t b0, std::uint8_t b1) {
-  unsigned const v = b0 | (unsigned{b1} << 8);
-  switch (v >> 14) {
-    case 0:
-      return v & 7;
-    case 1:
-      return 1 + (v & 63);
-    case 2:
-      return 1 + v % 8192;
-    default:
-      return BinaryReader::kDefaultBufferSize;
-  }
-}
-
-// The data, delivered in pieces. Control bits 0-1 say how choppy: 0 delivers what is asked
-// (as the stream contract wants), 1-3 return ever more often fewer bytes than asked, although
-// more follow (the reader takes a short read as the end, but must stay safe either way), and 3
-// now and then returns nothing in the middle. Bit 2 hides the remaining size.
-class ChoppySource final : public IReadStream, public zocore::RefCounted<zocore::AtomicRefCount> {
- public:
-  ChoppySource(std::uint8_t const* data, std::size_t size, std::uint32_t control,
-               Random& random) noexcept
-      : cur_(data),
-        end_(data + size),
-        choppiness_(control & 3),
-        hide_size_((control & 4) != 0),
-        random_(random) {}
-
-  unsigned read(void* buffer, unsigned size) override {
-    unsigned const n = piece(size);
-    if (n != 0) __builtin_memcpy(buffer, cur_, n);
-    cur_ += n;
-    return n;
-  }
-  unsigned skip(unsigned size) override {
-    unsigned const n = piece(size);
-    cur_ += n;
-    return n;
-  }
-  unsigned bytes_remaining() const override {
-    if (hide_size_) return kUnknownSize;
-    auto const left = static_cast<std::size_t>(end_ - cur_);
-    return left >= kUnknownSize ? kUnknownSize : static_cast<unsigned>(left);
-  }
-
- private:
-  unsigned piece(unsigned asked) {
-    auto const left = static_cast<std::size_t>(end_ - cur_);
-    unsigned const most = left < asked ? static_cast<unsigned>(left) : asked;
-    if (most == 0 || choppiness_ == 0) return most;
-    if (choppiness_ == 3 && random_.one_in(64)) return 0;
-    if (random_.below(4) >= choppiness_) return most;
-    return 1 + random_.below(most);
-  }
-
-  std::uint8_t const* cur_;
-  std::uint8_t const* end_;
-  unsigned choppiness_;
-  bool hide_size_;
-  Random& random_;
-};
 
 // Copies must read back, and be stable: copying a copy gives the same bytes again (the writer's
 // forms are a fixed point of read_copy).
@@ -180,20 +115,13 @@ class BinaryWalker final : public zofuzz::Walker {
   PayloadStreamPtr kept_;
 };
 
-void run_one(std::uint8_t const* data, std::size_t size) {
-  std::uint8_t header[kHeaderSize] = {};
-  std::size_t const header_size = size < kHeaderSize ? size : kHeaderSize;
-  for (std::size_t i = 0; i < header_size; ++i)
-    header[i] = data[i];
-  std::uint32_t const control = header[2] | (std::uint32_t{header[3]} << 8) |
-                                (std::uint32_t{header[4]} << 16) | (std::uint32_t{header[5]} << 24);
-  Random random(control);
-  auto source = zocore::make_ref_counted<ChoppySource>(data + header_size, size - header_size,
-                                                       control, random);
+void run_one(Input const& in) {
+  Random random(in.control);
+  auto source = zocore::make_ref_counted<zofuzz::ChoppySource>(in, random, true, false);
 
   InterfacePtr<IReadStream> kept;
   try {
-    BinaryReader reader(source, buffer_size_from(header[0], header[1]));
+    BinaryReader reader(source, in.size_choice(0, BinaryReader::kDefaultBufferSize));
     int budget = zofuzz::kBudget;
     BinaryWalker walker(reader, random, budget);
     walker.run();
@@ -201,27 +129,11 @@ void run_one(std::uint8_t const* data, std::size_t size) {
   } catch (zocore::ErrorException const&) {
     // Rejected while finishing a stream in the reader's destructor path or the constructor.
   }
-  // The reader is gone: a stream it handed out must fail cleanly, not reach it.
-  if (kept) {
-    try {
-      char byte;
-      static_cast<void>(kept->read(&byte, 1));
-      finding("a payload stream still read after its reader was destroyed");
-    } catch (zocore::ErrorException const&) {
-    }
-  }
+  zofuzz::expect_orphan_fails(kept);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-  try {
-    run_one(data, size);
-  } catch (std::exception const& e) {
-    std::fprintf(stderr, "fuzz_binary_reader: unexpected exception: %s\n", e.what());
-    std::abort();
-  } catch (...) {
-    finding("unexpected exception of an unknown type");
-  }
-  return 0;
+  return zofuzz::run_input(run_one, data, size);
 }

@@ -78,7 +78,6 @@ using zoserialize::MemoryWriter;
 using zoserialize::Reader;
 using zotest::bytes_of;
 
-constexpr std::size_t kHeaderSize = 6;
 constexpr int kMaxDepth = 3;         // nested walkers over sub-readers and clones
 constexpr std::size_t kMaxKept = 8;  // payload streams kept past their element
 constexpr int kMaxLate = 4;          // sub-readers walked after their parent is gone
@@ -691,24 +690,17 @@ class MemoryWalker final : public zofuzz::Walker {
   int depth_;
 };
 
-void run_one(std::uint8_t const* data, std::size_t size) {
-  std::uint8_t header[kHeaderSize] = {};
-  std::size_t const header_size = size < kHeaderSize ? size : kHeaderSize;
-  for (std::size_t i = 0; i < header_size; ++i)
-    header[i] = data[i];
-  std::uint32_t const control = header[2] | (std::uint32_t{header[3]} << 8) |
-                                (std::uint32_t{header[4]} << 16) | (std::uint32_t{header[5]} << 24);
-  Random random(control);
-  std::string_view const input(reinterpret_cast<char const*>(data) + header_size,
-                               size - header_size);
+void run_one(zofuzz::Input const& in) {
+  Random random(in.control);
+  std::string_view const input(reinterpret_cast<char const*>(in.data), in.size);
 
-  MemoryListPtr list = lay_out(input, header[0] & 7, header[1], random);
+  MemoryListPtr list = lay_out(input, in.header[0] & 7, in.header[1], random);
   if (bytes_of(*list) != input || !list->validate_size()) finding("a layout lost the input");
   check_whole_copy(list, random);
 
   Shared shared;
   std::optional<MemoryWriter> writer;
-  if ((header[0] & 0x80) != 0) {
+  if ((in.header[0] & 0x80) != 0) {
     writer.emplace(list);
     shared.writer = &*writer;
   }
@@ -755,13 +747,5 @@ void fill_pools() {
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   static bool const pools_filled = (fill_pools(), true);
   static_cast<void>(pools_filled);
-  try {
-    run_one(data, size);
-  } catch (std::exception const& e) {
-    std::fprintf(stderr, "fuzz_memory_reader: unexpected exception: %s\n", e.what());
-    std::abort();
-  } catch (...) {
-    finding("unexpected exception of an unknown type");
-  }
-  return 0;
+  return zofuzz::run_input(run_one, data, size);
 }

@@ -42,6 +42,7 @@ namespace {
 using zocore::InterfacePtr;
 using zocore::IReadStream;
 using zofuzz::finding;
+using zofuzz::Input;
 using zofuzz::PayloadStream;
 using zofuzz::PayloadStreamPtr;
 using zofuzz::Random;
@@ -50,69 +51,6 @@ using zoserialize::BinaryWriter;
 using zoserialize::Reader;
 using zoserialize::TextReader;
 using zoserialize::TextWriter;
-
-constexpr std::size_t kHeaderSize = 6;
-
-// 0 reads in place; otherwise the read-ahead buffer of a stream source.
-unsigned buffer_size_from(std::uint8_t b0, std::uint8_t b1) {
-  unsigned const v = b0 | (unsigned{b1} << 8);
-  switch (v >> 14) {
-    case 0:
-      return v & 7;
-    case 1:
-      return 1 + (v & 63);
-    case 2:
-      return 1 + v % 8192;
-    default:
-      return TextReader::kDefaultBufferSize;
-  }
-}
-
-// The text, delivered in pieces. Control bits 0-1 say how choppy: 0 delivers what is asked, 1-3
-// return ever more often fewer characters than asked although more follow (the source takes a
-// short read as the end, but must stay safe either way). Bit 2 hides the remaining size.
-class ChoppySource final : public zocore::RefCounted<zocore::AtomicRefCount>, public IReadStream {
- public:
-  ChoppySource(std::uint8_t const* data, std::size_t size, std::uint32_t control,
-               Random& random) noexcept
-      : cur_(data),
-        end_(data + size),
-        choppiness_(control & 3),
-        hide_size_((control & 4) != 0),
-        random_(random) {}
-
-  unsigned read(void* buffer, unsigned size) override {
-    unsigned const n = piece(size);
-    if (n != 0) __builtin_memcpy(buffer, cur_, n);
-    cur_ += n;
-    return n;
-  }
-  unsigned skip(unsigned size) override {
-    unsigned const n = piece(size);
-    cur_ += n;
-    return n;
-  }
-  unsigned bytes_remaining() const override {
-    if (hide_size_) return kUnknownSize;
-    auto const left = static_cast<std::size_t>(end_ - cur_);
-    return left >= kUnknownSize ? kUnknownSize : static_cast<unsigned>(left);
-  }
-
- private:
-  unsigned piece(unsigned asked) {
-    auto const left = static_cast<std::size_t>(end_ - cur_);
-    unsigned const most = left < asked ? static_cast<unsigned>(left) : asked;
-    if (most == 0 || choppiness_ == 0) return most;
-    if (random_.below(4) >= choppiness_) return most;
-    return 1 + random_.below(most);
-  }
-
-  std::uint8_t const* cur_;
-  std::uint8_t const* end_;
-  unsigned choppiness_;
-  bool hide_size_;
-  Random& random_;
-};
 
 // A copy in the binary format must come back as text that reads to the same elements.
 void check_copy(std::string const& binary) {
@@ -184,17 +122,12 @@ class TextWalker final : public zofuzz::Walker {
   PayloadStreamPtr kept_;
 };
 
-void run_one(std::uint8_t const* data, std::size_t size) {
-  std::uint8_t header[kHeaderSize] = {};
-  std::size_t const header_size = size < kHeaderSize ? size : kHeaderSize;
-  for (std::size_t i = 0; i < header_size; ++i)
-    header[i] = data[i];
-  std::uint32_t const control = header[2] | (std::uint32_t{header[3]} << 8) |
-                                (std::uint32_t{header[4]} << 16) | (std::uint32_t{header[5]} << 24);
-  Random random(control);
-  unsigned const buffer = buffer_size_from(header[0], header[1]);
-  auto const* text = reinterpret_cast<char const*>(data + header_size);
-  auto const length = static_cast<unsigned>(size - header_size);
+void run_one(Input const& in) {
+  Random random(in.control);
+  // 0 reads in place; otherwise the read-ahead buffer of a stream source.
+  unsigned const buffer = in.size_choice(0, TextReader::kDefaultBufferSize);
+  auto const* text = reinterpret_cast<char const*>(in.data);
+  auto const length = static_cast<unsigned>(in.size);
 
   InterfacePtr<IReadStream> kept;
   try {
@@ -204,7 +137,7 @@ void run_one(std::uint8_t const* data, std::size_t size) {
     } else {
       reader = std::make_unique<TextReader>(
           InterfacePtr<IReadStream>(
-              zocore::make_ref_counted<ChoppySource>(data + header_size, length, control, random)),
+              zocore::make_ref_counted<zofuzz::ChoppySource>(in, random, false, false)),
           buffer);
     }
     int budget = zofuzz::kBudget;
@@ -213,27 +146,11 @@ void run_one(std::uint8_t const* data, std::size_t size) {
     kept = walker.kept_stream();
   } catch (zocore::ErrorException const&) {
   }
-  // The reader is gone: a stream it handed out must fail cleanly, not reach it.
-  if (kept) {
-    try {
-      char byte;
-      static_cast<void>(kept->read(&byte, 1));
-      finding("a payload stream still read after its reader was destroyed");
-    } catch (zocore::ErrorException const&) {
-    }
-  }
+  zofuzz::expect_orphan_fails(kept);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-  try {
-    run_one(data, size);
-  } catch (std::exception const& e) {
-    std::fprintf(stderr, "fuzz_text_reader: unexpected exception: %s\n", e.what());
-    std::abort();
-  } catch (...) {
-    finding("unexpected exception of an unknown type");
-  }
-  return 0;
+  return zofuzz::run_input(run_one, data, size);
 }

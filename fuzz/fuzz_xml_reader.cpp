@@ -45,6 +45,7 @@ namespace {
 using zocore::InterfacePtr;
 using zocore::IReadStream;
 using zofuzz::finding;
+using zofuzz::Input;
 using zofuzz::PayloadStream;
 using zofuzz::PayloadStreamPtr;
 using zofuzz::Random;
@@ -53,60 +54,6 @@ using zoserialize::BinaryWriter;
 using zoserialize::Reader;
 using zoserialize::XmlReader;
 using zoserialize::XmlWriter;
-
-constexpr std::size_t kHeaderSize = 6;
-
-// The parser's block size; 0 reads from an istream.
-std::size_t block_size_from(std::uint8_t b0, std::uint8_t b1) {
-  unsigned const v = b0 | (unsigned{b1} << 8);
-  switch (v >> 14) {
-    case 0:
-      return 1 + (v & 7);
-    case 1:
-      return 1 + (v & 63);
-    case 2:
-      return 1 + v % 8192;
-    default:
-      return (v & 1) != 0 ? 0 : XmlReader::kDefaultBlockSize;
-  }
-}
-
-// The document, delivered in pieces. Control bits 0-1 say how choppy: 0 delivers what is asked,
-// 1-3 return ever more often fewer bytes than asked although more follow (the parser takes a
-// short read as the end, but must stay safe either way).
-class ChoppySource final : public zocore::RefCounted<zocore::AtomicRefCount>, public IReadStream {
- public:
-  ChoppySource(std::uint8_t const* data, std::size_t size, std::uint32_t control,
-               Random& random) noexcept
-      : cur_(data), end_(data + size), choppiness_(control & 3), random_(random) {}
-
-  unsigned read(void* buffer, unsigned size) override {
-    unsigned const n = piece(size);
-    if (n != 0) __builtin_memcpy(buffer, cur_, n);
-    cur_ += n;
-    return n;
-  }
-  unsigned skip(unsigned size) override {
-    unsigned const n = piece(size);
-    cur_ += n;
-    return n;
-  }
-  unsigned bytes_remaining() const override { return kUnknownSize; }
-
- private:
-  unsigned piece(unsigned asked) {
-    auto const left = static_cast<std::size_t>(end_ - cur_);
-    unsigned const most = left < asked ? static_cast<unsigned>(left) : asked;
-    if (most == 0 || choppiness_ == 0) return most;
-    if (random_.below(4) >= choppiness_) return most;
-    return 1 + random_.below(most);
-  }
-
-  std::uint8_t const* cur_;
-  std::uint8_t const* end_;
-  unsigned choppiness_;
-  Random& random_;
-};
 
 // XML cannot carry U+FFFE and U+FFFF as characters; a string holding them (read from base64) is
 // written as it stands, and no parser reads that document back (docs/xml-format.md).
@@ -189,27 +136,24 @@ class XmlWalker final : public zofuzz::Walker {
   PayloadStreamPtr kept_;
 };
 
-void run_one(std::uint8_t const* data, std::size_t size) {
-  std::uint8_t header[kHeaderSize] = {};
-  std::size_t const header_size = size < kHeaderSize ? size : kHeaderSize;
-  for (std::size_t i = 0; i < header_size; ++i)
-    header[i] = data[i];
-  std::uint32_t const control = header[2] | (std::uint32_t{header[3]} << 8) |
-                                (std::uint32_t{header[4]} << 16) | (std::uint32_t{header[5]} << 24);
-  Random random(control);
-  std::size_t const block = block_size_from(header[0], header[1]);
-  std::istringstream in(
-      std::string(reinterpret_cast<char const*>(data + header_size), size - header_size));
+void run_one(Input const& in) {
+  Random random(in.control);
+  // The parser's block size; 0 reads from an istream.
+  std::size_t const block =
+      (in.selector() >> 14) == 3 && (in.selector() & 1) != 0
+          ? 0
+          : in.size_choice(1, static_cast<unsigned>(XmlReader::kDefaultBlockSize));
+  std::istringstream document(std::string(reinterpret_cast<char const*>(in.data), in.size));
 
   InterfacePtr<IReadStream> kept;
   try {
     std::unique_ptr<XmlReader> reader;
     if (block == 0) {
-      reader = std::make_unique<XmlReader>(in, 1 + random.below(16));
+      reader = std::make_unique<XmlReader>(document, 1 + random.below(16));
     } else {
       reader = std::make_unique<XmlReader>(
-          InterfacePtr<IReadStream>(zocore::make_ref_counted<ChoppySource>(
-              data + header_size, size - header_size, control, random)),
+          InterfacePtr<IReadStream>(
+              zocore::make_ref_counted<zofuzz::ChoppySource>(in, random, false, true)),
           block);
     }
     int budget = zofuzz::kBudget;
@@ -218,27 +162,11 @@ void run_one(std::uint8_t const* data, std::size_t size) {
     kept = walker.kept_stream();
   } catch (zocore::ErrorException const&) {
   }
-  // The reader is gone: a stream it handed out must fail cleanly, not reach it.
-  if (kept) {
-    try {
-      char byte;
-      static_cast<void>(kept->read(&byte, 1));
-      finding("a payload stream still read after its reader was destroyed");
-    } catch (zocore::ErrorException const&) {
-    }
-  }
+  zofuzz::expect_orphan_fails(kept);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-  try {
-    run_one(data, size);
-  } catch (std::exception const& e) {
-    std::fprintf(stderr, "fuzz_xml_reader: unexpected exception: %s\n", e.what());
-    std::abort();
-  } catch (...) {
-    finding("unexpected exception of an unknown type");
-  }
-  return 0;
+  return zofuzz::run_input(run_one, data, size);
 }

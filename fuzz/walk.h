@@ -13,12 +13,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include <zocore/atomic_ref_count.h>
 #include <zocore/error_exception.h>
+#include <zocore/ref_count_ptr.h>
+#include <zocore/ref_counted.h>
 #include <zocore/source_location.h>
 #include <zocore/source_string.h>
 #include <zocore/stream.h>
@@ -59,6 +63,119 @@ class Random {
  private:
   std::uint64_t state_;
 };
+
+// An input of a reader target: bytes 0-1 choose the reader's buffer (or block) size, bytes 2-5
+// are the control word (how the source behaves, and the seed of every random choice), the rest
+// is the data. A shorter input counts as padded with zeros.
+struct Input {
+  static constexpr std::size_t kHeaderSize = 6;
+
+  Input(std::uint8_t const* bytes, std::size_t length) noexcept {
+    std::size_t const header_size = length < kHeaderSize ? length : kHeaderSize;
+    for (std::size_t i = 0; i < header_size; ++i)
+      header[i] = bytes[i];
+    control = header[2] | (std::uint32_t{header[3]} << 8) | (std::uint32_t{header[4]} << 16) |
+              (std::uint32_t{header[5]} << 24);
+    data = bytes + header_size;
+    size = length - header_size;
+  }
+
+  // Bytes 0-1 as a size weighted towards the tiny ones, where every token straddles a refill:
+  // `smallest` plus 0 to 7, 1 to 64 or 1 to 8192, or `largest`.
+  unsigned size_choice(unsigned smallest, unsigned largest) const noexcept {
+    switch (selector() >> 14) {
+      case 0:
+        return smallest + (selector() & 7);
+      case 1:
+        return 1 + (selector() & 63);
+      case 2:
+        return 1 + selector() % 8192;
+      default:
+        return largest;
+    }
+  }
+  unsigned selector() const noexcept { return header[0] | (unsigned{header[1]} << 8); }
+
+  std::uint8_t header[kHeaderSize] = {};
+  std::uint32_t control = 0;
+  std::uint8_t const* data = nullptr;
+  std::size_t size = 0;
+};
+
+// The data, delivered in pieces. Control bits 0-1 say how choppy: 0 delivers what is asked (as
+// the stream contract wants), 1-3 return ever more often fewer bytes than asked although more
+// follow (the reader takes a short read as the end, but must stay safe either way); a source
+// that `stalls` at 3 now and then returns nothing in the middle. Bit 2 hides the remaining size
+// (always hidden when `hides_size`).
+class ChoppySource final : public zocore::RefCounted<zocore::AtomicRefCount>, public IReadStream {
+ public:
+  ChoppySource(Input const& in, Random& random, bool stalls, bool hides_size) noexcept
+      : cur_(in.data),
+        end_(in.data + in.size),
+        choppiness_(in.control & 3),
+        stalls_(stalls),
+        hide_size_(hides_size || (in.control & 4) != 0),
+        random_(random) {}
+
+  unsigned read(void* buffer, unsigned size) override {
+    unsigned const n = piece(size);
+    if (n != 0) __builtin_memcpy(buffer, cur_, n);
+    cur_ += n;
+    return n;
+  }
+  unsigned skip(unsigned size) override {
+    unsigned const n = piece(size);
+    cur_ += n;
+    return n;
+  }
+  unsigned bytes_remaining() const override {
+    if (hide_size_) return kUnknownSize;
+    auto const left = static_cast<std::size_t>(end_ - cur_);
+    return left >= kUnknownSize ? kUnknownSize : static_cast<unsigned>(left);
+  }
+
+ private:
+  unsigned piece(unsigned asked) {
+    auto const left = static_cast<std::size_t>(end_ - cur_);
+    unsigned const most = left < asked ? static_cast<unsigned>(left) : asked;
+    if (most == 0 || choppiness_ == 0) return most;
+    if (stalls_ && choppiness_ == 3 && random_.one_in(64)) return 0;
+    if (random_.below(4) >= choppiness_) return most;
+    return 1 + random_.below(most);
+  }
+
+  std::uint8_t const* cur_;
+  std::uint8_t const* end_;
+  unsigned choppiness_;
+  bool stalls_;
+  bool hide_size_;
+  Random& random_;
+};
+
+// Once its reader is gone, a payload stream it handed out must fail cleanly, not reach it.
+inline void expect_orphan_fails(InterfacePtr<IReadStream> const& kept) {
+  if (!kept) return;
+  try {
+    char byte;
+    static_cast<void>(kept->read(&byte, 1));
+    finding("a payload stream still read after its reader was destroyed");
+  } catch (zocore::ErrorException const&) {
+  }
+}
+
+// The body of LLVMFuzzerTestOneInput: runs one input; an exception other than the reader's own
+// (which `run` takes as a clean result) is a finding.
+inline int run_input(void (*run)(Input const&), std::uint8_t const* data, std::size_t size) {
+  try {
+    run(Input(data, size));
+  } catch (std::exception const& e) {
+    std::fprintf(stderr, "%s: unexpected exception: %s\n", kTargetName, e.what());
+    std::abort();
+  } catch (...) {
+    finding("unexpected exception of an unknown type");
+  }
+  return 0;
+}
 
 // A payload stream handed out by a reader. Unchecked, it only passes calls on. Checked, it knows
 // the whole payload and fails the run when the stream delivers anything else: a count other

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
+#include <support/large_streams.h>
 #include <support/test_streams.h>
 #include <zocore/ref_count_ptr.h>
 #include <zoserialize/binary_reader.h>
@@ -19,23 +19,13 @@ using zotest::ChunkedPatternSource;
 
 constexpr std::uint64_t kTotal = 4608ull << 20;  // 4.5 GiB: past every 32-bit count
 
-long peak_rss_kib() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss;
-}
-
 // Size of the chunked encoding of kTotal bytes in chunks of `chunk` bytes.
 std::uint64_t chunked_size(unsigned chunk) {
   std::uint64_t const rest = kTotal % chunk;
   return kTotal + 1 + kTotal / chunk * (chunk < 256 ? 2 : 3) + (rest == 0 ? 0 : rest < 256 ? 2 : 3);
 }
 
-class BinaryStreamLargeTest : public ::testing::Test {
- protected:
-  void TearDown() override { EXPECT_LT(peak_rss_kib() - rss_before_, 64L * 1024) << "KiB"; }
-  long rss_before_ = peak_rss_kib();
-};
+using BinaryStreamLargeTest = zotest::FlatMemoryTest;
 
 // Written through a value stream in pieces of 65535 bytes (each goes out directly as a chunk), or
 // copied from a source too large to announce its size in 32 bits (in chunks of 4096).

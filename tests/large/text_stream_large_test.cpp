@@ -7,10 +7,11 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
-#include <support/binary_golden.h>
 #include <support/error_matchers.h>
+#include <support/hex_bytes.h>
+#include <support/large_streams.h>
+#include <support/script.h>
 #include <support/test_streams.h>
 #include <zocore/memory_stream.h>
 #include <zocore/ref_count_ptr.h>
@@ -23,125 +24,60 @@ namespace {
 using zoserialize::InterfacePtr;
 using zoserialize::IReadStream;
 using zoserialize::IWriteStream;
+using zotest::kLargeTotal;
 
-constexpr std::uint64_t kTotal = (std::uint64_t{4} << 30) + 4099;  // past every 32-bit count
-constexpr unsigned kPiece = 1u << 20;
-
-long peak_rss_kib() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss;
-}
-
-// The string's bytes: printable ASCII made from the pattern, so that `"` and `~` (which the text
-// escapes) and spaces turn up throughout.
-void string_fill(std::uint64_t offset, char* out, std::size_t size) {
-  zotest::pattern_fill(offset, out, size);
-  for (std::size_t i = 0; i < size; ++i)
-    out[i] = static_cast<char>(0x20 + static_cast<unsigned char>(out[i]) % 95);
-}
-
-// The text TextWriter must produce for the binary [0, kTotal) of the pattern followed by the
-// string [0, kTotal) of string_fill: `[`, base64 without padding, `]`, `"`, the escaped string,
-// `"`. Encoded here group by group, independently of the codecs under test.
-class ExpectedText final : public zocore::RefCounted<zocore::AtomicRefCount>, public IReadStream {
- public:
-  unsigned read(void* buffer, unsigned size) override {
-    auto* out = static_cast<char*>(buffer);
-    unsigned done = 0;
-    while (done < size) {
-      if (at_ == staged_.size() && !stage()) break;
-      auto const n =
-          static_cast<unsigned>(std::min<std::size_t>(size - done, staged_.size() - at_));
-      std::copy_n(staged_.data() + at_, n, out + done);
-      at_ += n;
-      done += n;
-    }
-    return done;
-  }
-  unsigned skip(unsigned) override { return 0; }
-  unsigned bytes_remaining() const override { return kUnknownSize; }
-
- private:
-  // Stages the next piece of text; false at its end.
-  bool stage() {
-    static constexpr char kAlphabet[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    staged_.clear();
-    at_ = 0;
+// The text TextWriter must produce for the payloads of zotest::write_large_payloads: `[`, base64
+// without padding, `]`, `"`, the escaped string, `"`.
+class ExpectedText final : public zotest::StagedSource {
+  bool stage(std::string& out) override {
+    out.clear();
     if (phase_ == 0) {
-      staged_ = "[";
+      out = "[";
       phase_ = 1;
     } else if (phase_ == 1) {
-      auto const n = static_cast<unsigned>(std::min<std::uint64_t>(3 * 4096, kTotal - offset_));
+      auto const n = static_cast<unsigned>(
+          std::min<std::uint64_t>(std::uint64_t{3 * 4096}, kLargeTotal - offset_));
       block_.resize(n);
       zotest::pattern_fill(offset_, block_.data(), n);
-      for (unsigned i = 0; i < n; i += 3) {
-        unsigned const left = n - i;
-        std::uint32_t v = std::uint32_t{static_cast<unsigned char>(block_[i])} << 16;
-        if (left > 1) v |= std::uint32_t{static_cast<unsigned char>(block_[i + 1])} << 8;
-        if (left > 2) v |= static_cast<unsigned char>(block_[i + 2]);
-        staged_ += kAlphabet[v >> 18];
-        staged_ += kAlphabet[(v >> 12) & 63];
-        if (left > 1) staged_ += kAlphabet[(v >> 6) & 63];
-        if (left > 2) staged_ += kAlphabet[v & 63];
-      }
+      zotest::append_base64(out, block_, false);
       offset_ += n;
-      if (offset_ == kTotal) phase_ = 2, offset_ = 0;
+      if (offset_ == kLargeTotal) phase_ = 2, offset_ = 0;
     } else if (phase_ == 2) {
-      staged_ = "]\"";
+      out = "]\"";
       phase_ = 3;
     } else if (phase_ == 3) {
-      auto const n = static_cast<unsigned>(std::min<std::uint64_t>(8192, kTotal - offset_));
+      auto const n = static_cast<unsigned>(std::min<std::uint64_t>(8192, kLargeTotal - offset_));
       block_.resize(n);
-      string_fill(offset_, block_.data(), n);
+      zotest::printable_fill(offset_, block_.data(), n);
       for (char const c : block_) {
         if (c == '"' || c == '~') {
-          staged_ += c == '"' ? "~22" : "~7e";
+          out += c == '"' ? "~22" : "~7e";
         } else {
-          staged_ += c;
+          out += c;
         }
       }
       offset_ += n;
-      if (offset_ == kTotal) phase_ = 4;
+      if (offset_ == kLargeTotal) phase_ = 4;
     } else if (phase_ == 4) {
-      staged_ = "\"";
+      out = "\"";
       phase_ = 5;
     }
-    return !staged_.empty();
+    return !out.empty();
   }
 
   int phase_ = 0;
   std::uint64_t offset_ = 0;
   std::string block_;
-  std::string staged_;
-  std::size_t at_ = 0;
 };
 
-class TextStreamLargeTest : public ::testing::Test {
- protected:
-  void TearDown() override { EXPECT_LT(peak_rss_kib() - rss_before_, 64L * 1024) << "KiB"; }
-  long rss_before_ = peak_rss_kib();
-};
+using TextStreamLargeTest = zotest::FlatMemoryTest;
 
 TEST_F(TextStreamLargeTest, WriterStreamsMoreThan4GiB) {
   auto const sink =
       zocore::make_ref_counted<zotest::CheckingSink>(zocore::make_ref_counted<ExpectedText>());
   {
     zoserialize::TextWriter writer{InterfacePtr<IWriteStream>(sink)};
-    std::vector<char> piece(kPiece);
-    InterfacePtr<IWriteStream> const binary = writer.write_binary();
-    for (std::uint64_t done = 0; done < kTotal; done += kPiece) {
-      auto const n = static_cast<unsigned>(std::min<std::uint64_t>(kPiece, kTotal - done));
-      zotest::pattern_fill(done, piece.data(), n);
-      binary->write(piece.data(), n);
-    }
-    InterfacePtr<IWriteStream> const string = writer.write_string_stream();
-    for (std::uint64_t done = 0; done < kTotal; done += kPiece) {
-      auto const n = static_cast<unsigned>(std::min<std::uint64_t>(kPiece, kTotal - done));
-      string_fill(done, piece.data(), n);
-      string->write(piece.data(), n);
-    }
+    zotest::write_large_payloads(writer);
     writer.close();
   }
   EXPECT_TRUE(sink->matches()) << "first difference at " << sink->mismatch_offset();
@@ -151,26 +87,7 @@ TEST_F(TextStreamLargeTest, WriterStreamsMoreThan4GiB) {
 TEST_F(TextStreamLargeTest, ReaderStreamsMoreThan4GiB) {
   zoserialize::TextReader reader(
       InterfacePtr<IReadStream>(zocore::make_ref_counted<ExpectedText>()), 65536);
-  std::vector<char> block(kPiece);
-  std::vector<char> want(kPiece);
-  for (bool binary : {true, false}) {
-    InterfacePtr<IReadStream> const stream =
-        binary ? reader.read_binary() : reader.read_string_stream();
-    std::uint64_t done = 0;
-    for (unsigned n = kPiece; n == kPiece; done += n) {
-      n = stream->read(block.data(), kPiece);
-      if (binary) {
-        std::size_t const bad = zotest::pattern_mismatch(done, block.data(), n);
-        ASSERT_EQ(bad, n) << "binary differs at offset " << done + bad;
-      } else {
-        string_fill(done, want.data(), n);
-        ASSERT_TRUE(std::equal(block.begin(), block.begin() + n, want.begin()))
-            << "string differs in the piece at " << done;
-      }
-    }
-    EXPECT_EQ(done, kTotal);
-  }
-  EXPECT_TRUE(reader.is_eof());
+  zotest::read_large_payloads(reader);
 }
 
 // Read by value, a string longer than the limit fails, whether it lies whole in the window or

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include <gtest/gtest.h>
 
 #include <support/error_matchers.h>
@@ -27,6 +29,16 @@ std::string param(ErrorPtr const& info, std::string_view name) {
   if (!info) return "<no error>";
   std::string const* value = info->params().find(name);
   return value ? *value : "<missing>";
+}
+
+void expect_params(ErrorPtr const& info, std::string_view entries) {
+  for (std::size_t at = 0; at < entries.size();) {
+    std::size_t const end = std::min(entries.find('|', at), entries.size());
+    std::string_view const entry = entries.substr(at, end - at);
+    std::string_view const name = entry.substr(0, entry.find('='));
+    EXPECT_EQ(param(info, name), entry.substr(name.size() + 1)) << name;
+    at = end + 1;
+  }
 }
 
 }  // namespace zotest

@@ -23,6 +23,9 @@ ErrorPtr expect_error(std::function<void()> const& fn, zocore::ErrorCode const& 
 // The value of parameter `name` of `info`, or "<missing>".
 std::string param(ErrorPtr const& info, std::string_view name);
 
+// Checks every "name=value" entry of `entries`, separated by '|' (values may hold spaces).
+void expect_params(ErrorPtr const& info, std::string_view entries);
+
 }  // namespace zotest
 
 // ZO_EXPECT_ERROR(reader.read_bool(), error::zoserialize_reader_eof, "...") evaluates to the

@@ -60,16 +60,17 @@ Format::WriteFn binary_writer(unsigned buffer) {
   };
 }
 
-// Over a source that records its calls: once it has reported its end, it must not be asked again.
-Format::ReadFn binary_reader(unsigned buffer, bool known_size) {
+// R over a source that records its calls (once it has reported its end, it must not be asked
+// again), reading ahead `buffer` bytes at a time.
+template <class R>
+Format::ReadFn stream_reader(unsigned buffer, bool known_size = true) {
   return [=](std::string bytes) {
     auto const source = zocore::make_ref_counted<ByteSource>(std::move(bytes));
     if (!known_size) source->unknown_size();
     return owning(
         "",
         [&](std::string const&) {
-          return std::make_unique<zoserialize::BinaryReader>(
-              zocore::InterfacePtr<zocore::IReadStream>(source), buffer);
+          return std::make_unique<R>(zocore::InterfacePtr<zocore::IReadStream>(source), buffer);
         },
         [source] { EXPECT_EQ(source->calls_after_end(), 0u) << "source asked after its end"; });
   };
@@ -91,12 +92,14 @@ Format binary_format() {
   for (unsigned buffer : {0u, 1u, 7u, 16u, 4096u})
     f.writers.emplace_back("Buffer" + std::to_string(buffer), binary_writer(buffer));
   for (unsigned buffer : {0u, 1u, 7u, 4096u}) {
-    f.readers.emplace_back("Buffer" + std::to_string(buffer), binary_reader(buffer, true));
+    f.readers.emplace_back("Buffer" + std::to_string(buffer),
+                           stream_reader<zoserialize::BinaryReader>(buffer));
     f.readers.emplace_back("Buffer" + std::to_string(buffer) + "Unknown",
-                           binary_reader(buffer, false));
+                           stream_reader<zoserialize::BinaryReader>(buffer, false));
   }
   f.read_with_seam = [](std::string bytes, std::size_t seam) {
-    return binary_reader(seam == 0 ? 1 : static_cast<unsigned>(seam), true)(std::move(bytes));
+    return stream_reader<zoserialize::BinaryReader>(seam == 0 ? 1 : static_cast<unsigned>(seam))(
+        std::move(bytes));
   };
   return f;
 }
@@ -175,19 +178,6 @@ Format::WriteFn text_writer(int target) {
   };
 }
 
-Format::ReadFn text_stream_reader(unsigned buffer) {
-  return [buffer](std::string bytes) {
-    auto const source = zocore::make_ref_counted<ByteSource>(std::move(bytes));
-    return owning(
-        "",
-        [&](std::string const&) {
-          return std::make_unique<zoserialize::TextReader>(
-              zocore::InterfacePtr<zocore::IReadStream>(source), buffer);
-        },
-        [source] { EXPECT_EQ(source->calls_after_end(), 0u) << "source asked after its end"; });
-  };
-}
-
 Format text_format() {
   Format f = make_format<zoserialize::TextWriter, zoserialize::TextReader>(
       "Text", text_writer(0), [](std::string bytes) {
@@ -205,8 +195,10 @@ Format text_format() {
                                                        static_cast<unsigned>(kept.size()));
     });
   });
-  for (unsigned buffer : {1u, 3u, 4096u})
-    f.readers.emplace_back("Stream" + std::to_string(buffer), text_stream_reader(buffer));
+  for (unsigned buffer : {1u, 3u, 4096u}) {
+    f.readers.emplace_back("Stream" + std::to_string(buffer),
+                           stream_reader<zoserialize::TextReader>(buffer));
+  }
   f.readers.emplace_back("Istream7", [](std::string bytes) {
     auto in = std::make_shared<std::istringstream>(std::move(bytes));
     return owning(
@@ -214,7 +206,8 @@ Format text_format() {
         [in] {});
   });
   f.read_with_seam = [](std::string bytes, std::size_t seam) {
-    return text_stream_reader(seam == 0 ? 1 : static_cast<unsigned>(seam))(std::move(bytes));
+    return stream_reader<zoserialize::TextReader>(seam == 0 ? 1 : static_cast<unsigned>(seam))(
+        std::move(bytes));
   };
   return f;
 }
@@ -237,19 +230,6 @@ Format::WriteFn xml_writer(int target) {
   };
 }
 
-Format::ReadFn xml_stream_reader(unsigned block) {
-  return [block](std::string bytes) {
-    auto const source = zocore::make_ref_counted<ByteSource>(std::move(bytes));
-    return owning(
-        "",
-        [&](std::string const&) {
-          return std::make_unique<zoserialize::XmlReader>(
-              zocore::InterfacePtr<zocore::IReadStream>(source), block);
-        },
-        [source] { EXPECT_EQ(source->calls_after_end(), 0u) << "source asked after its end"; });
-  };
-}
-
 Format xml_format() {
   Format f = make_format<zoserialize::XmlWriter, zoserialize::XmlReader>(
       "Xml", xml_writer(0), [](std::string bytes) {
@@ -261,8 +241,10 @@ Format xml_format() {
   f.column = &xml_column();
   f.writers.emplace_back("OstreamThrowing", xml_writer(1));
   f.writers.emplace_back("StringOStream", xml_writer(2));
-  for (unsigned block : {1u, 7u, 4096u})
-    f.readers.emplace_back("Block" + std::to_string(block), xml_stream_reader(block));
+  for (unsigned block : {1u, 7u, 4096u}) {
+    f.readers.emplace_back("Block" + std::to_string(block),
+                           stream_reader<zoserialize::XmlReader>(block));
+  }
   f.readers.emplace_back("Istream", [](std::string bytes) {
     auto in = std::make_shared<std::istringstream>(std::move(bytes));
     return owning(
@@ -278,7 +260,8 @@ Format xml_format() {
         [in, parser] {});
   });
   f.read_with_seam = [](std::string bytes, std::size_t seam) {
-    return xml_stream_reader(seam == 0 ? 1 : static_cast<unsigned>(seam))(std::move(bytes));
+    return stream_reader<zoserialize::XmlReader>(seam == 0 ? 1 : static_cast<unsigned>(seam))(
+        std::move(bytes));
   };
   return f;
 }

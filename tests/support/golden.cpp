@@ -113,29 +113,9 @@ void add_integers(Rows& t) {
   t.image("UnsignedImage_64BytesTopZero", false, "00 FF*63", 64, "00 FF*63");
 }
 
-// Doubles by their bits: zeros, ones, infinities, NaNs with payloads, denormals, and values
-// whose significant bytes end at every byte of the binary64.
 void add_doubles(Rows& t) {
-  for (auto const& [name, bits] : std::initializer_list<std::pair<char const*, char const*>>{
-           {"PlusZero", "0000000000000000"},
-           {"One", "3FF0000000000000"},
-           {"MinusOne", "BFF0000000000000"},
-           {"MinusZero", "8000000000000000"},
-           {"OnePointFive", "3FF8000000000000"},
-           {"MinusInfinity", "FFF0000000000000"},
-           {"PointOne", "3FB999999999999A"},
-           {"3Bytes", "3FF0010000000000"},
-           {"4Bytes", "3FF0000100000000"},
-           {"4BytesSmallHi", "0000000100000000"},
-           {"LowWordBit", "3FF0000080000000"},
-           {"MinusZeroLowBit", "8000000000000001"},
-           {"QuietNaN", "7FF8000000000000"},
-           {"NaNPayloadLowWord", "7FF0000000000001"},
-           {"NaNPayloadHighWord", "7FF8000100000000"},
-           {"NaNPayload3Bytes", "7FF0010000000000"},
-           {"SmallestDenormal", "0000000000000001"},
-       })
-    t.add(std::string("Double_") + name, std::string("d#") + bits);
+  for (GoldenDouble const& d : golden_doubles())
+    t.add(std::string("Double_") + d.name, std::string("d#") + d.bits);
   // A float is widened exactly, so 0.1f keeps its float bits.
   t.add("Float_PointOne", "f0.1");
 }
@@ -221,6 +201,31 @@ void add_sequences_and_markers(Rows& t) {
 }
 
 }  // namespace
+
+// Zeros, ones, infinities, NaNs with payloads, denormals, and values whose significant bytes end
+// at every byte of the binary64.
+std::vector<GoldenDouble> const& golden_doubles() {
+  static std::vector<GoldenDouble> const doubles = {
+      {"PlusZero", "0000000000000000"},
+      {"One", "3FF0000000000000"},
+      {"MinusOne", "BFF0000000000000"},
+      {"MinusZero", "8000000000000000"},
+      {"OnePointFive", "3FF8000000000000"},
+      {"MinusInfinity", "FFF0000000000000"},
+      {"PointOne", "3FB999999999999A"},
+      {"3Bytes", "3FF0010000000000"},
+      {"4Bytes", "3FF0000100000000"},
+      {"4BytesSmallHi", "0000000100000000"},
+      {"LowWordBit", "3FF0000080000000"},
+      {"MinusZeroLowBit", "8000000000000001"},
+      {"QuietNaN", "7FF8000000000000"},
+      {"NaNPayloadLowWord", "7FF0000000000001"},
+      {"NaNPayloadHighWord", "7FF8000100000000"},
+      {"NaNPayload3Bytes", "7FF0010000000000"},
+      {"SmallestDenormal", "0000000000000001"},
+  };
+  return doubles;
+}
 
 std::vector<GoldenRow> const& golden_rows() {
   static std::vector<GoldenRow> const rows = [] {

@@ -41,6 +41,13 @@ struct GoldenRow {
   bool valid_text;
 };
 
+// The doubles of the rows Double_<name>, by their bits: 16 upper-case hex digits.
+struct GoldenDouble {
+  char const* name;
+  char const* bits;
+};
+std::vector<GoldenDouble> const& golden_doubles();
+
 // Every written row; built once, valid for the life of the program.
 std::vector<GoldenRow> const& golden_rows();
 GoldenRow const* find_golden_row(std::string_view name);

@@ -13,4 +13,8 @@ std::string bytes(std::string_view hex);
 // Upper-case hex digit pairs separated by spaces: "24 7F".
 std::string hex(std::string_view bytes);
 
+// Appends the base64 of `bytes`, with or without '=' padding; encoded group by group, so that
+// expected renderings do not come from the codecs under test.
+void append_base64(std::string& out, std::string_view bytes, bool pad);
+
 }  // namespace zotest

@@ -2,6 +2,7 @@
 #include <string>
 #include <utility>
 
+#include <support/hex_bytes.h>
 #include <support/test_streams.h>
 #include <support/text_golden.h>
 
@@ -9,7 +10,6 @@ namespace zotest {
 namespace {
 
 constexpr char kHex[] = "0123456789abcdef";
-constexpr char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 // The expected texts are built here from the grammar's rules, byte by byte and bit by bit, rather
 // than with the codecs under test.
@@ -35,17 +35,7 @@ std::string quoted(std::string const& bytes) {
 // `[`, unpadded base64, `]`.
 std::string binary(std::string const& bytes) {
   std::string out = "[";
-  unsigned acc = 0;
-  int bits = 0;
-  for (char const c : bytes) {
-    acc = (acc << 8) | static_cast<unsigned char>(c);
-    bits += 8;
-    while (bits >= 6) {
-      bits -= 6;
-      out += kBase64[(acc >> bits) & 63];
-    }
-  }
-  if (bits > 0) out += kBase64[(acc << (6 - bits)) & 63];
+  append_base64(out, bytes, false);
   return out + "]";
 }
 
@@ -144,26 +134,8 @@ void add_scalars(GoldenColumn& c) {
               {"UnsignedImage_33Bytes", "X1" + repeat("00", 32)},
               {"UnsignedImage_63BytesMax", "X" + repeat("ff", 63)},
               {"UnsignedImage_64BytesTopZero", "X" + repeat("ff", 63)}});
-  for (auto const& [name, bits] : std::initializer_list<std::pair<char const*, char const*>>{
-           {"PlusZero", "0000000000000000"},
-           {"One", "3FF0000000000000"},
-           {"MinusOne", "BFF0000000000000"},
-           {"MinusZero", "8000000000000000"},
-           {"OnePointFive", "3FF8000000000000"},
-           {"MinusInfinity", "FFF0000000000000"},
-           {"PointOne", "3FB999999999999A"},
-           {"3Bytes", "3FF0010000000000"},
-           {"4Bytes", "3FF0000100000000"},
-           {"4BytesSmallHi", "0000000100000000"},
-           {"LowWordBit", "3FF0000080000000"},
-           {"MinusZeroLowBit", "8000000000000001"},
-           {"QuietNaN", "7FF8000000000000"},
-           {"NaNPayloadLowWord", "7FF0000000000001"},
-           {"NaNPayloadHighWord", "7FF8000100000000"},
-           {"NaNPayload3Bytes", "7FF0010000000000"},
-           {"SmallestDenormal", "0000000000000001"},
-       })
-    c.add(std::string("Double_") + name, real(bits));
+  for (GoldenDouble const& d : golden_doubles())
+    c.add(std::string("Double_") + d.name, real(d.bits));
   c.add("Float_PointOne", real("3FB99999A0000000"));
   add_all(c, {{"AbsoluteTime_Zero", "T19700101"},
               {"AbsoluteTime_Infinite", "T"},

@@ -16,4 +16,8 @@ GoldenColumn const& xml_column();
 extern char const kXmlRoot[];
 std::string xml_document(std::string_view body);
 
+// The text of a Double element: printf's "%.18E", then trailing zeros (and a bare point) off the
+// mantissa, leading zeros and a '+' off the exponent, and no exponent at all when it is 0.
+std::string xml_double_text(double v);
+
 }  // namespace zotest

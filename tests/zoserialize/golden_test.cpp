@@ -24,6 +24,13 @@ using zotest::Format;
 using zotest::GoldenRendering;
 using zotest::GoldenRow;
 
+// Renderings longer than this (the sequences of 65535 and 65536 elements, at the count hint's
+// widest form) are checked once per format, through the interface: the concrete types' inline
+// paths take only hints below 8, which the short rows cover. Their cuts stay near both ends, and
+// a reader with a seam (whose read-ahead block is the seam position) reads them whole only at the
+// first few positions, which already put a seam at every byte of the count hint.
+constexpr std::size_t kHuge = 100000;
+
 struct GoldenCase {
   Format const* format;
   EPath path;
@@ -43,7 +50,8 @@ std::vector<GoldenCase> golden_cases() {
     for (EPath path : {EPath::kInterface, EPath::kConcrete}) {
       if (path == EPath::kConcrete && !f.own_front_end) continue;
       for (GoldenRow const& row : zotest::golden_rows()) {
-        if (auto const* rendering = f.column->find(row.name))
+        auto const* rendering = f.column->find(row.name);
+        if (rendering != nullptr && (path == EPath::kInterface || rendering->bytes.size() <= kHuge))
           out.push_back({&f, path, &row, rendering, true});
       }
       for (GoldenRow const& row : f.column->read_only())
@@ -55,14 +63,14 @@ std::vector<GoldenCase> golden_cases() {
 
 // Every position of short renderings; for long ones both ends, the first chunk boundary of
 // streamed values and a spread over the first 70000 bytes (every chunk boundary of the payload
-// rows). Renderings of hundreds of thousands of bytes (long sequences) are cut near the end only
-// a few times: each such cut reads the whole row.
+// rows); for huge ones the first 128 positions (past the XML root tag and the count hint) and the
+// last two.
 std::vector<std::size_t> cuts_of(std::size_t size) {
-  std::size_t const tail = size > 100000 ? 8 : 40;
   std::vector<std::size_t> cuts;
   for (std::size_t i = 0; i < size; ++i) {
-    if (size <= 600 || i < 40 || i + tail >= size || (i >= 4090 && i < 4100) ||
-        (i < 70000 && (i - 40) % 4099 == 0))
+    if (size > kHuge ? i < 128 || i + 2 >= size
+                     : size <= 600 || i < 40 || i + 40 >= size || (i >= 4090 && i < 4100) ||
+                           (i < 70000 && (i - 40) % 4099 == 0))
       cuts.push_back(i);
   }
   return cuts;
@@ -125,7 +133,7 @@ TEST_P(GoldenTest, WritesReadsSkipsCopiesAndFailsWhenCut) {
     auto const reader = read(bytes);
     f.read_script(*reader, c.row->script, c.path);
     EXPECT_TRUE(reader->is_eof());
-    if (c.path == EPath::kInterface) {
+    if (c.path == EPath::kInterface && (bytes.size() <= kHuge || name == "Default")) {
       EXPECT_EQ(skip_all(*read(bytes)), c.row->elements);
     }
   }
@@ -149,9 +157,11 @@ TEST_P(GoldenTest, WritesReadsSkipsCopiesAndFailsWhenCut) {
   }
   for (std::size_t cut : cuts_of(bytes.size())) {
     SCOPED_TRACE(::testing::Message() << "cut at " << cut);
-    auto const seamed = f.read_with_seam(bytes, cut);
-    f.read_script(*seamed, c.row->script, c.path);
-    EXPECT_TRUE(seamed->is_eof());
+    if (bytes.size() <= kHuge || cut < 8 || cut + 1 == bytes.size()) {
+      auto const seamed = f.read_with_seam(bytes, cut);
+      f.read_script(*seamed, c.row->script, c.path);
+      EXPECT_TRUE(seamed->is_eof());
+    }
     std::string const prefix = bytes.substr(0, cut);
     expect_incomplete(c, f.read(prefix));
     if (c.path == EPath::kConcrete) continue;
@@ -185,8 +195,9 @@ INSTANTIATE_TEST_SUITE_P(Rows, GoldenTest, ::testing::ValuesIn(golden_cases()),
                                   p.param.row->name;
                          });
 
-// Random documents nesting the golden rows: written by the writers of every format, read back by
-// each of its readers, skipped and copied (to the very same bytes), and equal to the document in
+// Random documents nesting the golden rows: written by one of the writers of every format and read
+// back by one of its readers (each seed takes the next: the rows above run every row through every
+// writer and reader), skipped and copied (to the very same bytes), and equal to the document in
 // every other format (formats that share a column write the same bytes).
 TEST(GoldenTest, RandomDocumentsRoundTripInEveryFormat) {
   for (std::uint64_t seed = 1; seed <= 30; ++seed) {
@@ -197,8 +208,7 @@ TEST(GoldenTest, RandomDocumentsRoundTripInEveryFormat) {
       std::string const bytes = f.writers[seed % f.writers.size()].second([&](Writer& w) {
         top = zotest::RandomDocument(seed).write(w, [] { return std::size_t{0}; }).size();
       });
-      for (auto const& [name, read] : f.readers)
-        zotest::RandomDocument(seed).read(*read(bytes));
+      zotest::RandomDocument(seed).read(*f.readers[seed % f.readers.size()].second(bytes));
       EXPECT_EQ(skip_all(*f.read(bytes)), top);
       std::string const copy = f.write([&](Writer& w) { f.read(bytes)->read_copy_all(w); });
       EXPECT_TRUE(copy == bytes) << f.name << ": the copy differs";

@@ -121,58 +121,56 @@ class Walker {
   bool abandon_ = false;
 };
 
-// Random documents in every format (their payloads written whole, in pieces and from streams):
-// the record written through the adapter in front of the format's writer is the record read back
-// through HashingReaderAdapter in any way, and that of a copy. The archive written through the
-// adapter is the archive written without it.
+// Random documents (their payloads written whole, in pieces and from streams), each seed in the
+// next format: the record written through the adapter in front of the format's writer is the
+// record read back through HashingReaderAdapter in any way, and that of a copy. The archive
+// written through the adapter is the archive written without it.
 TEST(HashingAdapters, SameRecordWhateverFormatAndWay) {
   auto no_position = [] { return std::size_t{0}; };
-  for (zotest::Format const& format : zotest::formats()) {
-    for (std::uint64_t seed = 1; seed <= 60; ++seed) {
-      SCOPED_TRACE(format.name + " seed " + std::to_string(seed));
-      auto reference = make_ref_counted<StringWriteStream>();
-      std::string const archive = format.write([&](Writer& w) {
-        HashingWriterAdapter adapter(w, reference);
-        zotest::RandomDocument(seed).write(adapter, no_position);
-        adapter.close();
-      });
-      ASSERT_EQ(archive, format.write([&](Writer& w) {
-        zotest::RandomDocument(seed).write(w, no_position);
-      }));
-      auto check = [&](std::function<void(Reader&, InterfacePtr<IWriteStream> const&)> const& run,
-                       char const* way) {
-        auto sink = make_ref_counted<StringWriteStream>();
-        run(*format.read(archive), sink);
-        EXPECT_EQ(sink->str(), reference->str()) << way;
-      };
+  for (std::uint64_t seed = 1; seed <= 60; ++seed) {
+    zotest::Format const& format = zotest::formats()[seed % zotest::formats().size()];
+    SCOPED_TRACE(format.name + " seed " + std::to_string(seed));
+    auto reference = make_ref_counted<StringWriteStream>();
+    std::string const archive = format.write([&](Writer& w) {
+      HashingWriterAdapter adapter(w, reference);
+      zotest::RandomDocument(seed).write(adapter, no_position);
+      adapter.close();
+    });
+    ASSERT_EQ(archive,
+              format.write([&](Writer& w) { zotest::RandomDocument(seed).write(w, no_position); }));
+    auto check = [&](std::function<void(Reader&, InterfacePtr<IWriteStream> const&)> const& run,
+                     char const* way) {
+      auto sink = make_ref_counted<StringWriteStream>();
+      run(*format.read(archive), sink);
+      EXPECT_EQ(sink->str(), reference->str()) << way;
+    };
+    check(
+        [&](Reader& r, InterfacePtr<IWriteStream> const& sink) {
+          HashingReaderAdapter adapter(r, sink);
+          zotest::RandomDocument(seed).read(adapter);
+          adapter.close();
+        },
+        "typed reads");
+    for (std::uint64_t k = 0; k < 3; ++k) {
       check(
           [&](Reader& r, InterfacePtr<IWriteStream> const& sink) {
             HashingReaderAdapter adapter(r, sink);
-            zotest::RandomDocument(seed).read(adapter);
+            Walker(adapter, seed * 31 + k).all();
             adapter.close();
           },
-          "typed reads");
-      for (std::uint64_t k = 0; k < 3; ++k) {
-        check(
-            [&](Reader& r, InterfacePtr<IWriteStream> const& sink) {
-              HashingReaderAdapter adapter(r, sink);
-              Walker(adapter, seed * 31 + k).all();
-              adapter.close();
-            },
-            "reading forms");
-      }
-      check(
-          [&](Reader& r, InterfacePtr<IWriteStream> const& sink) {
-            auto copied = make_ref_counted<StringWriteStream>();
-            HashingReaderAdapter reading(r, sink);
-            HashingWriterAdapter writing(copied);
-            reading.read_copy_all(writing);
-            reading.close();
-            writing.close();
-            EXPECT_EQ(copied->str(), reference->str()) << "copy written";
-          },
-          "copy read");
+          "reading forms");
     }
+    check(
+        [&](Reader& r, InterfacePtr<IWriteStream> const& sink) {
+          auto copied = make_ref_counted<StringWriteStream>();
+          HashingReaderAdapter reading(r, sink);
+          HashingWriterAdapter writing(copied);
+          reading.read_copy_all(writing);
+          reading.close();
+          writing.close();
+          EXPECT_EQ(copied->str(), reference->str()) << "copy written";
+        },
+        "copy read");
   }
 }
 

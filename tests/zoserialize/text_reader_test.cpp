@@ -393,14 +393,7 @@ void check_failure(FailureCase const& c, bool stream) {
                   (function.find(':') == std::string::npos ? "TextReader::" : "") + function +
                   "()");
   }
-  std::string const params = c.params;
-  for (std::size_t at = 0; at < params.size();) {
-    std::size_t const end = std::min(params.find('|', at), params.size());
-    std::string const entry = params.substr(at, end - at);
-    std::string const name = entry.substr(0, entry.find('='));
-    EXPECT_EQ(zotest::param(info, name), entry.substr(name.size() + 1)) << name;
-    at = end + 1;
-  }
+  zotest::expect_params(info, c.params);
 }
 
 TEST(TextReaderTest, FailuresReportCodeMessageParametersAndPlace) {

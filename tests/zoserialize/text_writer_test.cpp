@@ -266,6 +266,9 @@ struct FailureCase {
 
 TEST(TextWriterTest, FailuresReportCodeMessageAndParameters) {
   constexpr char kClosed[] = "TextWriter has already been closed";
+  auto const script = [](char const* text) {
+    return [text](Writer& w) { zotest::write_script(w, zotest::parse_script(text)); };
+  };
   auto const closed = [](WriteFn const& then) {
     return [then](Writer& w) {
       w.close();
@@ -283,49 +286,30 @@ TEST(TextWriterTest, FailuresReportCodeMessageAndParameters) {
       // A marker end looks at the scopes first: a closed writer has none open.
       {closed([](Writer& w) { w.write_marker_end(); }), &error::zoserialize_writer_sequence_nesting,
        "Attempt to close marker and no marker is open or on top of stack", "write_marker_end"},
-      {[](Writer& w) { w.write_sequence_separator(); }, &error::zoserialize_writer_sequence_nesting,
+      {script(","), &error::zoserialize_writer_sequence_nesting,
        "Attempt to add sequence separator and no sequence is open at top of stack",
        "write_sequence_separator"},
-      {[](Writer& w) {
-         w.write_sequence_start();
-         w.write_marker_start();
-         w.write_sequence_separator();
-       },
-       &error::zoserialize_writer_sequence_nesting,
+      {script("[ { ,"), &error::zoserialize_writer_sequence_nesting,
        "Attempt to add sequence separator and no sequence is open at top of stack",
        "write_sequence_separator"},
-      {[](Writer& w) {
-         w.write_sequence_start(2);
-         w << 1;
-         w.write_sequence_separator();
-         w << 2;
-         w.write_sequence_separator();
-       },
+      {script("[2 i1 , i2 ,"),
        &error::zoserialize_writer_sequence_element_count,
        "Attempt to add more sequence elements than the count hint indicated.  "
        "CountHint={@countHint}",
        "write_sequence_separator",
        {{"countHint", "2"}}},
-      {[](Writer& w) {
-         w.write_marker_start();
-         w.write_sequence_end();
-       },
-       &error::zoserialize_writer_sequence_nesting,
+      {script("{ ]"), &error::zoserialize_writer_sequence_nesting,
        "Attempt to close sequence and no sequence is open or on top of stack",
        "write_sequence_end"},
-      {[](Writer& w) {
-         w.write_sequence_start(3);
-         w << 1;
-         w.write_sequence_end();
-       },
+      {script("[3 i1 ]"),
        &error::zoserialize_writer_sequence_element_count,
        "Number of elements added to sequence does not match count hint.  "
        "CountHint={@countHint}, Added={@elementCount}",
        "write_sequence_end",
        {{"countHint", "3"}, {"elementCount", "1"}}},
-      {[](Writer& w) { w.write_marker_end(); }, &error::zoserialize_writer_sequence_nesting,
+      {script("}"), &error::zoserialize_writer_sequence_nesting,
        "Attempt to close marker and no marker is open or on top of stack", "write_marker_end"},
-      {[](Writer& w) { w.write_sequence_start(); }, &error::zoserialize_writer_sequence_nesting,
+      {script("["), &error::zoserialize_writer_sequence_nesting,
        "Attempt to close writer but there are sequences and/or markers that are still open",
        "close"},
   };

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <support/error_matchers.h>
+#include <support/formats.h>
 #include <support/hex_bytes.h>
 #include <support/random_document.h>
 #include <support/script.h>
@@ -15,7 +16,6 @@
 #include <zocore/core_errors.h>
 #include <zocore/memory_stream.h>
 #include <zocore/ref_count_ptr.h>
-#include <zoserialize/binary_reader.h>
 #include <zoserialize/binary_writer.h>
 #include <zoserialize/error_codes.h>
 #include <zoserialize/xml_reader.h>
@@ -51,18 +51,8 @@ std::unique_ptr<Opened> open_body(std::string const& body) {
   return open(zotest::xml_document(body));
 }
 
-std::string binary_of(std::function<void(Writer&)> const& write) {
-  auto sink = make_ref_counted<zocore::StringWriteStream>();
-  zoserialize::BinaryWriter writer(sink);
-  write(writer);
-  writer.close();
-  return sink->take();
-}
-
-std::unique_ptr<zoserialize::BinaryReader> binary_reader(std::string const& bytes) {
-  return std::make_unique<zoserialize::BinaryReader>(
-      make_ref_counted<zocore::MemoryReadStream>(bytes));
-}
+// The binary format's writer and reader, to compare and copy documents against.
+zotest::Format const& binary = zotest::formats().front();
 
 // Where two byte strings first differ, for messages that do not print megabytes.
 std::string difference(std::string const& a, std::string const& b) {
@@ -341,14 +331,7 @@ void check_failure(FailureCase const& c, std::size_t block) {
                   std::string(function.find(':') == std::string::npos ? "XmlReader::" : "") +
                   function + "()");
   }
-  std::string const params = c.params;
-  for (std::size_t at = 0; at < params.size();) {
-    std::size_t const end = std::min(params.find('|', at), params.size());
-    std::string const entry = params.substr(at, end - at);
-    std::string const name = entry.substr(0, entry.find('='));
-    EXPECT_EQ(zotest::param(info, name), entry.substr(name.size() + 1)) << name;
-    at = end + 1;
-  }
+  zotest::expect_params(info, c.params);
 }
 
 TEST(XmlReaderTest, FailuresReportCodeMessageParametersAndPlace) {
@@ -568,14 +551,14 @@ TEST(XmlReaderTest, RandomDocumentsRoundTrip) {
     char const* const unit = units[rng() % 3];
     char const* const prefix = prefixes[rng() % 3];
     SCOPED_TRACE(::testing::Message() << "seed " << seed);
-    std::string const binary =
-        binary_of([&](Writer& w) { zotest::RandomDocument(seed).write(w, [] { return 0; }); });
+    std::string const bytes =
+        binary.write([&](Writer& w) { zotest::RandomDocument(seed).write(w, [] { return 0; }); });
     std::string const xml =
-        xml_of([&](Writer& w) { binary_reader(binary)->read_copy_all(w); }, unit, prefix);
+        xml_of([&](Writer& w) { binary.read(bytes)->read_copy_all(w); }, unit, prefix);
     std::string const back =
-        binary_of([&](Writer& w) { open(xml, 1 + rng() % 64)->reader->read_copy_all(w); });
-    EXPECT_EQ(difference(back, binary), "");
-    EXPECT_TRUE(Reader::read_compare_equal_all(*open(xml)->reader, *binary_reader(binary)));
+        binary.write([&](Writer& w) { open(xml, 1 + rng() % 64)->reader->read_copy_all(w); });
+    EXPECT_EQ(difference(back, bytes), "");
+    EXPECT_TRUE(Reader::read_compare_equal_all(*open(xml)->reader, *binary.read(bytes)));
     zotest::RandomDocument(seed).read(*open(xml, 1 + rng() % 4096)->reader);
   }
 }
