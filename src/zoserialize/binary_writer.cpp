@@ -38,8 +38,8 @@ BinaryWriter::~BinaryWriter() {
 }
 
 void BinaryWriter::reset_window() noexcept {
-  out_cur_ = buffer_.get();
-  out_end_ = (stream_ && buffer_) ? buffer_.get() + capacity_ - 1 : out_cur_;
+  unsigned char* const start = buffer_.get();
+  set_window(start, (stream_ && buffer_) ? start + capacity_ - 1 : start);
 }
 
 void BinaryWriter::throw_closed_error() {

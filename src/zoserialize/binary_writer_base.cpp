@@ -140,7 +140,7 @@ BinaryWriterBase::~BinaryWriterBase() = default;
 
 void BinaryWriterBase::close() {
   finalize_previous_element();
-  scopes_.check_sequences_closed(kScopeMessages);
+  sequences_.check_closed(kScopeMessages);
 }
 
 void BinaryWriterBase::settle() {
@@ -152,6 +152,7 @@ void BinaryWriterBase::settle() {
 
 void BinaryWriterBase::mark_output_failed() noexcept {
   pending_ |= kOutputFailed;
+  update_fast_end();
   stream_slot_.abandon();
 }
 
@@ -173,6 +174,31 @@ void BinaryWriterBase::write_bool(bool value) {
   encode_bool(value);
 }
 
+void BinaryWriterBase::encode_tag_slow(unsigned char tag) {
+  finalize_previous_element();
+  emit_byte(tag);
+}
+
+void BinaryWriterBase::start_counted_marker_slow() {
+  finalize_previous_element();
+  write_marker_start_tag();
+  ++open_markers_;
+}
+
+void BinaryWriterBase::end_counted_marker_slow(char const* function) {
+  finalize_previous_element();
+  if (open_markers_ == 0) [[unlikely]]
+    throw_no_marker_to_close(function);
+  --open_markers_;
+  write_marker_end_tag();
+}
+
+void BinaryWriterBase::encode_payload_slow(unsigned char tag, void const* data, std::size_t size) {
+  unsigned const checked = size_of(size);
+  finalize_previous_element();
+  write_binary_aux(static_cast<ETypePrefix>(tag), data, checked);
+}
+
 void BinaryWriterBase::write_int_big_endian(void const* data, unsigned size) {
   auto const* image = static_cast<unsigned char const*>(data);
   if (size > 8) [[unlikely]] {
@@ -189,16 +215,19 @@ void BinaryWriterBase::emit_element(unsigned char const* element, unsigned char 
 }
 
 void BinaryWriterBase::encode_signed_slow(std::int64_t v) {
+  finalize_previous_element();
   unsigned char element[kMaxInlineElement];
   emit_element(element, put_signed(element, v));
 }
 
 void BinaryWriterBase::encode_unsigned_slow(std::uint64_t v) {
+  finalize_previous_element();
   unsigned char element[kMaxInlineElement];
   emit_element(element, put_unsigned(element, v));
 }
 
 void BinaryWriterBase::encode_double_slow(double v) {
+  finalize_previous_element();
   unsigned char element[kMaxInlineElement];
   emit_element(element, put_double(element, v));
 }
@@ -317,7 +346,10 @@ void BinaryWriterBase::write_binary(IReadStream& source) {
 }
 
 void BinaryWriterBase::write_sequence_start_slow(unsigned count_hint) {
-  if (count_hint <= 0xFF) {
+  finalize_previous_element();
+  if (count_hint < 8) {
+    emit_byte(static_cast<unsigned char>(0xA0 | count_hint));
+  } else if (count_hint <= 0xFF) {
     unsigned char const field = static_cast<unsigned char>(count_hint);
     emit_tagged(0xA8, &field, 1);
   } else if (count_hint <= 0xFFFF) {
@@ -329,13 +361,24 @@ void BinaryWriterBase::write_sequence_start_slow(unsigned count_hint) {
     impl::store_big_endian(count_hint, field);
     emit_tagged(0xAA, field, 4);
   }
-  scopes_.push_sequence(count_hint);
+  sequences_.start(count_hint);
 }
 
 void BinaryWriterBase::write_sequence_start() {
+  write_sequence_start(0);
+}
+
+void BinaryWriterBase::write_sequence_separator_slow() {
   finalize_previous_element();
-  emit_byte(0xA0);
-  scopes_.push_sequence(0);
+  sequences_.add_separator(kScopeMessages);
+  emit_byte(impl::kTagSequenceSeparator);
+}
+
+void BinaryWriterBase::write_sequence_end_slow() {
+  finalize_previous_element();
+  // The sequence counts as closed even when the count check fails.
+  sequences_.end(kScopeMessages);
+  emit_byte(impl::kTagSequenceEnd);
 }
 
 void BinaryWriterBase::throw_no_marker_to_close(char const* function) {
@@ -450,11 +493,13 @@ void BinaryWriterBase::write_marker_start_tag(unsigned size, unsigned field_size
 InterfacePtr<IWriteStream> BinaryWriterBase::create_binary_write_stream(ETypePrefix prefix) {
   finalize_previous_element();
   pending_ |= kStreamOpen;
+  update_fast_end();
   return stream_slot_.open(zocore::make_ref_counted<BinaryStreamImpl>(*this, prefix));
 }
 
 void BinaryWriterBase::finalize_binary_writer_stream() {
   pending_ &= static_cast<std::uint8_t>(~kStreamOpen);
+  update_fast_end();
   stream_slot_.finish();
 }
 

@@ -1,6 +1,9 @@
 // Encoder of the tagged binary encoding, shared by the stream and memory writers.
 #pragma once
 
+#include <array>
+#include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -98,13 +101,13 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
   BinaryWriterBase& operator<<(float v) { return encode_double(static_cast<double>(v)), *this; }
   BinaryWriterBase& operator<<(double v) { return encode_double(v), *this; }
   BinaryWriterBase& operator<<(char const* text) {
-    return encode_string(text, size_of(std::strlen(text))), *this;
+    return encode_string(text, std::strlen(text)), *this;
   }
   BinaryWriterBase& operator<<(std::string const& s) {
-    return encode_string(s.data(), size_of(s.size())), *this;
+    return encode_string(s.data(), s.size()), *this;
   }
   BinaryWriterBase& operator<<(std::string_view s) {
-    return encode_string(s.data(), size_of(s.size())), *this;
+    return encode_string(s.data(), s.size()), *this;
   }
   void write_int8(char v) { encode_signed(static_cast<signed char>(v)); }
   void write_uint8(unsigned char v) { encode_unsigned(v); }
@@ -150,12 +153,17 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
 
   // Output window: free bytes in the concrete writer's buffer that the encoder may fill
   // directly, without a virtual call. Bytes stored at out_cur_ (which is then advanced) are
-  // exactly as if they had been passed to impl_write. The concrete writer sets the window, reads
-  // back how far out_cur_ moved whenever one of its own operations runs, and empties it
-  // (out_cur_ == out_end_) whenever its output must not be written directly.
+  // exactly as if they had been passed to impl_write. The concrete writer sets the window with
+  // set_window(), reads back how far out_cur_ moved whenever one of its own operations runs, and
+  // empties it (out_cur_ == window_end()) whenever its output must not be written directly.
   unsigned char* out_cur_ = nullptr;
-  unsigned char* out_end_ = nullptr;
 
+  void set_window(unsigned char* cur, unsigned char* end) noexcept {
+    out_cur_ = cur;
+    out_end_ = end;
+    update_fast_end();
+  }
+  unsigned char* window_end() const noexcept { return out_end_; }
   unsigned window_room() const noexcept { return static_cast<unsigned>(out_end_ - out_cur_); }
 
   void emit_byte(unsigned char byte) {
@@ -185,84 +193,113 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
     }
   }
 
-  bool has_open_sequences() const noexcept { return !scopes_.empty(); }
-  bool is_complete() const noexcept { return scopes_.empty() && open_markers_ == 0; }
+  bool has_open_sequences() const noexcept { return !sequences_.empty(); }
+  bool is_complete() const noexcept { return sequences_.empty() && open_markers_ == 0; }
 
   // Markers without a size: the concrete writers' write_marker_start/end. `function` names the
   // operation in the failure raised when no marker is open. Markers and sequences are checked
   // independently of each other, so markers are only counted.
   void start_counted_marker() {
-    finalize_previous_element();
-    write_marker_start_tag();
-    ++open_markers_;
+    if (fast_room() > 0) [[likely]] {
+      put_tag(impl::kTagMarkerStart);
+      ++open_markers_;
+    } else {
+      start_counted_marker_slow();
+    }
   }
   void end_counted_marker(char const* function) {
-    finalize_previous_element();
-    if (open_markers_ == 0) [[unlikely]]
-      throw_no_marker_to_close(function);
-    --open_markers_;
-    write_marker_end_tag();
+    if (fast_room() > 0 && open_markers_ != 0) [[likely]] {
+      --open_markers_;
+      put_tag(impl::kTagMarkerEnd);
+    } else {
+      end_counted_marker_slow(function);
+    }
   }
   [[noreturn]] static void throw_no_marker_to_close(char const* function);
 
   // The open sequences (the markers are counted apart).
-  impl::ScopeStack scopes_;
+  impl::SequenceCounter sequences_;
   unsigned open_markers_ = 0;
 
   // ---- Encoders: one element each, inline when the window has room ----
-  // Each form is encoded by one function into a 9-byte area: straight into the output window
-  // when it has that much room, else into a local buffer that the slow path emits.
-  void encode_bool(bool v) {
-    finalize_previous_element();
-    emit_byte(v ? impl::kTagTrue : impl::kTagFalse);
+  // Each element has one inline fast path, taken when the window has room for it and nothing has
+  // to run first (fast_room() says both), and one out-of-line slow path that runs the whole
+  // operation: finishing an open value stream, the checks, and the bytes through the hooks.
+  // Scalars are encoded by one function into a 9-byte area: straight into the output window, or
+  // into a local buffer that the slow path emits.
+  void encode_bool(bool v) { encode_tag(v ? impl::kTagTrue : impl::kTagFalse); }
+  void encode_tag(unsigned char tag) {
+    if (fast_room() > 0) [[likely]] {
+      put_tag(tag);
+    } else {
+      encode_tag_slow(tag);
+    }
   }
   void encode_signed(std::int64_t v) {
-    finalize_previous_element();
-    if (window_room() >= kMaxInlineElement) [[likely]] {
+    if (fast_room() >= kMaxInlineElement) [[likely]] {
       out_cur_ = put_signed(out_cur_, v);
     } else {
       encode_signed_slow(v);
     }
   }
   void encode_unsigned(std::uint64_t v) {
-    finalize_previous_element();
-    if (window_room() >= kMaxInlineElement) [[likely]] {
+    if (fast_room() >= kMaxInlineElement) [[likely]] {
       out_cur_ = put_unsigned(out_cur_, v);
     } else {
       encode_unsigned_slow(v);
     }
   }
   void encode_double(double v) {
-    finalize_previous_element();
-    if (window_room() >= kMaxInlineElement) [[likely]] {
+    if (fast_room() >= kMaxInlineElement) [[likely]] {
       out_cur_ = put_double(out_cur_, v);
     } else {
       encode_double_slow(v);
     }
   }
-  void encode_string(char const* data, unsigned size) { encode_payload(0x50, data, size); }
+  void encode_string(char const* data, std::size_t size) { encode_payload(0x50, data, size); }
   // A string or binary given whole (`tag` 0x50 or 0x90): short ones (1-byte length at most)
-  // whose bytes fit the window go in directly.
-  void encode_payload(unsigned char tag, void const* data, unsigned size) {
-    finalize_previous_element();
-    if (size <= 0xFF && size + 2 <= window_room()) [[likely]] {
-      if (size < 8) {
-        *out_cur_++ = static_cast<unsigned char>(tag | size);
-      } else {
-        out_cur_[0] = static_cast<unsigned char>(tag | 8);
-        out_cur_[1] = static_cast<unsigned char>(size);
-        out_cur_ += 2;
-      }
-      impl::copy_short(out_cur_, data, size);
-      out_cur_ += size;
+  // whose bytes fit the window go in directly. A size beyond 32 bits is refused on the slow path.
+  void encode_payload(unsigned char tag, void const* data, std::size_t size) {
+    if (size <= 0xFF && static_cast<std::intptr_t>(size) + 2 <= fast_room()) [[likely]] {
+      unsigned char* out = out_cur_;
+      auto const n = static_cast<unsigned>(size);
+      // The length byte is stored in any case (the room is there) and kept only from 8 bytes on.
+      // The form is computed, not branched on: lengths vary from value to value, and a branch on
+      // them is mispredicted often enough to cost more than the whole element.
+      unsigned const has_length = (n + 0xF8) >> 8;  // n <= 0xFF: 1 from 8 bytes on, else 0
+      out[0] = static_cast<unsigned char>(tag | (n & (has_length - 1)) | (has_length << 3));
+      out[1] = static_cast<unsigned char>(n);
+      out += 1 + has_length;
+      impl::copy_short(out, data, n);
+      out_cur_ = out + n;
     } else {
-      write_binary_aux(static_cast<ETypePrefix>(tag), data, size);
+      encode_payload_slow(tag, data, size);
     }
   }
 
  private:
   // A tag and up to 8 payload bytes: the encoders store 9 bytes at once.
-  static constexpr unsigned kMaxInlineElement = 9;
+  static constexpr std::intptr_t kMaxInlineElement = 9;
+
+  // Free bytes of the window as the fast paths see them: none (or fewer than none) while an
+  // operation has to run its slow path first, because a value stream is open or the output is
+  // incomplete. That folds the per-element test of pending_ into the test of the room. fast_end_
+  // is window_end(), or 0 while pending_ is set.
+  std::intptr_t fast_room() const noexcept {
+    return static_cast<std::intptr_t>(fast_end_ - reinterpret_cast<std::uintptr_t>(out_cur_));
+  }
+  void update_fast_end() noexcept {
+    fast_end_ = pending_ != 0 ? 0 : reinterpret_cast<std::uintptr_t>(out_end_);
+  }
+  void put_tag(unsigned char tag) noexcept {
+    unsigned char* const out = out_cur_;
+    *out = tag;
+    out_cur_ = out + 1;
+  }
+
+  // The window's end as the concrete writer set it.
+  unsigned char* out_end_ = nullptr;
+  std::uintptr_t fast_end_ = 0;
 
   // The tag, then the low `width` bytes of v big-endian, as one 9-byte store at `out` (only
   // 1 + width bytes count); returns the end of the element.
@@ -273,26 +310,35 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
     std::memcpy(out + 1, &be, sizeof be);
     return out + 1 + width;
   }
+  // The width of 1, 2, 4 or 8 bytes is computed from the count of significant bits rather than
+  // found by comparisons: magnitudes that vary from value to value cost no mispredicted branch.
+  // `bits` is that count (the sign bit included for signed values); returns the value nibble.
+  static unsigned width_nibble_of(unsigned bits) noexcept { return kWidthNibble[bits]; }
+  static constexpr std::array<unsigned char, 66> kWidthNibble = [] {
+    std::array<unsigned char, 66> nibbles{};
+    for (unsigned bits = 0; bits < nibbles.size(); ++bits) {
+      nibbles[bits] = bits <= 8 ? 4 : bits <= 16 ? 5 : bits <= 32 ? 6 : 7;
+    }
+    return nibbles;
+  }();
   static unsigned char* put_signed(unsigned char* out, std::int64_t v) noexcept {
-    if (static_cast<std::uint64_t>(v) + 1 <= 2) {
+    auto const u = static_cast<std::uint64_t>(v);
+    if (u + 1 <= 2) {
       *out = v == 0 ? 0x20 : v > 0 ? 0x21 : 0x22;
       return out + 1;
     }
-    auto const u = static_cast<std::uint64_t>(v);
-    if (v == static_cast<std::int8_t>(v)) return put_low_bytes(out, 0x24, u, 1);
-    if (v == static_cast<std::int16_t>(v)) return put_low_bytes(out, 0x25, u, 2);
-    if (v == static_cast<std::int32_t>(v)) return put_low_bytes(out, 0x26, u, 4);
-    return put_low_bytes(out, 0x27, u, 8);
+    // v is neither 0 nor -1, so the magnitude below is not 0.
+    auto const magnitude = u ^ static_cast<std::uint64_t>(v >> 63);
+    unsigned const nibble = width_nibble_of(65 - std::countl_zero(magnitude));
+    return put_low_bytes(out, static_cast<unsigned char>(0x20 | nibble), u, 1u << (nibble - 4));
   }
   static unsigned char* put_unsigned(unsigned char* out, std::uint64_t v) noexcept {
     if (v <= 1) {
       *out = v == 0 ? 0x30 : 0x31;
       return out + 1;
     }
-    if (v <= 0xFF) return put_low_bytes(out, 0x34, v, 1);
-    if (v <= 0xFFFF) return put_low_bytes(out, 0x35, v, 2);
-    if (v <= 0xFFFFFFFF) return put_low_bytes(out, 0x36, v, 4);
-    return put_low_bytes(out, 0x37, v, 8);
+    unsigned const nibble = width_nibble_of(64 - std::countl_zero(v));
+    return put_low_bytes(out, static_cast<unsigned char>(0x30 | nibble), v, 1u << (nibble - 4));
   }
   // The shortest float form: the most significant bytes of the binary64 that are not all zero
   // beyond them.
@@ -320,7 +366,14 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
     std::memcpy(out + 1, &be, sizeof be);
     return out + 1 + width;
   }
+  // The slow paths of the inline operations: each runs the whole operation.
+  void start_counted_marker_slow();
+  void end_counted_marker_slow(char const* function);
+  void encode_tag_slow(unsigned char tag);
+  void encode_payload_slow(unsigned char tag, void const* data, std::size_t size);
   void write_sequence_start_slow(unsigned count_hint);
+  void write_sequence_separator_slow();
+  void write_sequence_end_slow();
   void encode_signed_slow(std::int64_t v);
   void encode_unsigned_slow(std::uint64_t v);
   void encode_double_slow(double v);
@@ -351,8 +404,7 @@ class ZOSERIALIZE_API BinaryWriterBase : public Writer {
 // concrete writer get them inline. The failures are out of line.
 
 inline void BinaryWriterBase::write_null() {
-  finalize_previous_element();
-  emit_byte(impl::kTagNull);
+  encode_tag(impl::kTagNull);
 }
 
 inline void BinaryWriterBase::write_binary(void const* data, unsigned size) {
@@ -360,26 +412,30 @@ inline void BinaryWriterBase::write_binary(void const* data, unsigned size) {
 }
 
 inline void BinaryWriterBase::write_sequence_start(unsigned count_hint) {
-  finalize_previous_element();
-  if (count_hint < 8) {
-    emit_byte(static_cast<unsigned char>(0xA0 | count_hint));
-    scopes_.push_sequence(count_hint);
+  if (fast_room() > 0 && count_hint < 8) [[likely]] {
+    put_tag(static_cast<unsigned char>(0xA0 | count_hint));
+    sequences_.start(count_hint);
   } else {
     write_sequence_start_slow(count_hint);
   }
 }
 
 inline void BinaryWriterBase::write_sequence_separator() {
-  finalize_previous_element();
-  scopes_.add_separator_to_innermost_sequence(kScopeMessages);
-  emit_byte(impl::kTagSequenceSeparator);
+  if (fast_room() > 0 && sequences_.separator_allowed()) [[likely]] {
+    sequences_.count_separator();
+    put_tag(impl::kTagSequenceSeparator);
+  } else {
+    write_sequence_separator_slow();
+  }
 }
 
 inline void BinaryWriterBase::write_sequence_end() {
-  finalize_previous_element();
-  // The sequence counts as closed even when the count check fails.
-  scopes_.end_innermost_sequence(kScopeMessages);
-  emit_byte(impl::kTagSequenceEnd);
+  if (fast_room() > 0 && sequences_.end_allowed()) [[likely]] {
+    sequences_.end_checked();
+    put_tag(impl::kTagSequenceEnd);
+  } else {
+    write_sequence_end_slow();
+  }
 }
 
 }  // namespace zoserialize

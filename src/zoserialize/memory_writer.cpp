@@ -59,9 +59,10 @@ void MemoryWriter::sync_window() noexcept {
 }
 
 void MemoryWriter::drop_window() noexcept {
-  if (out_end_ == nullptr) return;  // no window: nothing to fold in
+  if (window_end() == nullptr) return;  // no window: nothing to fold in
   sync_window();
-  out_cur_ = out_end_ = window_start_ = nullptr;
+  set_window(nullptr, nullptr);
+  window_start_ = nullptr;
 }
 
 bool MemoryWriter::last_chunk_is_shared() const noexcept {
@@ -88,8 +89,8 @@ void MemoryWriter::open_window() {
   }
   unsigned avail = 0;
   auto* const p = reinterpret_cast<unsigned char*>(list_->get_append_write_ptr(&avail, 1));
-  out_cur_ = window_start_ = p;
-  out_end_ = p + avail;
+  window_start_ = p;
+  set_window(p, p + avail);
 }
 
 void MemoryWriter::make_unique_for_write() {

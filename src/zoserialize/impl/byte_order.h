@@ -39,29 +39,50 @@ inline T load_big_endian(unsigned char const* in) noexcept {
   return static_cast<T>(byte_swap(be));
 }
 
-// Copies `n` bytes; up to 16 with two overlapping moves instead of a call. Neither range reaches
-// beyond its n bytes.
+// Copies `n` bytes (Width <= n <= 4 * Width) with four moves of `Width` bytes at offsets spread
+// evenly over the run (about 0, 1/3, 2/3 and all of n - Width, never more than Width apart), all
+// read before any is stored. Neither range reaches beyond its n bytes.
+template <unsigned Width>
+inline void copy_spread(unsigned char* d, unsigned char const* s, unsigned n) noexcept {
+  unsigned const last = n - Width;
+  unsigned const third = (last * 86) >> 8;        // last / 3 rounded down, for last <= 3 * Width
+  unsigned const two_thirds = (last * 172) >> 8;  // 2 * last / 3, likewise
+  unsigned char first[Width];
+  unsigned char second[Width];
+  unsigned char third_part[Width];
+  unsigned char fourth[Width];
+  std::memcpy(first, s, Width);
+  std::memcpy(second, s + third, Width);
+  std::memcpy(third_part, s + two_thirds, Width);
+  std::memcpy(fourth, s + last, Width);
+  std::memcpy(d, first, Width);
+  std::memcpy(d + third, second, Width);
+  std::memcpy(d + two_thirds, third_part, Width);
+  std::memcpy(d + last, fourth, Width);
+}
+
+// Copies `n` bytes (more than 16): up to 64 in four 16-byte moves rather than through memcpy,
+// whose own dispatch on the size would branch again. Out of line, so that copy_short stays small
+// enough for the compiler to inline it at every call site.
+[[gnu::noinline]] inline void copy_long(unsigned char* d, unsigned char const* s,
+                                        unsigned n) noexcept {
+  if (n <= 64) {
+    copy_spread<16>(d, s, n);
+  } else {
+    std::memcpy(d, s, n);
+  }
+}
+
+// Copies `n` bytes. Lengths vary from value to value, so each common range takes no branch of
+// its own: 4 to 16 bytes inline in four 4-byte moves, 17 to 64 in copy_long's four 16-byte moves.
+// Neither range reaches beyond its n bytes.
 inline void copy_short(void* dest, void const* source, unsigned n) noexcept {
   auto* d = static_cast<unsigned char*>(dest);
   auto const* s = static_cast<unsigned char const*>(source);
-  if (n >= 8) {
-    if (n > 16) {
-      std::memcpy(d, s, n);
-      return;
-    }
-    std::uint64_t head;
-    std::uint64_t tail;
-    std::memcpy(&head, s, 8);
-    std::memcpy(&tail, s + n - 8, 8);
-    std::memcpy(d, &head, 8);
-    std::memcpy(d + n - 8, &tail, 8);
-  } else if (n >= 4) {
-    std::uint32_t head;
-    std::uint32_t tail;
-    std::memcpy(&head, s, 4);
-    std::memcpy(&tail, s + n - 4, 4);
-    std::memcpy(d, &head, 4);
-    std::memcpy(d + n - 4, &tail, 4);
+  if (n - 4 <= 12) {
+    copy_spread<4>(d, s, n);
+  } else if (n > 16) {
+    copy_long(d, s, n);
   } else if (n != 0) {
     d[0] = s[0];
     d[n / 2] = s[n / 2];

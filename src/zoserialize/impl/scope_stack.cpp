@@ -60,6 +60,22 @@ unsigned ScopeStack::count(EKind kind) const noexcept {
   return n;
 }
 
+void SequenceCounter::end(ScopeMessages const& m) {
+  if (depth_ == 0) [[unlikely]]
+    ScopeStack::throw_end_without_sequence(m);
+  bool const complete = end_allowed();
+  ScopeStack::Entry const closed = {ScopeStack::EKind::Sequence, 0, hint_,
+                                    hint_ - static_cast<unsigned>(left_)};
+  end_checked();
+  if (!complete) [[unlikely]]
+    ScopeStack::throw_count_mismatch(m, closed);
+}
+
+void SequenceCounter::refuse_separator(ScopeMessages const& m) const {
+  if (depth_ == 0) ScopeStack::throw_separator_without_sequence(m);
+  ScopeStack::throw_too_many_elements(m, hint_);
+}
+
 void ScopeStack::throw_separator_without_sequence(ScopeMessages const& m) {
   zocore::throw_error(error::zoserialize_writer_sequence_nesting, m.separator_without_sequence,
                       here(m.separator_function));

@@ -70,6 +70,8 @@ class ZOSERIALIZE_API ScopeStack {
 
   void push_sequence(unsigned count_hint) { push({EKind::Sequence, 0, count_hint, 0}); }
   void push_marker() { push({EKind::Marker, 0, 0, 0}); }
+  // Removes the innermost scope and returns it; the stack must not be empty.
+  Entry pop() noexcept { return entries_[--size_]; }
   void clear() noexcept { size_ = 0; }
 
   // ---- Nested checks ----
@@ -142,7 +144,6 @@ class ZOSERIALIZE_API ScopeStack {
       grow();
     entries_[size_++] = e;
   }
-  Entry pop() noexcept { return entries_[--size_]; }
   void grow();
   unsigned count(EKind kind) const noexcept;
   static void count_separator(Entry& e, ScopeMessages const& m) {
@@ -170,6 +171,82 @@ class ZOSERIALIZE_API ScopeStack {
   std::unique_ptr<Entry[]> entries_;
   unsigned size_ = 0;
   unsigned capacity_ = 0;
+
+  friend class SequenceCounter;
+};
+
+// SequenceCounter keeps the open sequences of a writer that counts its markers apart (the binary
+// writers) and applies the independent checks to them, raising ScopeStack's failures. A separator
+// is one element among many in the hot loop of a writer: the innermost sequence lives in two
+// fields, so that its check is one compare and a decrement, and only the enclosing sequences wait
+// in a ScopeStack.
+class ZOSERIALIZE_API SequenceCounter {
+ public:
+  bool empty() const noexcept { return depth_ == 0; }
+
+  void start(unsigned count_hint) {
+    if (depth_ != 0) save_innermost();
+    ++depth_;
+    hint_ = count_hint;
+    left_ = count_hint != 0 ? count_hint : kUnhinted;
+  }
+
+  // True when a separator passes the checks: a sequence is open and its hint allows one more.
+  bool separator_allowed() const noexcept { return left_ > 1; }
+  // Counts a separator that separator_allowed() passed.
+  void count_separator() noexcept { --left_; }
+  // Counts a separator, or raises why it is refused.
+  void add_separator(ScopeMessages const& m) {
+    if (!separator_allowed()) [[unlikely]]
+      refuse_separator(m);
+    count_separator();
+  }
+
+  // True when the innermost sequence may end: it holds as many elements as its hint says, or it
+  // has none.
+  bool end_allowed() const noexcept { return left_ == 1 || left_ > kMaxHinted; }
+  // Ends the innermost sequence, which end_allowed() passed.
+  void end_checked() noexcept {
+    if (--depth_ != 0) {
+      restore_innermost();
+    } else {
+      hint_ = 0;
+      left_ = 0;
+    }
+  }
+  // Ends the innermost sequence, then checks its count against the hint, so the sequence counts
+  // as closed even when that check fails.
+  void end(ScopeMessages const& m);
+
+  // Fails while a sequence is open.
+  void check_closed(ScopeMessages const& m) const {
+    if (depth_ != 0) [[unlikely]]
+      ScopeStack::throw_close_with_open_scopes(m);
+  }
+
+ private:
+  // left_ of a sequence without a count hint; it only ever counts down from here.
+  static constexpr std::uint64_t kUnhinted = std::uint64_t{1} << 63;
+  static constexpr std::uint64_t kMaxHinted = 0xFFFFFFFF;
+
+  void save_innermost() {
+    outer_.push_sequence(hint_);
+    outer_.top().separators = hint_ != 0 ? hint_ - static_cast<unsigned>(left_) : 0;
+  }
+  void restore_innermost() noexcept {
+    ScopeStack::Entry const e = outer_.pop();
+    hint_ = e.count_hint;
+    left_ = e.count_hint != 0 ? e.count_hint - e.separators : kUnhinted;
+  }
+  [[noreturn]] void refuse_separator(ScopeMessages const& m) const;
+
+  // The innermost sequence: its count hint, and the separators it still allows plus one
+  // (kUnhinted and below without a hint, 0 when no sequence is open). The hint's last element
+  // leaves 1; a separator needs more.
+  std::uint64_t left_ = 0;
+  unsigned hint_ = 0;
+  unsigned depth_ = 0;  // open sequences, the innermost included
+  ScopeStack outer_;    // the sequences around the innermost one
 };
 
 }  // namespace zoserialize::impl
