@@ -9,6 +9,7 @@
 #include <zocore/stream.h>
 #include <zoserialize/binary_reader_base.h>
 #include <zoserialize/export.h>
+#include <zoserialize/impl/scope_stack.h>
 
 namespace zoserialize {
 
@@ -93,10 +94,10 @@ class ZOSERIALIZE_API BinaryReader final : public BinaryReaderBase {
   InterfacePtr<IReadStream> source_;
   std::unique_ptr<unsigned char[]> buffer_;
   unsigned capacity_;
-  mutable unsigned valid_;              // bytes the last refill delivered; 0: source ended
-  mutable std::uint64_t consumed_ = 0;  // position of mark_
-  mutable unsigned char const* mark_;   // where the window stood when consumed_ was last set
-  std::vector<MarkerRecord> markers_;   // innermost last
+  mutable unsigned valid_;                // bytes the last refill delivered; 0: source ended
+  mutable std::uint64_t consumed_ = 0;    // position of mark_
+  mutable unsigned char const* mark_;     // where the window stood when consumed_ was last set
+  impl::PodStack<MarkerRecord> markers_;  // innermost last
   zocore::RefCountPtr<BinaryStreamImplBase> current_stream_;
   zocore::RefCountPtr<BinaryStreamImpl> spare_;  // the last plain binary's stream, for reuse
 };

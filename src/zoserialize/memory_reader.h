@@ -7,6 +7,7 @@
 
 #include <zoserialize/binary_reader_base.h>
 #include <zoserialize/export.h>
+#include <zoserialize/impl/scope_stack.h>
 #include <zoserialize/memory_list.h>
 
 namespace zoserialize {
@@ -120,7 +121,7 @@ class ZOSERIALIZE_API MemoryReader final : public BinaryReaderBase {
   mutable unsigned char const* mark_ = nullptr;  // where the window stood when cursor_ was synced
   std::uint32_t start_ = 0;                      // range in the list
   std::uint32_t end_ = 0;
-  std::vector<MarkerRecord> markers_;  // innermost last
+  impl::PodStack<MarkerRecord> markers_;  // innermost last
   // The last plain payload's stream, for reuse; not copied with the reader.
   zocore::RefCountPtr<BinaryStreamImpl> spare_;
 

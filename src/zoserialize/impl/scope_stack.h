@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include <zocore/error_code.h>
 #include <zoserialize/export.h>
@@ -247,6 +249,37 @@ class ZOSERIALIZE_API SequenceCounter {
   unsigned hint_ = 0;
   unsigned depth_ = 0;  // open sequences, the innermost included
   ScopeStack outer_;    // the sequences around the innermost one
+};
+
+// The readers' stack of open markers: a push is a compare and a store. Storage only grows (out
+// of line) and is reused after pops, so a reader that opens a marker per record makes no call
+// for it. T is trivially copyable.
+template <class T>
+class PodStack {
+ public:
+  bool empty() const noexcept { return size_ == 0; }
+  std::size_t size() const noexcept { return size_; }
+  T const& back() const noexcept { return items_[size_ - 1]; }
+  void push_back(T const& value) {
+    if (size_ < items_.size()) [[likely]] {
+      items_[size_] = value;
+    } else {
+      grow(value);
+    }
+    ++size_;
+  }
+  void pop_back() noexcept { --size_; }
+  void clear() noexcept { size_ = 0; }
+  void swap(PodStack& other) noexcept {
+    items_.swap(other.items_);
+    std::swap(size_, other.size_);
+  }
+
+ private:
+  [[gnu::noinline]] void grow(T const& value) { items_.push_back(value); }
+
+  std::vector<T> items_;  // items_[0, size_) are the open entries, innermost last
+  std::size_t size_ = 0;
 };
 
 }  // namespace zoserialize::impl
