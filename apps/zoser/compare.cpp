@@ -402,12 +402,8 @@ int run(Arguments const& args) {
   std::unique_ptr<Source> sources[2];
   for (int side = 0; side < 2; ++side) {
     std::string const& name = side == 0 ? name_a : name_b;
-    try {
-      sources[side] = std::make_unique<Source>(name, from, Progress::EMode::kOff);
-    } catch (zocore::ErrorException const& e) {
-      print_error(name, "", *e.info());
-      return kExitError;
-    }
+    sources[side] = Source::open(name, from, Progress::EMode::kOff);
+    if (!sources[side]) return kExitError;
   }
   Comparison comparison(sources[0]->reader(), sources[1]->reader());
   std::optional<std::string> difference;

@@ -89,14 +89,9 @@ int run(Arguments const& args) {
   WriterOptions const options = writer_options(args, to);
   require_writable(to);
 
-  std::unique_ptr<Source> source;
-  try {
-    source = std::make_unique<Source>(in, from,
-                                      Progress::mode_for(args.has("quiet"), args.has("progress")));
-  } catch (zocore::ErrorException const& e) {
-    print_error(in, "", *e.info());
-    return kExitError;
-  }
+  std::unique_ptr<Source> const source =
+      Source::open(in, from, Progress::mode_for(args.has("quiet"), args.has("progress")));
+  if (!source) return kExitError;
   try {
     Output output(out);
     std::unique_ptr<zoserialize::Writer> writer = make_writer(to, output, options);

@@ -45,14 +45,9 @@ int run(Arguments const& args) {
   options.max_depth = static_cast<unsigned>(args.number("max-depth", 0, 0, 0xFFFFFFFEu));
   require_writable(trace);
 
-  std::unique_ptr<Source> source;
-  try {
-    source = std::make_unique<Source>(in, from,
-                                      Progress::mode_for(args.has("quiet"), args.has("progress")));
-  } catch (zocore::ErrorException const& e) {
-    print_error(in, "", *e.info());
-    return kExitError;
-  }
+  std::unique_ptr<Source> const source =
+      Source::open(in, from, Progress::mode_for(args.has("quiet"), args.has("progress")));
+  if (!source) return kExitError;
   try {
     Output output("-");
     std::unique_ptr<zoserialize::Writer> writer = make_writer(trace, output, options);

@@ -54,11 +54,8 @@ int run(Arguments const& args) {
   Progress::EMode const progress = Progress::mode_for(args.has("quiet"), args.has("progress"));
   int status = kExitOk;
   for (std::string const& name : names) {
-    std::unique_ptr<Source> source;
-    try {
-      source = std::make_unique<Source>(name, from, progress);
-    } catch (zocore::ErrorException const& e) {
-      print_error(name, "", *e.info());
+    std::unique_ptr<Source> const source = Source::open(name, from, progress);
+    if (!source) {
       status = kExitError;
       continue;
     }

@@ -1,5 +1,7 @@
 #include "source.h"
 
+#include <zocore/error_exception.h>
+
 #include "detect.h"
 #include "errors.h"
 
@@ -11,6 +13,16 @@ Source::Source(std::string const& name, Format const* format, Progress::EMode pr
   require_readable(*format_);
   input_->show_progress(progress);
   reader_ = make_reader(*format_, input_->stream());
+}
+
+std::unique_ptr<Source> Source::open(std::string const& name, Format const* format,
+                                     Progress::EMode progress) {
+  try {
+    return std::make_unique<Source>(name, format, progress);
+  } catch (zocore::ErrorException const& e) {
+    print_error(name, "", *e.info());
+    return nullptr;
+  }
 }
 
 Source::~Source() {

@@ -23,6 +23,10 @@ class Source {
   Source(Source const&) = delete;
   Source& operator=(Source const&) = delete;
   ~Source();
+  // The same, but a failure to open is printed as the tool's error line for `name` and gives
+  // null instead of an exception.
+  static std::unique_ptr<Source> open(std::string const& name, Format const* format,
+                                      Progress::EMode progress);
 
   std::string const& name() const noexcept { return input_->name(); }
   Format const& format() const noexcept { return *format_; }

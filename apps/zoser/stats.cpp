@@ -48,14 +48,9 @@ int run(Arguments const& args) {
   args.expect_positionals(0, 1, kNames);
   std::string const in = args.positionals().empty() ? "-" : args.positionals()[0];
   Format const* const from = input_format_option(args);
-  std::unique_ptr<Source> source;
-  try {
-    source = std::make_unique<Source>(in, from,
-                                      Progress::mode_for(args.has("quiet"), args.has("progress")));
-  } catch (zocore::ErrorException const& e) {
-    print_error(in, "", *e.info());
-    return kExitError;
-  }
+  std::unique_ptr<Source> const source =
+      Source::open(in, from, Progress::mode_for(args.has("quiet"), args.has("progress")));
+  if (!source) return kExitError;
   StatsWriter counter;
   try {
     source->reader().read_copy_all(counter);
